@@ -1,0 +1,108 @@
+#include "marshal.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace {
+
+constexpr jsize kGuaranteedLocalReferences = 16;
+
+/// What the virtual machine made, or JavaOutOfMemory.
+template <class T>
+T made(T result) {
+  if (result == nullptr) throw JavaOutOfMemory();
+  return result;
+}
+
+/// Whether the exception being handled came with a Java exception.
+bool javaKnows() {
+  try {
+    throw;
+  } catch (const JavaOutOfMemory&) {
+    return true;
+  } catch (...) {
+    return false;
+  }
+}
+
+}  // namespace
+
+StringInput::StringInput(JNIEnv* env, jstring string)
+    : env_(env), string_(string), characters_(made(env->GetStringUTFChars(string, nullptr))) {}
+
+CK_ULONG StringInput::length() const { return std::strlen(characters_); }
+
+CK_UTF8CHAR_PTR StringInput::pin() const {
+  return reinterpret_cast<CK_UTF8CHAR_PTR>(const_cast<char*>(characters_));
+}
+
+void ByteInput::take() {
+  elements_ = made(env_->GetByteArrayElements(array_, nullptr));
+  copy_ = zeroed<CK_BYTE>(size());
+  std::copy_n(elements_, length_, copy_.get());
+}
+
+void ByteInput::release() {
+  if (elements_ != nullptr) env_->ReleaseByteArrayElements(array_, elements_, 0);
+  elements_ = nullptr;
+}
+
+void ByteInput::discard() {
+  if (copy_ != nullptr) wipe(copy_.get(), size());
+  copy_ = nullptr;
+}
+
+jbyteArray byteArray(JNIEnv* env, std::span<const CK_BYTE> bytes) {
+  const auto length = static_cast<jsize>(bytes.size());
+  const jbyteArray array = made(env->NewByteArray(length));
+  env->SetByteArrayRegion(array, 0, length, reinterpret_cast<const jbyte*>(bytes.data()));
+  return array;
+}
+
+jintArray intArray(JNIEnv* env, std::span<const jint> numbers) {
+  const auto length = static_cast<jsize>(numbers.size());
+  const jintArray array = made(env->NewIntArray(length));
+  env->SetIntArrayRegion(array, 0, length, numbers.data());
+  return array;
+}
+
+StatusArray::StatusArray(JNIEnv* env) : env_(env), array_(made(env->NewByteArray(1))) {}
+
+jbyteArray StatusArray::holding(CK_RV code) const {
+  const auto low8 = static_cast<jbyte>(code);
+  env_->SetByteArrayRegion(array_, 0, 1, &low8);
+  return array_;
+}
+
+ListResult::ListResult(JNIEnv* env, jbyteArray status, jsize length)
+    : env_(env),
+      array_(made(env->NewObjectArray(length, env->GetObjectClass(status), nullptr))),
+      large_(length > kGuaranteedLocalReferences) {
+  env_->SetObjectArrayElement(array_, 0, status);
+}
+
+void ListResult::store(jsize index, jbyteArray element) {
+  env_->SetObjectArrayElement(array_, index, element);
+  if (large_) env_->DeleteLocalRef(element);
+}
+
+jobjectArray statusOnly(JNIEnv* env, jbyteArray status) { return ListResult(env, status, 1).array(); }
+
+jbyteArray outOfMemoryStatus(JNIEnv* env) try {
+  return javaKnows() ? nullptr : StatusArray(env).holding(CKR_HOST_MEMORY);
+} catch (...) {
+  return nullptr;
+}
+
+jintArray outOfMemoryNumbers(JNIEnv* env) try {
+  return javaKnows() ? nullptr : intArray(env, {});
+} catch (...) {
+  return nullptr;
+}
+
+jobjectArray outOfMemoryList(JNIEnv* env) try {
+  const jbyteArray status = outOfMemoryStatus(env);
+  return status == nullptr ? nullptr : statusOnly(env, status);
+} catch (...) {
+  return nullptr;
+}

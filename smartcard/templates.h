@@ -1,0 +1,115 @@
+#pragma once
+
+#include <p11-kit/pkcs11.h>
+
+#include <array>
+
+#include "marshal.h"
+#include "module.h"
+
+// Attributes. Constants have static storage and byte strings belong to the inputs, so that an attribute, and
+// a template made of attributes, may be copied freely.
+
+/// A CK_ULONG attribute of a fixed value: an object class, a key type, a certificate type.
+template <CK_ATTRIBUTE_TYPE Type, CK_ULONG Value>
+CK_ATTRIBUTE constant() {
+  static const CK_ULONG value = Value;
+  return {Type, const_cast<CK_ULONG*>(&value), sizeof value};
+}
+
+template <CK_OBJECT_CLASS Class>
+CK_ATTRIBUTE objectClass() {
+  return constant<CKA_CLASS, Class>();
+}
+inline CK_ATTRIBUTE rsa() { return constant<CKA_KEY_TYPE, CKK_RSA>(); }
+inline CK_ATTRIBUTE x509() { return constant<CKA_CERTIFICATE_TYPE, CKC_X_509>(); }
+
+inline CK_ATTRIBUTE flag(CK_ATTRIBUTE_TYPE type, CK_BBOOL& value) { return {type, &value, sizeof value}; }
+
+inline CK_ATTRIBUTE bytes(CK_ATTRIBUTE_TYPE type, const ByteInput& input) {
+  return {type, input.data(), input.size()};
+}
+
+// Inputs that travel together. Each is taken and released in the order of its members.
+
+/// What names a certificate beside its ID and label, all as DER.
+struct CertificateNames {
+  ByteInput subject;
+  ByteInput issuer;
+  ByteInput serialNumber;
+
+  void take() { takeAll(subject, issuer, serialNumber); }
+  void release() { releaseAll(subject, issuer, serialNumber); }
+  void discard() { discardAll(subject, issuer, serialNumber); }
+};
+
+/// A whole RSA private key. All but the first two members are secret.
+struct RsaComponents {
+  ByteInput modulus;
+  ByteInput publicExponent;
+  ByteInput privateExponent;
+  ByteInput prime1;
+  ByteInput prime2;
+  ByteInput exponent1;
+  ByteInput exponent2;
+  ByteInput coefficient;
+
+  void take() {
+    takeAll(modulus, publicExponent, privateExponent, prime1, prime2, exponent1, exponent2, coefficient);
+  }
+  void release() {
+    releaseAll(modulus, publicExponent, privateExponent, prime1, prime2, exponent1, exponent2, coefficient);
+  }
+  void discard() {
+    discardAll(modulus, publicExponent, privateExponent, prime1, prime2, exponent1, exponent2, coefficient);
+  }
+};
+
+// Templates of more than one caller, one attribute a line in the order sent.
+
+/// A key on the token, by its ID.
+template <CK_OBJECT_CLASS Class>
+std::array<CK_ATTRIBUTE, 3> tokenKeySearch(const ByteInput& id) {
+  return {
+      objectClass<Class>(),
+      flag(CKA_TOKEN, yes),
+      bytes(CKA_ID, id),
+  };
+}
+
+inline std::array<CK_ATTRIBUTE, 16> rsaPrivateKeyTemplate(const RsaComponents& key, const ByteInput& id,
+                                                          const ByteInput& label) {
+  return {
+      objectClass<CKO_PRIVATE_KEY>(),
+      rsa(),
+      flag(CKA_PRIVATE, yes),
+      flag(CKA_SENSITIVE, yes),
+      flag(CKA_EXTRACTABLE, no),
+      flag(CKA_TOKEN, yes),
+      bytes(CKA_ID, id),
+      bytes(CKA_LABEL, label),
+      bytes(CKA_MODULUS, key.modulus),
+      bytes(CKA_PUBLIC_EXPONENT, key.publicExponent),
+      bytes(CKA_PRIVATE_EXPONENT, key.privateExponent),
+      bytes(CKA_PRIME_1, key.prime1),
+      bytes(CKA_PRIME_2, key.prime2),
+      bytes(CKA_EXPONENT_1, key.exponent1),
+      bytes(CKA_EXPONENT_2, key.exponent2),
+      bytes(CKA_COEFFICIENT, key.coefficient),
+  };
+}
+
+/// Whether the public key is a private object is left to the token.
+inline std::array<CK_ATTRIBUTE, 7> rsaPublicKeyTemplate(const ByteInput& modulus,
+                                                        const ByteInput& publicExponent, const ByteInput& id,
+                                                        const ByteInput& label) {
+  return {
+      objectClass<CKO_PUBLIC_KEY>(),
+      rsa(),
+      flag(CKA_TOKEN, yes),
+      bytes(CKA_ID, id),
+      bytes(CKA_LABEL, label),
+      bytes(CKA_MODULUS, modulus),
+      bytes(CKA_PUBLIC_EXPONENT, publicExponent),
+  };
+}

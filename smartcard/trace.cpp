@@ -1,0 +1,73 @@
+#include "trace.h"
+
+#include <signal.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <ctime>
+#include <string>
+
+namespace {
+
+bool waiting = false;
+
+/// While it lives, writing to a pipe that nobody reads fails instead of killing the process. Only this
+/// thread's signal mask changes, and only for that time: handlers belong to the host.
+class BrokenPipeTolerated {
+ public:
+  BrokenPipeTolerated() noexcept {
+    sigemptyset(&brokenPipe_);
+    sigaddset(&brokenPipe_, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &brokenPipe_, &before_);
+    sigset_t pending;
+    hostsOwn_ = sigismember(&before_, SIGPIPE) == 1 && sigpending(&pending) == 0 &&
+                sigismember(&pending, SIGPIPE) == 1;
+  }
+  BrokenPipeTolerated(const BrokenPipeTolerated&) = delete;
+  BrokenPipeTolerated& operator=(const BrokenPipeTolerated&) = delete;
+  ~BrokenPipeTolerated() {
+    // Reporting a trace that could not be written is nobody's job: no result may depend on it.
+    constexpr timespec atOnce = {0, 0};
+    if (failed_ && !hostsOwn_) sigtimedwait(&brokenPipe_, nullptr, &atOnce);
+    pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+  }
+
+  void wrote(int result) { failed_ = result < 0 && errno == EPIPE; }
+
+ private:
+  sigset_t brokenPipe_ = {};
+  sigset_t before_ = {};
+  bool hostsOwn_ = false;
+  bool failed_ = false;
+};
+
+}  // namespace
+
+void trace(const char* format, ...) noexcept {
+  BrokenPipeTolerated output;
+  va_list values;
+  va_start(values, format);
+  output.wrote(std::vprintf(format, values));
+  va_end(values);
+  waiting = true;
+}
+
+void traceBytes(const char* heading, std::span<const CK_BYTE> bytes) {
+  constexpr char digits[] = "0123456789abcdef";
+  std::string text;
+  text.reserve(3 * bytes.size());
+  for (const CK_BYTE byte : bytes) {
+    if (byte > 0xf) text += digits[byte >> 4U];
+    text += digits[byte & 0xfU];
+    text += ' ';
+  }
+  trace("%s%s\n", heading, text.c_str());
+}
+
+void flushTraces() noexcept {
+  if (!waiting) return;
+  waiting = false;
+  BrokenPipeTolerated output;
+  output.wrote(std::fflush(stdout));
+}
