@@ -1,0 +1,112 @@
+#include <array>
+#include <span>
+
+#include "com_calvenhor_vork_utils_Smartcard.h"
+#include "marshal.h"
+#include "module.h"
+#include "search.h"
+#include "templates.h"
+
+namespace {
+
+constexpr std::size_t kMostDeleted = 20;
+
+CK_RV destroy(Session session, CK_OBJECT_HANDLE object) {
+  return call(&CK_FUNCTION_LIST::C_DestroyObject, session, object);
+}
+
+/// Destroys the first object that matches, after its search has ended. Nothing to destroy is no failure.
+jlong destroyFirst(Session session, std::span<CK_ATTRIBUTE> wanted) {
+  if (const auto object = findTraced(session, wanted, "FindObjectsInit")) {
+    destroy(session, *object);
+    trace("DestroyObject = %d", dec32(rv));
+  }
+  return asJava(rv);
+}
+
+}  // namespace
+
+JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_deleteDLL(JNIEnv*, jclass, jlong slotIndex) {
+  if (!hasSession(slotIndex)) return kBadSlotIndex;
+  const Session session = sessionAt(slotIndex);
+
+  Search<kMostDeleted> search(session);
+  search.next();
+  for (const CK_OBJECT_HANDLE object : search.objects()) destroy(session, object);
+  return asJava(search.end());
+}
+
+JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_deleteCertificateDLL(
+    JNIEnv* env, jclass, jlong slotIndex, jbyteArray jSubject, jbyteArray jIssuer, jbyteArray jSerialNumber,
+    jbyteArray jId, jbyteArray jLabel) try {
+  const TracedCall traced;
+  if (!hasSession(slotIndex)) return kBadSlotIndex;
+  if (anyNull(jSubject, jIssuer, jSerialNumber, jId, jLabel)) return CKR_ARGUMENTS_BAD;
+  ByteInput id(env, jId);
+  CertificateNames names = {{env, jSubject}, {env, jIssuer}, {env, jSerialNumber}};
+  ByteInput label(env, jLabel);
+  takeAll(label, id, names);
+
+  std::array wanted = {
+      objectClass<CKO_CERTIFICATE>(),
+      x509(),
+      flag(CKA_TOKEN, yes),
+      bytes(CKA_LABEL, label),
+      bytes(CKA_SERIAL_NUMBER, names.serialNumber),
+      bytes(CKA_ISSUER, names.issuer),
+      bytes(CKA_SUBJECT, names.subject),
+      bytes(CKA_ID, id),
+  };
+  const jlong result = destroyFirst(sessionAt(slotIndex), wanted);
+
+  releaseAll(names, id, label);
+  return result;
+} catch (...) {
+  return CKR_HOST_MEMORY;
+}
+
+JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_deletePublicKeyDLL(JNIEnv* env, jclass,
+                                                                                   jlong slotIndex,
+                                                                                   jbyteArray jId) try {
+  const TracedCall traced;
+  if (!hasSession(slotIndex)) return kBadSlotIndex;
+  if (anyNull(jId)) return CKR_ARGUMENTS_BAD;
+  ByteInput id(env, jId);
+  id.take();
+
+  auto wanted = tokenKeySearch<CKO_PUBLIC_KEY>(id);
+  return destroyFirst(sessionAt(slotIndex), wanted);
+} catch (...) {
+  return CKR_HOST_MEMORY;
+}
+
+JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_deletePrivateKeyDLL(JNIEnv* env, jclass,
+                                                                                    jlong slotIndex,
+                                                                                    jbyteArray jId) try {
+  const TracedCall traced;
+  if (!hasSession(slotIndex)) return kBadSlotIndex;
+  if (anyNull(jId)) return CKR_ARGUMENTS_BAD;
+  ByteInput id(env, jId);
+  id.take();
+
+  auto wanted = tokenKeySearch<CKO_PRIVATE_KEY>(id);
+  return destroyFirst(sessionAt(slotIndex), wanted);
+} catch (...) {
+  return CKR_HOST_MEMORY;
+}
+
+JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_deleteAllCertificatesDLL(JNIEnv*, jclass,
+                                                                                         jlong slotIndex) {
+  if (!hasSession(slotIndex)) return kBadSlotIndex;
+  const Session session = sessionAt(slotIndex);
+
+  std::array wanted = {objectClass<CKO_CERTIFICATE>(), x509(), flag(CKA_TOKEN, yes)};
+  for (;;) {
+    Search search(session, wanted);
+    search.next();
+    if (!search.found()) return asJava(search.end());
+    // The next pass would find a certificate that cannot be destroyed again, and so on for ever.
+    if (destroy(session, search.object()) != CKR_OK) return asJava(rv);
+    search.end();
+  }
+}

@@ -1,0 +1,291 @@
+#include <algorithm>
+#include <array>
+#include <limits>
+
+#include "com_calvenhor_vork_utils_Smartcard.h"
+#include "marshal.h"
+#include "module.h"
+#include "search.h"
+#include "templates.h"
+
+namespace {
+
+constexpr jlong kCensusFailed = -1;
+constexpr std::size_t kMostCounted = 20;
+
+// The status codes of the reads of a single value.
+constexpr CK_RV kSearchFailed = 0;
+constexpr CK_RV kValueUnreadable = 1;
+constexpr CK_RV kNotExactlyOne = 2;
+
+/// The value of the first object found.
+jbyteArray readValue(JNIEnv* env, jlong slotIndex, CK_ATTRIBUTE kind) {
+  const Session session = sessionAt(slotIndex);
+  const StatusArray status(env);
+
+  Search search(session, {&kind, 1});
+  search.next();
+  if (search.count() != 1) return status.holding(kNotExactlyOne);
+  if (!search.found()) return status.holding(kSearchFailed);
+
+  AttributeRead<1> value(session, search.object(), {CKA_VALUE});
+  value.lengths();
+  if (value.values() != CKR_OK) return status.holding(kValueUnreadable);
+  return byteArray(env, value[0]);
+}
+
+enum class OnFailure { kSilent, kTraced };
+
+/// The ID or the label of the first object found.
+jbyteArray readName(JNIEnv* env, jlong slotIndex, CK_ATTRIBUTE kind, CK_ATTRIBUTE_TYPE type,
+                    OnFailure onFailure = OnFailure::kSilent) {
+  const Session session = sessionAt(slotIndex);
+  const StatusArray status(env);
+
+  Search search(session, {&kind, 1});
+  search.next();
+  if (!search.found()) return status.holding(kSearchFailed);
+
+  AttributeRead<1> name(session, search.object(), {type});
+  name.lengths();
+  if (name.values() != CKR_OK) {
+    if (onFailure == OnFailure::kTraced) trace("2 %d\n", dec32(rv));
+    return status.holding(kValueUnreadable);
+  }
+  return byteArray(env, name[0]);
+}
+
+/// One attribute of a listed object: what the size traces call it, and which element of the object's group in
+/// the result holds it, counted from 1.
+struct Column {
+  CK_ATTRIBUTE_TYPE type;
+  const char* name;
+  std::size_t element;
+};
+
+// In the order in which the module is asked for them.
+constexpr std::array<Column, 3> kCertificate = {
+    {{CKA_VALUE, "Cert", 3}, {CKA_ID, "ID", 1}, {CKA_LABEL, "Label", 2}}};
+constexpr std::array<Column, 4> kPublicKey = {{{CKA_MODULUS, "Modulus", 3},
+                                               {CKA_PUBLIC_EXPONENT, "PubExp", 4},
+                                               {CKA_ID, "ID", 1},
+                                               {CKA_LABEL, "Label", 2}}};
+constexpr std::array<Column, 2> kPrivateKey = {{{CKA_ID, "ID", 1}, {CKA_LABEL, "Label", 2}}};
+
+template <std::size_t N>
+std::array<CK_ATTRIBUTE_TYPE, N> typesOf(const std::array<Column, N>& columns) {
+  std::array<CK_ATTRIBUTE_TYPE, N> types = {};
+  std::transform(columns.begin(), columns.end(), types.begin(),
+                 [](const Column& column) { return column.type; });
+  return types;
+}
+
+/// The length of a result with `count` groups of N behind the status array.
+template <std::size_t N>
+jsize listLength(CK_ULONG count) {
+  constexpr CK_ULONG most = (std::numeric_limits<jsize>::max() - 1) / N;
+  if (count > most) throw std::bad_alloc();
+  return static_cast<jsize>(N * count + 1);
+}
+
+/// Traces the sizes of the k-th object's values, counted from 1, and places them in the result.
+template <std::size_t N>
+void storeGroup(JNIEnv* env, ListResult& list, CK_ULONG k, const std::array<Column, N>& columns,
+                const AttributeRead<N>& values) {
+  for (std::size_t i = 0; i < N; ++i) {
+    trace("%s size %d = %d\n", columns[i].name, dec32(k), dec32(values[i].size()));
+  }
+  std::array<jbyteArray, N> group = {};
+  for (std::size_t i = 0; i < N; ++i) group[columns[i].element - 1] = byteArray(env, values[i]);
+  const auto first = static_cast<jsize>(N * (k - 1) + 1);
+  for (std::size_t i = 0; i < N; ++i) list.store(first + static_cast<jsize>(i), group[i]);
+}
+
+/// Both key listings: counts the keys, so that the result has its final size from the start, then reads them.
+template <std::size_t N>
+jobjectArray listRsaKeys(JNIEnv* env, jlong slotIndex, CK_ATTRIBUTE kind, const char* kindName,
+                         const std::array<Column, N>& columns) {
+  const Session session = sessionAt(slotIndex);
+  const StatusArray status(env);
+  std::array wanted = {kind, rsa()};
+
+  Search counting(session, wanted);
+  if (!counting.begun()) return statusOnly(env, status.holding(rv));
+  CK_ULONG keyCount = 0;
+  for (;; ++keyCount) {
+    if (counting.next() != CKR_OK) return statusOnly(env, status.holding(rv));
+    if (!counting.found()) break;
+  }
+  if (counting.end() != CKR_OK) return statusOnly(env, status.holding(rv));
+  trace("Total%sKeyCount = %d\n", kindName, dec32(keyCount));
+
+  ListResult list(env, status.holding(0), listLength<N>(keyCount));
+  const auto failed = [&](CK_RV code) {
+    status.holding(code);
+    return list.array();
+  };
+  if (keyCount == 0) return list.array();
+
+  Search search(session, wanted);
+  if (!search.begun()) return failed(rv);
+  if (search.next() != CKR_OK) return failed(rv);
+  for (CK_ULONG k = 1; k <= keyCount; ++k) {
+    if (!search.found()) return failed(CKR_GENERAL_ERROR);  // fewer than were counted
+    AttributeRead values(session, search.object(), typesOf(columns));
+    if (values.lengths() != CKR_OK) return failed(rv);
+    if (const CK_RV result = values.values(); result != CKR_OK) return failed(result);
+    storeGroup(env, list, k, columns, values);
+    if (search.next() != CKR_OK) return failed(rv);
+  }
+  search.end();
+  trace("C_FindObjectsFinal = 0x%x\n", hex32(rv));
+  return list.array();
+}
+
+}  // namespace
+
+JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_isCardEmptyDLL(JNIEnv*, jclass,
+                                                                               jlong slotIndex) {
+  if (!hasSession(slotIndex)) return kBadSlotIndex;
+
+  Search search(sessionAt(slotIndex));
+  search.next();
+  if (search.end() != CKR_OK) return kCensusFailed;
+  return asJava(std::min<CK_ULONG>(search.count(), 1));
+}
+
+JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_getObjectCountInTheTokenDLL(JNIEnv*, jclass,
+                                                                                            jlong slotIndex) {
+  if (!hasSession(slotIndex)) return kBadSlotIndex;
+
+  Search<kMostCounted> search(sessionAt(slotIndex));
+  search.next();
+  search.end();
+  return asJava(std::min<CK_ULONG>(search.count(), kMostCounted));
+}
+
+JNIEXPORT jbyteArray JNICALL Java_com_calvenhor_vork_utils_Smartcard_readCertificateDLL(JNIEnv* env, jclass,
+                                                                                        jlong slotIndex) try {
+  return readValue(env, slotIndex, x509());
+} catch (...) {
+  return outOfMemoryStatus(env);
+}
+
+JNIEXPORT jbyteArray JNICALL Java_com_calvenhor_vork_utils_Smartcard_readAttributeCertificateDLL(
+    JNIEnv* env, jclass, jlong slotIndex) try {
+  return readValue(env, slotIndex, objectClass<CKO_DATA>());
+} catch (...) {
+  return outOfMemoryStatus(env);
+}
+
+JNIEXPORT jobjectArray JNICALL
+Java_com_calvenhor_vork_utils_Smartcard_readAllCertificatesDLL(JNIEnv* env, jclass, jlong slotIndex) try {
+  const TracedCall traced;
+  const Session session = sessionAt(slotIndex);
+  const StatusArray status(env);
+  std::array wanted = {x509()};
+  trace("slotIndex = %d", dec32(static_cast<CK_ULONG>(slotIndex)));
+
+  Search counting(session, wanted);
+  trace("C_FindObjectsInit = 0x%x\n", hex32(rv));
+  if (!counting.begun()) return statusOnly(env, status.holding(rv));
+  CK_ULONG certificateCount = 0;
+  for (;; ++certificateCount) {
+    counting.next();
+    trace("C_FindObjects = 0x%x, 0x%d\n", hex32(rv), dec32(counting.count()));
+    if (rv != CKR_OK) return statusOnly(env, status.holding(rv));
+    if (!counting.found()) break;
+  }
+  counting.end();
+  trace("C_FindObjectsFinal = 0x%x\n", hex32(rv));
+  trace("TotalCertCount = %d\n", dec32(certificateCount));
+
+  ListResult list(env, status.holding(0), listLength<kCertificate.size()>(certificateCount));
+  const auto failed = [&](CK_RV code) {
+    status.holding(code);
+    return list.array();
+  };
+  if (certificateCount == 0) return list.array();
+
+  Search search(session, wanted);
+  trace("C_FindObjectsInit (2) = 0x%x\n", hex32(rv));
+  if (search.next() != CKR_OK) return statusOnly(env, status.holding(rv));
+  for (CK_ULONG k = 1; k <= certificateCount; ++k) {
+    if (!search.found()) return failed(CKR_GENERAL_ERROR);  // fewer than were counted
+    AttributeRead values(session, search.object(), typesOf(kCertificate));
+    values.lengths();
+    trace("C_GetAttributeValue1 = 0x%x\n", hex32(rv));
+    const CK_RV result = values.values();
+    trace("C_GetAttributeValue2 = 0x%x\n", hex32(rv));
+    if (result != CKR_OK) return failed(result);
+    storeGroup(env, list, k, kCertificate, values);
+    search.next();
+    trace("C_FindObjects = 0x%x\n", hex32(rv));
+    trace("RemainCount = %d\n", dec32(search.count()));
+    if (rv != CKR_OK) return statusOnly(env, status.holding(rv));
+  }
+  search.end();
+  trace("C_FindObjectsFinal = 0x%x\n", hex32(rv));
+  return list.array();
+} catch (...) {
+  return outOfMemoryList(env);
+}
+
+JNIEXPORT jobjectArray JNICALL
+Java_com_calvenhor_vork_utils_Smartcard_readAllRSAPublicKeysDLL(JNIEnv* env, jclass, jlong slotIndex) try {
+  const TracedCall traced;
+  return listRsaKeys(env, slotIndex, objectClass<CKO_PUBLIC_KEY>(), "Public", kPublicKey);
+} catch (...) {
+  return outOfMemoryList(env);
+}
+
+JNIEXPORT jobjectArray JNICALL
+Java_com_calvenhor_vork_utils_Smartcard_readAllRSAPrivateKeysDLL(JNIEnv* env, jclass, jlong slotIndex) try {
+  const TracedCall traced;
+  return listRsaKeys(env, slotIndex, objectClass<CKO_PRIVATE_KEY>(), "Private", kPrivateKey);
+} catch (...) {
+  return outOfMemoryList(env);
+}
+
+JNIEXPORT jbyteArray JNICALL
+Java_com_calvenhor_vork_utils_Smartcard_readCertificateIDDLL(JNIEnv* env, jclass, jlong slotIndex) try {
+  const TracedCall traced;
+  return readName(env, slotIndex, x509(), CKA_ID, OnFailure::kTraced);
+} catch (...) {
+  return outOfMemoryStatus(env);
+}
+
+JNIEXPORT jbyteArray JNICALL
+Java_com_calvenhor_vork_utils_Smartcard_readCertificateLabelDLL(JNIEnv* env, jclass, jlong slotIndex) try {
+  return readName(env, slotIndex, x509(), CKA_LABEL);
+} catch (...) {
+  return outOfMemoryStatus(env);
+}
+
+JNIEXPORT jbyteArray JNICALL Java_com_calvenhor_vork_utils_Smartcard_readPublicKeyIDDLL(JNIEnv* env, jclass,
+                                                                                        jlong slotIndex) try {
+  return readName(env, slotIndex, objectClass<CKO_PUBLIC_KEY>(), CKA_ID);
+} catch (...) {
+  return outOfMemoryStatus(env);
+}
+
+JNIEXPORT jbyteArray JNICALL
+Java_com_calvenhor_vork_utils_Smartcard_readPublicKeyLabelDLL(JNIEnv* env, jclass, jlong slotIndex) try {
+  return readName(env, slotIndex, objectClass<CKO_PUBLIC_KEY>(), CKA_LABEL);
+} catch (...) {
+  return outOfMemoryStatus(env);
+}
+
+JNIEXPORT jbyteArray JNICALL
+Java_com_calvenhor_vork_utils_Smartcard_readPrivateKeyIDDLL(JNIEnv* env, jclass, jlong slotIndex) try {
+  return readName(env, slotIndex, objectClass<CKO_PRIVATE_KEY>(), CKA_ID);
+} catch (...) {
+  return outOfMemoryStatus(env);
+}
+
+JNIEXPORT jbyteArray JNICALL
+Java_com_calvenhor_vork_utils_Smartcard_readPrivateKeyLabelDLL(JNIEnv* env, jclass, jlong slotIndex) try {
+  return readName(env, slotIndex, objectClass<CKO_PRIVATE_KEY>(), CKA_LABEL);
+} catch (...) {
+  return outOfMemoryStatus(env);
+}

@@ -1,0 +1,254 @@
+#include <array>
+#include <span>
+
+#include "com_calvenhor_vork_utils_Smartcard.h"
+#include "marshal.h"
+#include "module.h"
+#include "search.h"
+#include "templates.h"
+
+namespace {
+
+/// Creates a token object. Its handle is not kept.
+CK_RV create(Session session, std::span<CK_ATTRIBUTE> object) {
+  CK_OBJECT_HANDLE handle = 0;
+  return call(&CK_FUNCTION_LIST::C_CreateObject, session, object.data(), object.size(), &handle);
+}
+
+void createTraced(Session session, const char* what, std::span<CK_ATTRIBUTE> object) {
+  trace("CreateObject(%s)...", what);
+  create(session, object);
+  trace("0x%x\n", hex32(rv));
+}
+
+void takeTraced(const char* heading, ByteInput& input) {
+  input.take();
+  traceBytes(heading, {input.data(), input.size()});
+}
+
+/// Gives a key its new ID and label. A key that was not found cannot be updated.
+CK_RV update(Session session, std::optional<CK_OBJECT_HANDLE> key, std::span<CK_ATTRIBUTE> names) {
+  if (!key) return CKR_OBJECT_HANDLE_INVALID;
+  return call(&CK_FUNCTION_LIST::C_SetAttributeValue, session, *key, names.data(), names.size());
+}
+
+}  // namespace
+
+JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_writeCertificateDLL(
+    JNIEnv* env, jclass, jlong slotIndex, jbyteArray jCertificate, jbyteArray jSubject, jbyteArray jIssuer,
+    jbyteArray jSerialNumber, jbyteArray jId, jbyteArray jLabel) try {
+  if (!hasSession(slotIndex)) return kBadSlotIndex;
+  if (anyNull(jCertificate, jSubject, jIssuer, jSerialNumber, jId, jLabel)) return CKR_ARGUMENTS_BAD;
+  ByteInput certificate(env, jCertificate);
+  CertificateNames names = {{env, jSubject}, {env, jIssuer}, {env, jSerialNumber}};
+  ByteInput id(env, jId);
+  ByteInput label(env, jLabel);
+  takeAll(label, id, certificate, names);
+
+  std::array object = {
+      objectClass<CKO_CERTIFICATE>(),
+      x509(),
+      flag(CKA_TOKEN, yes),
+      bytes(CKA_LABEL, label),
+      bytes(CKA_SERIAL_NUMBER, names.serialNumber),
+      bytes(CKA_ISSUER, names.issuer),
+      bytes(CKA_SUBJECT, names.subject),
+      bytes(CKA_ID, id),
+      bytes(CKA_VALUE, certificate),
+  };
+  create(sessionAt(slotIndex), object);
+
+  releaseAll(certificate, names, id, label);
+  return asJava(rv);
+} catch (...) {
+  return CKR_HOST_MEMORY;
+}
+
+JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_writeAttributeCertificateDLL(
+    JNIEnv* env, jclass, jlong slotIndex, jbyteArray jAttributeCertificate) try {
+  if (!hasSession(slotIndex)) return kBadSlotIndex;
+  if (anyNull(jAttributeCertificate)) return CKR_ARGUMENTS_BAD;
+  ByteInput attributeCertificate(env, jAttributeCertificate);
+  attributeCertificate.take();
+
+  std::array object = {
+      objectClass<CKO_DATA>(),
+      flag(CKA_TOKEN, yes),
+      bytes(CKA_VALUE, attributeCertificate),
+  };
+  return asJava(create(sessionAt(slotIndex), object));
+} catch (...) {
+  return CKR_HOST_MEMORY;
+}
+
+JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_writePublicKeyDLL(
+    JNIEnv* env, jclass, jlong slotIndex, jbyteArray jModulus, jbyteArray jPublicExponent, jbyteArray jId,
+    jbyteArray jLabel) try {
+  const TracedCall traced;
+  if (!hasSession(slotIndex)) return kBadSlotIndex;
+  if (anyNull(jModulus, jPublicExponent, jId, jLabel)) return CKR_ARGUMENTS_BAD;
+  ByteInput modulus(env, jModulus);
+  ByteInput publicExponent(env, jPublicExponent);
+  ByteInput id(env, jId);
+  ByteInput label(env, jLabel);
+  takeAll(label, modulus, publicExponent, id);
+
+  auto publicKey = rsaPublicKeyTemplate(modulus, publicExponent, id, label);
+  createTraced(sessionAt(slotIndex), "Public Key", publicKey);
+
+  releaseAll(modulus, publicExponent, id, label);
+  return asJava(rv);
+} catch (...) {
+  return CKR_HOST_MEMORY;
+}
+
+JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_writePrivateKeyDLL(
+    JNIEnv* env, jclass, jlong slotIndex, jbyteArray jModulus, jbyteArray jPublicExponent,
+    jbyteArray jPrivateExponent, jbyteArray jPrime1, jbyteArray jPrime2, jbyteArray jExponent1,
+    jbyteArray jExponent2, jbyteArray jCoefficient, jbyteArray jId, jbyteArray jLabel) try {
+  const TracedCall traced;
+  if (!hasSession(slotIndex)) return kBadSlotIndex;
+  if (anyNull(jModulus, jPublicExponent, jPrivateExponent, jPrime1, jPrime2, jExponent1, jExponent2,
+              jCoefficient, jId, jLabel)) {
+    return CKR_ARGUMENTS_BAD;
+  }
+  const Session session = sessionAt(slotIndex);
+  RsaComponents key = {{env, jModulus}, {env, jPublicExponent}, {env, jPrivateExponent}, {env, jPrime1},
+                       {env, jPrime2},  {env, jExponent1},      {env, jExponent2},       {env, jCoefficient}};
+  ByteInput id(env, jId);
+  ByteInput label(env, jLabel);
+  takeTraced("Label : ", label);
+  key.take();
+  takeTraced("Id : ", id);
+  trace("DEGERLER OK\n");
+
+  auto privateKey = rsaPrivateKeyTemplate(key, id, label);
+  createTraced(session, "Private Key", privateKey);
+  auto publicKey = rsaPublicKeyTemplate(key.modulus, key.publicExponent, id, label);
+  createTraced(session, "Public Key", publicKey);
+
+  releaseAll(key, id, label);
+  trace("RELEASE OK\n");
+  discardAll(key, id, label);
+  trace("DELETE OK\n");
+  return asJava(rv);
+} catch (...) {
+  return CKR_HOST_MEMORY;
+}
+
+JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_writeCertificateAndPrivateKeyDLL(
+    JNIEnv* env, jclass, jlong slotIndex, jbyteArray jCertificate, jbyteArray jSubject, jbyteArray jIssuer,
+    jbyteArray jSerialNumber, jbyteArray jModulus, jbyteArray jPublicExponent, jbyteArray jPrivateExponent,
+    jbyteArray jPrime1, jbyteArray jPrime2, jbyteArray jExponent1, jbyteArray jExponent2,
+    jbyteArray jCoefficient, jbyteArray jId, jbyteArray jLabel) try {
+  const TracedCall traced;
+  trace("**writeCertificateAndPrivateDLL\n");
+  if (!hasSession(slotIndex)) return kBadSlotIndex;
+  if (anyNull(jCertificate, jSubject, jIssuer, jSerialNumber, jModulus, jPublicExponent, jPrivateExponent,
+              jPrime1, jPrime2, jExponent1, jExponent2, jCoefficient, jId, jLabel)) {
+    return CKR_ARGUMENTS_BAD;
+  }
+  const Session session = sessionAt(slotIndex);
+
+  RsaComponents key = {{env, jModulus}, {env, jPublicExponent}, {env, jPrivateExponent}, {env, jPrime1},
+                       {env, jPrime2},  {env, jExponent1},      {env, jExponent2},       {env, jCoefficient}};
+  ByteInput id(env, jId);
+  trace("sizeOfModulus = %d\n", key.modulus.length());
+  trace("sizeOfPublicExponent = %d\n", key.publicExponent.length());
+  trace("sizeOfPrivateExponent = %d\n", key.privateExponent.length());
+  trace("sizeOfPrime1 = %d\n", key.prime1.length());
+  trace("sizeOfPrime2 = %d\n", key.prime2.length());
+  trace("sizeOfExponent1 = %d\n", key.exponent1.length());
+  trace("sizeOfExponent2 = %d\n", key.exponent2.length());
+  trace("sizeOfCoefficient = %d\n", key.coefficient.length());
+
+  ByteInput certificate(env, jCertificate);
+  CertificateNames names = {{env, jSubject}, {env, jIssuer}, {env, jSerialNumber}};
+  trace("sizeOfSubject = %d\n", names.subject.length());
+  trace("sizeOfCert = %d\n", certificate.length());
+
+  ByteInput label(env, jLabel);
+  takeTraced("label = ", label);
+  key.take();
+  takeTraced("id = ", id);
+  takeTraced("cert = ", certificate);
+  names.take();
+
+  auto privateKey = rsaPrivateKeyTemplate(key, id, label);
+  createTraced(session, "Private Key", privateKey);
+  auto publicKey = rsaPublicKeyTemplate(key.modulus, key.publicExponent, id, label);
+  createTraced(session, "Public Key", publicKey);
+  // Not the order of writeCertificateDLL: here the label precedes CKA_TOKEN.
+  std::array object = {
+      objectClass<CKO_CERTIFICATE>(),
+      x509(),
+      bytes(CKA_LABEL, label),
+      flag(CKA_TOKEN, yes),
+      bytes(CKA_SERIAL_NUMBER, names.serialNumber),
+      bytes(CKA_ISSUER, names.issuer),
+      bytes(CKA_SUBJECT, names.subject),
+      bytes(CKA_ID, id),
+      bytes(CKA_VALUE, certificate),
+  };
+  createTraced(session, "Cert", object);
+
+  releaseAll(certificate, names, key, id, label);
+  return asJava(rv);
+} catch (...) {
+  return CKR_HOST_MEMORY;
+}
+
+JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_updateKeyPairIDAndLabelDLL(
+    JNIEnv* env, jclass, jlong slotIndex, jbyteArray jId, jbyteArray jNewId, jbyteArray jNewLabel) try {
+  const TracedCall traced;
+  if (!hasSession(slotIndex)) return kBadSlotIndex;
+  if (anyNull(jId, jNewId, jNewLabel)) return CKR_ARGUMENTS_BAD;
+  const Session session = sessionAt(slotIndex);
+  ByteInput id(env, jId);
+  id.take();
+  ByteInput newLabel(env, jNewLabel);
+  newLabel.take();
+  ByteInput newId(env, jNewId);
+  newId.take();
+
+  auto wantedPrivate = tokenKeySearch<CKO_PRIVATE_KEY>(id);
+  const auto privateKey = findTraced(session, wantedPrivate, "FindObjectsInit (Priv)");
+  auto wantedPublic = tokenKeySearch<CKO_PUBLIC_KEY>(id);
+  const auto publicKey = findTraced(session, wantedPublic, "FindObjectsInit (Public)");
+
+  std::array names = {bytes(CKA_ID, newId), bytes(CKA_LABEL, newLabel)};
+  trace("Private key update = %d", dec32(update(session, privateKey, names)));
+  const CK_RV result = update(session, publicKey, names);
+  trace("Public key update = %d", dec32(result));
+
+  releaseAll(id, newId, newLabel);
+  return asJava(result);
+} catch (...) {
+  return CKR_HOST_MEMORY;
+}
+
+JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_setCertificateLabelDLL(JNIEnv*, jclass,
+                                                                                       jbyteArray,
+                                                                                       jlong slotIndex) try {
+  if (!hasSession(slotIndex)) return kBadSlotIndex;
+  const Session session = sessionAt(slotIndex);
+
+  std::array wantedKey = {objectClass<CKO_PUBLIC_KEY>()};
+  Search keys(session, wantedKey);
+  keys.next();
+  if (!keys.found()) return CKR_OBJECT_HANDLE_INVALID;
+  AttributeRead<1> label(session, keys.object(), {CKA_LABEL});
+  if (label.lengths() != CKR_OK) return asJava(rv);
+  if (const CK_RV result = label.values(); result != CKR_OK) return asJava(result);
+  keys.end();
+
+  std::array wantedCertificate = {x509()};
+  Search certificates(session, wantedCertificate);
+  certificates.next();
+  if (!certificates.found()) return CKR_OBJECT_HANDLE_INVALID;
+  CK_ATTRIBUTE newLabel = {CKA_LABEL, label[0].data(), label[0].size()};
+  call(&CK_FUNCTION_LIST::C_SetAttributeValue, session, certificates.object(), &newLabel, 1);
+  return asJava(certificates.end());
+} catch (...) {
+  return CKR_HOST_MEMORY;
+}
