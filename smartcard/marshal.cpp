@@ -74,19 +74,22 @@ jbyteArray StatusArray::holding(CK_RV code) const {
   return array_;
 }
 
-ListResult::ListResult(JNIEnv* env, jbyteArray status, jsize length)
+ListResult::ListResult(JNIEnv* env, const StatusArray& status, jsize length)
     : env_(env),
-      array_(made(env->NewObjectArray(length, env->GetObjectClass(status), nullptr))),
-      large_(length > kGuaranteedLocalReferences) {
-  env_->SetObjectArrayElement(array_, 0, status);
-}
+      array_(made(env->NewObjectArray(length, env->GetObjectClass(status.array()), nullptr))),
+      large_(length > kGuaranteedLocalReferences) {}
 
 void ListResult::store(jsize index, jbyteArray element) {
   env_->SetObjectArrayElement(array_, index, element);
   if (large_) env_->DeleteLocalRef(element);
 }
 
-jobjectArray statusOnly(JNIEnv* env, jbyteArray status) { return ListResult(env, status, 1).array(); }
+jobjectArray statusOnly(JNIEnv* env, const StatusArray& status, CK_RV code) {
+  const jbyteArray element = status.holding(code);
+  ListResult list(env, status, 1);
+  list.setStatus(element);
+  return list.array();
+}
 
 jbyteArray outOfMemoryStatus(JNIEnv* env) try {
   return javaKnows() ? nullptr : StatusArray(env).holding(CKR_HOST_MEMORY);
@@ -101,8 +104,7 @@ jintArray outOfMemoryNumbers(JNIEnv* env) try {
 }
 
 jobjectArray outOfMemoryList(JNIEnv* env) try {
-  const jbyteArray status = outOfMemoryStatus(env);
-  return status == nullptr ? nullptr : statusOnly(env, status);
+  return javaKnows() ? nullptr : statusOnly(env, StatusArray(env), CKR_HOST_MEMORY);
 } catch (...) {
   return nullptr;
 }

@@ -105,16 +105,19 @@ class StatusArray {
   explicit StatusArray(JNIEnv* env);
 
   jbyteArray holding(CK_RV code) const;
+  jbyteArray array() const { return array_; }
 
  private:
   JNIEnv* env_;
   jbyteArray array_;
 };
 
-/// A byte[][] under construction. Element 0 is the status array.
+/// A byte[][] under construction. Element 0 is the status array, which also lends its class.
 class ListResult {
  public:
-  ListResult(JNIEnv* env, jbyteArray status, jsize length);
+  ListResult(JNIEnv* env, const StatusArray& status, jsize length);
+
+  void setStatus(jbyteArray status) { env_->SetObjectArrayElement(array_, 0, status); }
 
   /// Places a new array and, in a large result, gives up its local reference: JNI promises room for 16.
   void store(jsize index, jbyteArray element);
@@ -127,8 +130,8 @@ class ListResult {
   bool large_;
 };
 
-/// A byte[][] that holds only the status array.
-jobjectArray statusOnly(JNIEnv* env, jbyteArray status);
+/// A byte[][] that holds only the status array, with this code.
+jobjectArray statusOnly(JNIEnv* env, const StatusArray& status, CK_RV code);
 
 // What an entry point returns when an exception ended it, to be called in its handler: null when the virtual
 // machine's own error is pending, else CKR_HOST_MEMORY in the entry point's own form.

@@ -110,16 +110,17 @@ jobjectArray listRsaKeys(JNIEnv* env, jlong slotIndex, CK_ATTRIBUTE kind, const 
   std::array wanted = {kind, rsa()};
 
   Search counting(session, wanted);
-  if (!counting.begun()) return statusOnly(env, status.holding(rv));
+  if (!counting.begun()) return statusOnly(env, status, rv);
   CK_ULONG keyCount = 0;
   for (;; ++keyCount) {
-    if (counting.next() != CKR_OK) return statusOnly(env, status.holding(rv));
+    if (counting.next() != CKR_OK) return statusOnly(env, status, rv);
     if (!counting.found()) break;
   }
-  if (counting.end() != CKR_OK) return statusOnly(env, status.holding(rv));
+  if (counting.end() != CKR_OK) return statusOnly(env, status, rv);
   trace("Total%sKeyCount = %d\n", kindName, dec32(keyCount));
 
-  ListResult list(env, status.holding(0), listLength<N>(keyCount));
+  ListResult list(env, status, listLength<N>(keyCount));
+  list.setStatus(status.holding(0));
   const auto failed = [&](CK_RV code) {
     status.holding(code);
     return list.array();
@@ -188,19 +189,20 @@ Java_com_calvenhor_vork_utils_Smartcard_readAllCertificatesDLL(JNIEnv* env, jcla
 
   Search counting(session, wanted);
   trace("C_FindObjectsInit = 0x%x\n", hex32(rv));
-  if (!counting.begun()) return statusOnly(env, status.holding(rv));
+  if (!counting.begun()) return statusOnly(env, status, rv);
   CK_ULONG certificateCount = 0;
   for (;; ++certificateCount) {
     counting.next();
     trace("C_FindObjects = 0x%x, 0x%d\n", hex32(rv), dec32(counting.count()));
-    if (rv != CKR_OK) return statusOnly(env, status.holding(rv));
+    if (rv != CKR_OK) return statusOnly(env, status, rv);
     if (!counting.found()) break;
   }
   counting.end();
   trace("C_FindObjectsFinal = 0x%x\n", hex32(rv));
   trace("TotalCertCount = %d\n", dec32(certificateCount));
 
-  ListResult list(env, status.holding(0), listLength<kCertificate.size()>(certificateCount));
+  ListResult list(env, status, listLength<kCertificate.size()>(certificateCount));
+  list.setStatus(status.holding(0));
   const auto failed = [&](CK_RV code) {
     status.holding(code);
     return list.array();
@@ -209,7 +211,7 @@ Java_com_calvenhor_vork_utils_Smartcard_readAllCertificatesDLL(JNIEnv* env, jcla
 
   Search search(session, wanted);
   trace("C_FindObjectsInit (2) = 0x%x\n", hex32(rv));
-  if (search.next() != CKR_OK) return statusOnly(env, status.holding(rv));
+  if (search.next() != CKR_OK) return statusOnly(env, status, rv);
   for (CK_ULONG k = 1; k <= certificateCount; ++k) {
     if (!search.found()) return failed(CKR_GENERAL_ERROR);  // fewer than were counted
     AttributeRead values(session, search.object(), typesOf(kCertificate));
@@ -222,7 +224,7 @@ Java_com_calvenhor_vork_utils_Smartcard_readAllCertificatesDLL(JNIEnv* env, jcla
     search.next();
     trace("C_FindObjects = 0x%x\n", hex32(rv));
     trace("RemainCount = %d\n", dec32(search.count()));
-    if (rv != CKR_OK) return statusOnly(env, status.holding(rv));
+    if (rv != CKR_OK) return statusOnly(env, status, rv);
   }
   search.end();
   trace("C_FindObjectsFinal = 0x%x\n", hex32(rv));
