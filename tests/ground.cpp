@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <sstream>
 
 Output::Output() : file_(memfd_create("stdout", 0)), before_(dup(STDOUT_FILENO)) {
   std::fflush(stdout);
@@ -30,18 +29,6 @@ std::string Output::of(const std::function<void()>& run) {
   return output.written();  // no flush here: the library has to have flushed
 }
 
-namespace {
-
-std::string hex(const Bytes& bytes) {
-  std::ostringstream out;
-  for (const int byte : bytes) {
-    out << (out.str().empty() ? "" : " ") << (byte < 16 ? "0" : "") << std::hex << byte;
-  }
-  return '{' + out.str() + '}';
-}
-
-}  // namespace
-
 Ground::Ground()
     : handle_(dlopen(kModule, RTLD_NOW)),
       module(*reinterpret_cast<decltype(&mockModule)>(dlsym(handle_, "mockModule"))()) {}
@@ -55,10 +42,22 @@ Ground::~Ground() {
   EXPECT_EQ(dlopen(kModule, RTLD_NOW | RTLD_NOLOAD), nullptr) << "the library has kept the module loaded";
 }
 
-void Ground::checkLeftovers() {
+void Ground::observe(const std::function<void()>& run) {
+  java.clear();
+  module.log.clear();
+  module.yielded.clear();
+  traces = Output::of(run);
   EXPECT_EQ(java.faults, std::vector<std::string>{});
   EXPECT_TRUE(java.balanced()) << "an input was not released";
   EXPECT_EQ(module.activeSearches(), 0U) << "a search was not ended";
+  for (const auto& line : module.log) {
+    for (const std::string what : {" object 0x", " key 0x"}) {
+      const auto at = line.find(what);
+      if (at == std::string::npos) continue;
+      const CK_OBJECT_HANDLE handle = std::stoul(line.substr(at + what.size()), nullptr, 16);
+      EXPECT_TRUE(module.yielded.contains(handle)) << line << " with a handle that the call did not get";
+    }
+  }
 }
 
 void Ground::bindAndOpen() {
@@ -69,6 +68,29 @@ void Ground::bindAndOpen() {
 void Ground::bindAndLogin() {
   bindAndOpen();
   ASSERT_CKR(CKR_OK, call(ENTRY(login), 0, string("1234"), CKU_USER));
+}
+
+void Ground::prepare(const EntryPoint& entry) {
+  ENTRY(finalize)(java.env(), nullptr);
+  module.reset();
+  populate(module);
+  if (entry.state == State::kUnbound) return;
+  ASSERT_CKR(CKR_OK, bind());
+  if (entry.state == State::kBound) return;
+  ASSERT_CKR(CKR_OK, call(ENTRY(openSession), 0));
+  if (entry.state == State::kOpen) return;
+  const bool officer = entry.state == State::kSecurityOfficer;
+  ASSERT_CKR(CKR_OK,
+             call(ENTRY(login), 0, string(officer ? "12345678" : "1234"), officer ? CKU_SO : CKU_USER));
+}
+
+std::string Ground::run(const EntryPoint& entry, const Arguments& arguments, std::size_t refusedAllocation) {
+  std::string answer;
+  observe([&] {
+    if (refusedAllocation != 0) java.refuse(refusedAllocation);
+    answer = entry.call(java, arguments);
+  });
+  return answer;
 }
 
 std::string Ground::calls() const {
@@ -87,22 +109,4 @@ std::string Ground::jniCalls() const {
   std::string all;
   for (const auto& line : java.log) all += (all.empty() ? "" : " ") + line;
   return all;
-}
-
-std::string Ground::shown(jbyteArray array) { return array == nullptr ? "null" : hex(java.bytesOf(array)); }
-
-std::string Ground::shown(jintArray array) {
-  if (array == nullptr) return "null";
-  std::string all;
-  for (const auto number : java.intsOf(array)) all += (all.empty() ? "" : " ") + std::to_string(number);
-  return '[' + all + ']';
-}
-
-std::string Ground::shown(jobjectArray array) {
-  if (array == nullptr) return "null";
-  std::string all;
-  for (const jobject element : java.elementsOf(array)) {
-    all += (all.empty() ? "" : " ") + (element == nullptr ? "null" : hex(java.bytesOf(element)));
-  }
-  return '{' + all + '}';
 }

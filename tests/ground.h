@@ -11,6 +11,7 @@
 
 #include "ckr.h"
 #include "com_calvenhor_vork_utils_Smartcard.h"
+#include "entry_points.h"
 #include "fake_jni.h"
 #include "mock_module.h"
 
@@ -47,13 +48,18 @@ class Ground : public testing::Test {
   /// Calls an entry point, keeps what it traced in `traces`, and checks what no call may leave behind.
   template <class Result, class... Parameter>
   Result call(Result (*entry)(JNIEnv*, jclass, Parameter...), std::type_identity_t<Parameter>... arguments) {
-    java.clear();
-    module.log.clear();
     Result result = {};
-    traces = Output::of([&] { result = entry(java.env(), nullptr, arguments...); });
-    checkLeftovers();
+    observe([&] { result = entry(java.env(), nullptr, arguments...); });
     return result;
   }
+  void observe(const std::function<void()>& run);
+
+  // The same by the table of entry points: in a new life of the library, with a populated token and all that
+  // the entry point needs before it can succeed; then the call itself, with an allocation of the virtual
+  // machine refused, if one is named.
+  void prepare(const EntryPoint& entry);
+  std::string run(const EntryPoint& entry, const Arguments& arguments, std::size_t refusedAllocation = 0);
+  std::string run(const EntryPoint& entry) { return run(entry, entry.arguments); }
 
   jstring string(const std::string& characters) { return java.string("string", characters); }
   jbyteArray bytes(const std::string& name, const Bytes& elements) { return java.bytes(name, elements); }
@@ -70,13 +76,10 @@ class Ground : public testing::Test {
   /// The virtual machine's log of the last call, with a blank between two.
   std::string jniCalls() const;
 
-  /// What an entry point returned, as text: `5`, `[16909060]`, `{01 02}`, `{{00} {41} null}` or `null`.
-  std::string shown(jlong number) { return std::to_string(number); }
-  std::string shown(jbyteArray array);
-  std::string shown(jintArray array);
-  std::string shown(jobjectArray array);
-
-  void checkLeftovers();
+  template <class Result>
+  std::string shown(Result result) {
+    return ::shown(java, result);
+  }
 
   FakeJni java;
   mock::Module& module;

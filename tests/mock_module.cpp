@@ -468,7 +468,7 @@ CK_RV C_FindObjects(CK_SESSION_HANDLE handle, CK_OBJECT_HANDLE_PTR objects, CK_U
     require(session.search.has_value(), CKR_OPERATION_NOT_INITIALIZED);
     *count = 0;
     for (; *count < room && !session.search->empty(); session.search->pop_front())
-      objects[(*count)++] = session.search->front();
+      state.yielded.insert(objects[(*count)++] = session.search->front());
   });
 }
 
@@ -541,7 +541,7 @@ CK_RV C_GenerateKeyPair(CK_SESSION_HANDLE handle, CK_MECHANISM_PTR mechanism, CK
       (*half)[CKA_KEY_TYPE] = mock::number(CKK_RSA);
       (*half)[CKA_MODULUS] = modulus;
     }
-    *publicKey = state.store(slot, publicHalf);
-    *privateKey = state.store(slot, privateHalf);
+    state.yielded.insert(*publicKey = state.store(slot, publicHalf));
+    state.yielded.insert(*privateKey = state.store(slot, privateHalf));
   });
 }

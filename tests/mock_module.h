@@ -13,6 +13,7 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -121,6 +122,7 @@ class Module {
     initializations = 0;
     slots = {tokenSlot(0x11), emptySlot(0x22)};
     sessions.clear();
+    yielded.clear();
     slotEvents.clear();
     log.clear();
     onCall = nullptr;
@@ -144,7 +146,8 @@ class Module {
   std::vector<Slot> slots;  // [0]: ID 0x11, holds a token; [1]: ID 0x22, empty
   std::map<CK_SESSION_HANDLE, Session> sessions;
   CK_SESSION_HANDLE nextSession;
-  std::deque<CK_SLOT_ID> slotEvents;  // for C_WaitForSlotEvent; with none left it is not supported
+  std::set<CK_OBJECT_HANDLE> yielded;  // by searches and key generation, until a test clears it
+  std::deque<CK_SLOT_ID> slotEvents;   // for C_WaitForSlotEvent; with none left it is not supported
 
   /// Every call in order, as text with its arguments. Bytes are hexadecimal, PINs and labels are in quotes, a
   /// null pointer is `null`; `CKA_ID/16` in a template is a buffer of 16 bytes, `CKA_ID/null` a length query.

@@ -1,0 +1,160 @@
+#include "entry_points.h"
+
+#include <sstream>
+#include <type_traits>
+
+#include "com_calvenhor_vork_utils_Smartcard.h"
+
+namespace {
+
+template <class T>
+T converted(FakeJni& java, const Argument& argument) {
+  if constexpr (std::is_same_v<T, jlong>) {
+    return argument.number;
+  } else {
+    if (argument.text == nullptr) return nullptr;
+    const std::string text = argument.text;
+    if constexpr (std::is_same_v<T, jstring>) return java.string(text, text);
+    if constexpr (std::is_same_v<T, jbyteArray>) return java.bytes(text, {text.begin(), text.end()});
+  }
+}
+
+template <class Result>
+constexpr const char* kFormOf = "";
+template <>
+constexpr const char* kFormOf<jlong> = "%";
+template <>
+constexpr const char* kFormOf<jbyteArray> = "{%}";
+template <>
+constexpr const char* kFormOf<jobjectArray> = "{{%}}";
+template <>
+constexpr const char* kFormOf<jintArray> = "[]";
+
+template <class Result, class... Parameter>
+EntryPoint entry(const char* name, Result (*function)(JNIEnv*, jclass, Parameter...), Arguments arguments,
+                 State state = State::kUser, const char* keptBack = "", bool nullsAllowed = false) {
+  const auto call = [function](FakeJni& java, const Arguments& values) {
+    [[maybe_unused]] auto value = values.begin();
+    const std::tuple<JNIEnv*, jclass, Parameter...> all{java.env(), nullptr,
+                                                        converted<Parameter>(java, *value++)...};
+    return shown(java, std::apply(function, all));
+  };
+  return {name, state, std::move(arguments), keptBack, kFormOf<Result>, nullsAllowed, call};
+}
+
+std::string hex(const std::vector<std::uint8_t>& bytes) {
+  std::ostringstream out;
+  for (const int byte : bytes)
+    out << (out.tellp() > 0 ? " " : "") << (byte < 16 ? "0" : "") << std::hex << byte;
+  return '{' + out.str() + '}';
+}
+
+}  // namespace
+
+std::string shown(FakeJni&, jlong number) { return std::to_string(number); }
+
+std::string shown(FakeJni& java, jbyteArray array) {
+  return array == nullptr ? "null" : hex(java.bytesOf(array));
+}
+
+std::string shown(FakeJni& java, jintArray array) {
+  if (array == nullptr) return "null";
+  std::string all;
+  for (const auto number : java.intsOf(array)) all += (all.empty() ? "" : " ") + std::to_string(number);
+  return '[' + all + ']';
+}
+
+std::string shown(FakeJni& java, jobjectArray array) {
+  if (array == nullptr) return "null";
+  std::string all;
+  for (const jobject element : java.elementsOf(array)) {
+    all += (all.empty() ? "" : " ") + (element == nullptr ? "null" : hex(java.bytesOf(element)));
+  }
+  return '{' + all + '}';
+}
+
+std::string EntryPoint::inForm(unsigned code) const {
+  const std::string shownCode =
+      form == "%" ? std::to_string(code) : hex({static_cast<std::uint8_t>(code)}).substr(1, 2);
+  const auto place = form.find('%');
+  return place == std::string::npos ? form : std::string(form).replace(place, 1, shownCode);
+}
+
+const std::vector<EntryPoint>& entryPoints() {
+#define ENTRY(name) #name, Java_com_calvenhor_vork_utils_Smartcard_##name##DLL
+#define RSA "n", "e", "SECRET d", "SECRET p", "SECRET q", "SECRET dp", "SECRET dq", "SECRET qi"
+  constexpr SlotIndex slot;
+  static const std::vector<EntryPoint> table = {
+      entry(ENTRY(init), {MOCK_MODULE}, State::kUnbound),
+      entry(ENTRY(getSlotCount), {}),
+      entry(ENTRY(finalize), {}),
+      entry(ENTRY(getSlotInfo), {slot}),
+      entry(ENTRY(readSlotDescription), {slot}),
+      entry(ENTRY(getTokenInfo), {slot}),
+      entry(ENTRY(readCardLabel), {slot}),
+      entry(ENTRY(readCardSerialNumber), {slot}),
+      entry(ENTRY(waitForSlotEvent), {7}),
+      entry(ENTRY(getMechanismInfo), {slot, CKM_RSA_PKCS}),
+      entry(ENTRY(getSupportedMechanismList), {slot}),
+      entry(ENTRY(openSession), {slot}),
+      entry(ENTRY(closeSession), {slot}, State::kUser, "C_CloseSession C_CloseAllSessions#1"),
+      entry(ENTRY(isSessionOpen), {slot}),
+      entry(ENTRY(getSessionInfo), {slot}),
+      entry(ENTRY(login), {slot, "1234", CKU_USER}, State::kOpen, "", true),
+      entry(ENTRY(logout), {slot}),
+      entry(ENTRY(changePIN), {slot, "1234", 4, "4321", 4}),
+      entry(ENTRY(initToken), {slot, "12345678", 8}, State::kBound),
+      entry(ENTRY(initUserPIN), {slot, "4321", 4}, State::kSecurityOfficer),
+      entry(ENTRY(isCardEmpty), {slot}, State::kUser, ""),
+      entry(ENTRY(getObjectCountInTheToken), {slot}, State::kUser, "C_FindObjectsFinal"),
+      entry(ENTRY(readCertificate), {slot}, State::kUser, "C_FindObjectsFinal"),
+      entry(ENTRY(readAttributeCertificate), {slot}, State::kUser, "C_FindObjectsFinal"),
+      entry(ENTRY(readAllCertificates), {slot}, State::kUser, "C_FindObjectsFinal"),
+      entry(ENTRY(readAllRSAPublicKeys), {slot}, State::kUser, "C_FindObjectsFinal#2"),
+      entry(ENTRY(readAllRSAPrivateKeys), {slot}, State::kUser, "C_FindObjectsFinal#2"),
+      entry(ENTRY(readCertificateID), {slot}, State::kUser, "C_FindObjectsFinal"),
+      entry(ENTRY(readCertificateLabel), {slot}, State::kUser, "C_FindObjectsFinal"),
+      entry(ENTRY(readPublicKeyID), {slot}, State::kUser, "C_FindObjectsFinal"),
+      entry(ENTRY(readPublicKeyLabel), {slot}, State::kUser, "C_FindObjectsFinal"),
+      entry(ENTRY(readPrivateKeyID), {slot}, State::kUser, "C_FindObjectsFinal"),
+      entry(ENTRY(readPrivateKeyLabel), {slot}, State::kUser, "C_FindObjectsFinal"),
+      entry(ENTRY(writeCertificate), {slot, "cert", "subject", "issuer", "serial", "id", "label"}),
+      entry(ENTRY(writeAttributeCertificate), {slot, "cert"}),
+      entry(ENTRY(writePublicKey), {slot, "n", "e", "id", "label"}),
+      entry(ENTRY(writePrivateKey), {slot, RSA, "id", "label"}, State::kUser, "C_CreateObject#1"),
+      entry(ENTRY(writeCertificateAndPrivateKey),
+            {slot, "cert", "subject", "issuer", "serial", RSA, "id", "label"}, State::kUser,
+            "C_CreateObject#1 C_CreateObject#2"),
+      entry(ENTRY(setCertificateLabel), {"unread", slot}, State::kUser,
+            "C_SetAttributeValue C_FindObjectsFinal#1", true),
+      entry(ENTRY(updateKeyPairIDAndLabel), {slot, "id", "new id", "new label"}, State::kUser,
+            "C_FindObjectsInit#1 C_FindObjects#1 C_FindObjectsFinal C_SetAttributeValue#1"),
+      entry(ENTRY(delete), {slot}, State::kUser, "C_FindObjects C_DestroyObject"),
+      entry(ENTRY(deleteCertificate), {slot, "subject", "issuer", "serial", "id", "label"}, State::kUser,
+            "C_FindObjects C_FindObjectsFinal"),
+      entry(ENTRY(deletePublicKey), {slot, "id"}, State::kUser, "C_FindObjects C_FindObjectsFinal"),
+      entry(ENTRY(deletePrivateKey), {slot, "id"}, State::kUser, "C_FindObjects C_FindObjectsFinal"),
+      entry(ENTRY(deleteAllCertificates), {slot}, State::kUser, "C_FindObjects C_FindObjectsFinal#1"),
+      entry(ENTRY(sign), {slot, "SECRET data"}, State::kUser, "C_FindObjectsFinal"),
+      entry(ENTRY(signWithID), {slot, "SECRET data", "id"}, State::kUser, "C_FindObjectsFinal"),
+      entry(ENTRY(generateKeyPair), {slot, 1024, "e", "id", "label"}),
+      entry(ENTRY(decrypt), {}),
+  };
+#undef RSA
+#undef ENTRY
+  return table;
+}
+
+void populate(mock::Module& module) {
+  module.slots[1] = module.slots[0];
+  module.slots[1].id = 0x22;
+  module.slotEvents = {0x11};
+  mock::Attributes certificate = mock::certificate("id", "label", "cert");
+  certificate[CKA_SUBJECT] = mock::bytes("subject");
+  certificate[CKA_ISSUER] = mock::bytes("issuer");
+  certificate[CKA_SERIAL_NUMBER] = mock::bytes("serial");
+  module.addObject(0, certificate);
+  module.addObject(0, mock::data("attribute certificate"));
+  module.addObject(0, mock::publicKey("id", "label"));
+  module.addObject(0, mock::privateKey("id", "label"));
+}
