@@ -13,6 +13,9 @@
 
 namespace {
 
+/// No virtual machine has an endless heap.
+constexpr jsize kLargestArray = 1 << 26;
+
 constexpr std::size_t kSlots = sizeof(JNINativeInterface_) / sizeof(void*);
 static_assert(std::size(kJniFunctionNames) == kSlots, "the names and the table come from different JDKs");
 
@@ -230,6 +233,10 @@ bool FakeJni::refused() {
 
 jobject FakeJni::create(std::string name, Type type, jsize length) {
   if (refused()) return nullptr;
+  if (length > kLargestArray) {
+    pending_ = "OutOfMemoryError";
+    return nullptr;
+  }
   if (length < 0) {
     faults.push_back(log.back() + ": a negative length");
     pending_ = "NegativeArraySizeException";

@@ -1,0 +1,45 @@
+#!/bin/sh
+# Reads from the shared object itself that it exports its entry points and nothing else, needs libc and nothing
+# else, and is hardened.
+set -u
+library=$1
+header=$2
+failed=0
+
+expect() { # what, and a command that succeeds if it holds
+  what=$1
+  shift
+  "$@" || { echo "not so: $what"; failed=1; }
+}
+says() { # a text, and the words of a command whose output must contain it
+  text=$1
+  shift
+  "$@" | grep -q -e "$text"
+}
+silent() { # a text that must not be in a command's output
+  ! says "$@"
+}
+
+exported=$(nm -D --defined-only "$library" | awk '{print $3}' | sort)
+declared=$(grep -o 'Java_[A-Za-z_]*' "$header" | sort)
+expect "the exports are the natives of the Java class: 49" [ "$(echo "$exported" | wc -l)" = 49 ]
+expect "each has its declared name" [ "$exported" = "$declared" ]
+# The loader is part of libc.
+needed=$(readelf -d "$library" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | grep -v '^ld-linux' | tr '\n' ' ')
+expect "only libc is needed" [ "$needed" = "libc.so.6 " ]
+expect "no search path is built in" silent 'R.*PATH' readelf -d "$library"
+expect "relocations are read-only" says GNU_RELRO readelf -lW "$library"
+expect "all symbols are bound at once" says BIND_NOW readelf -d "$library"
+expect "the code needs no relocation" silent TEXTREL readelf -d "$library"
+expect "the stack is not executable" says 'GNU_STACK.* RW ' readelf -lW "$library"
+expect "the stack is protected" says __stack_chk_fail nm -D "$library"
+expect "prints are checked" says '__v.*printf_chk' nm -D "$library"
+expect "nothing runs at exit" silent 'atexit' nm -D "$library"
+case $(uname -m) in
+  x86_64)
+    entry=Java_com_calvenhor_vork_utils_Smartcard_signDLL
+    first=$(objdump -d --no-show-raw-insn "$library" | grep -A1 "<$entry>:" | tail -n 1)
+    expect "entry points are landing places for indirect calls" says endbr64 echo "$first"
+    ;;
+esac
+exit $failed
