@@ -17,8 +17,10 @@ CK_RV destroy(Session session, CK_OBJECT_HANDLE object) {
 
 /// Destroys the first object that matches, after its search has ended. Nothing to destroy is no failure.
 jlong destroyFirst(Session session, std::span<CK_ATTRIBUTE> wanted) {
-  if (const auto object = findTraced(session, wanted, "FindObjectsInit")) {
-    destroy(session, *object);
+  Search search(session, wanted);
+  runTraced(search, "FindObjectsInit");
+  if (search.found()) {
+    destroy(session, search.object());
     trace("DestroyObject = %d", dec32(rv));
   }
   return asJava(rv);
@@ -60,6 +62,7 @@ JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_deleteCertificat
   const jlong result = destroyFirst(sessionAt(slotIndex), wanted);
 
   releaseAll(names, id, label);
+  discardAll(names, id, label);
   return result;
 } catch (...) {
   return CKR_HOST_MEMORY;

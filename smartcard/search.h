@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
-#include <optional>
 #include <span>
 
 #include "marshal.h"
@@ -22,8 +21,8 @@ class Search {
  public:
   /// An empty template matches every object.
   explicit Search(Session session, std::span<CK_ATTRIBUTE> wanted = {}) : session_(session) {
-    begun_ = call(&CK_FUNCTION_LIST::C_FindObjectsInit, session_, wanted.data(), wanted.size()) == CKR_OK;
-    active_ = begun_;
+    begin_ = call(&CK_FUNCTION_LIST::C_FindObjectsInit, session_, wanted.data(), wanted.size());
+    active_ = begun();
   }
   Search(const Search&) = delete;
   Search& operator=(const Search&) = delete;
@@ -31,13 +30,13 @@ class Search {
     if (active_) end();
   }
 
-  bool begun() const { return begun_; }
+  bool begun() const { return begin_ == CKR_OK; }
 
   CK_RV next() {
     active_ = true;
     count_ = 0;  // modules leave the count as it is when they fail
-    succeeded_ = call(&CK_FUNCTION_LIST::C_FindObjects, session_, handles_.data(), Room, &count_) == CKR_OK;
-    return rv;
+    next_ = call(&CK_FUNCTION_LIST::C_FindObjects, session_, handles_.data(), Room, &count_);
+    return next_;
   }
 
   CK_RV end() {
@@ -50,32 +49,36 @@ class Search {
 
   /// The objects that this search yielded in the last next(): the only handles that may go to the module.
   std::span<const CK_OBJECT_HANDLE> objects() const {
-    return std::span(handles_).first(begun_ && succeeded_ ? std::min<CK_ULONG>(count_, Room) : 0);
+    return std::span(handles_).first(begun() && next_ == CKR_OK ? std::min<CK_ULONG>(count_, Room) : 0);
   }
 
   bool found() const { return !objects().empty(); }
   CK_OBJECT_HANDLE object() const { return objects().front(); }
 
+  /// Why there is no object to work on: the failure of the search, or CKR_OBJECT_HANDLE_INVALID if it
+  /// succeeded and found none.
+  CK_RV absence() const {
+    if (!begun()) return begin_;
+    return next_ != CKR_OK ? next_ : CKR_OBJECT_HANDLE_INVALID;
+  }
+
  private:
   Session session_;
   std::array<CK_OBJECT_HANDLE, Room> handles_ = {};
   CK_ULONG count_ = 0;
-  bool begun_ = false;
+  CK_RV begin_ = CKR_OK;
+  CK_RV next_ = CKR_OK;
   bool active_ = false;
-  bool succeeded_ = false;
 };
 
-/// Searches for one object and traces each step; `begun` is what the trace calls the first. The search has
-/// ended when this returns.
-inline std::optional<CK_OBJECT_HANDLE> findTraced(Session session, std::span<CK_ATTRIBUTE> wanted,
-                                                  const char* begun) {
-  Search search(session, wanted);
+/// Takes a search that has just begun to its end, for one object, and traces each step; `begun` is what the
+/// trace calls the first.
+inline void runTraced(Search<>& search, const char* begun) {
   trace("%s = %d", begun, dec32(rv));
   search.next();
   trace("FindObjects = %d", dec32(rv));
   search.end();
   trace("FindObjectsFinal = %d", dec32(rv));
-  return search.found() ? std::optional(search.object()) : std::nullopt;
 }
 
 /// Attributes of one object, read in two calls: the first learns the lengths, the second copies the values.

@@ -26,10 +26,10 @@ void takeTraced(const char* heading, ByteInput& input) {
   traceBytes(heading, {input.data(), input.size()});
 }
 
-/// Gives a key its new ID and label. A key that was not found cannot be updated.
-CK_RV update(Session session, std::optional<CK_OBJECT_HANDLE> key, std::span<CK_ATTRIBUTE> names) {
-  if (!key) return CKR_OBJECT_HANDLE_INVALID;
-  return call(&CK_FUNCTION_LIST::C_SetAttributeValue, session, *key, names.data(), names.size());
+/// Gives the key that was found its new ID and label.
+CK_RV update(Session session, const Search<>& key, std::span<CK_ATTRIBUTE> names) {
+  if (!key.found()) return key.absence();
+  return call(&CK_FUNCTION_LIST::C_SetAttributeValue, session, key.object(), names.data(), names.size());
 }
 
 }  // namespace
@@ -212,9 +212,11 @@ JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_updateKeyPairIDA
   newId.take();
 
   auto wantedPrivate = tokenKeySearch<CKO_PRIVATE_KEY>(id);
-  const auto privateKey = findTraced(session, wantedPrivate, "FindObjectsInit (Priv)");
+  Search privateKey(session, wantedPrivate);
+  runTraced(privateKey, "FindObjectsInit (Priv)");
   auto wantedPublic = tokenKeySearch<CKO_PUBLIC_KEY>(id);
-  const auto publicKey = findTraced(session, wantedPublic, "FindObjectsInit (Public)");
+  Search publicKey(session, wantedPublic);
+  runTraced(publicKey, "FindObjectsInit (Public)");
 
   std::array names = {bytes(CKA_ID, newId), bytes(CKA_LABEL, newLabel)};
   trace("Private key update = %d", dec32(update(session, privateKey, names)));
@@ -236,7 +238,7 @@ JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_setCertificateLa
   std::array wantedKey = {objectClass<CKO_PUBLIC_KEY>()};
   Search keys(session, wantedKey);
   keys.next();
-  if (!keys.found()) return CKR_OBJECT_HANDLE_INVALID;
+  if (!keys.found()) return asJava(keys.absence());
   AttributeRead<1> label(session, keys.object(), {CKA_LABEL});
   if (label.lengths() != CKR_OK) return asJava(rv);
   if (const CK_RV result = label.values(); result != CKR_OK) return asJava(result);
@@ -245,7 +247,7 @@ JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_setCertificateLa
   std::array wantedCertificate = {x509()};
   Search certificates(session, wantedCertificate);
   certificates.next();
-  if (!certificates.found()) return CKR_OBJECT_HANDLE_INVALID;
+  if (!certificates.found()) return asJava(certificates.absence());
   CK_ATTRIBUTE newLabel = {CKA_LABEL, label[0].data(), label[0].size()};
   call(&CK_FUNCTION_LIST::C_SetAttributeValue, session, certificates.object(), &newLabel, 1);
   return asJava(certificates.end());

@@ -156,6 +156,14 @@ TEST_F(Binding, TracesHaveLeftTheProcessWhenTheModuleRuns) {
   };
   ENTRY(init)(java.env(), nullptr, string(kModule));
   EXPECT_EQ(atInitialize, start + "Got fuction list\n");
+
+  std::string atCreation;
+  module.onCall = [&](const std::string& name) {
+    if (name == "C_CreateObject") atCreation = output.written();
+  };
+  ENTRY(openSession)(java.env(), nullptr, 0);
+  ENTRY(writePublicKey)(java.env(), nullptr, 0, bytes("n"), bytes("e"), bytes("id"), bytes("label"));
+  EXPECT_TRUE(atCreation.ends_with("CreateObject(Public Key)...")) << atCreation;
 }
 
 }  // namespace

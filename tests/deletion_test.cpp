@@ -70,7 +70,7 @@ TEST_F(Deletion, TouchesNothingThatItsOwnSearchDidNotYield) {
   refuseSearches();
   EXPECT_CKR(CKR_OPERATION_NOT_INITIALIZED, call(ENTRY(delete), 0));
   refuseSearches();
-  EXPECT_CKR(CKR_OBJECT_HANDLE_INVALID,
+  EXPECT_CKR(CKR_OPERATION_ACTIVE,
              call(ENTRY(updateKeyPairIDAndLabel), 0, bytes("id"), bytes("new"), bytes("label")));
   EXPECT_EQ(module.names(), "C_FindObjectsInit C_FindObjectsFinal C_FindObjectsInit C_FindObjectsFinal");
   EXPECT_EQ(objects(), 1U);

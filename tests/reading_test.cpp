@@ -88,8 +88,15 @@ TEST_F(Reading, ReadsTheFirstCertificate) {
     EXPECT_EQ(status, read()) << failing;
   }
   EXPECT_EQ(traces, "");
-  claimLengths(CK_UNAVAILABLE_INFORMATION, 0);
+  claimLengths(CK_UNAVAILABLE_INFORMATION, CK_UNAVAILABLE_INFORMATION);
   EXPECT_EQ("{01}", read());
+  module.functions.C_GetAttributeValue = [](CK_SESSION_HANDLE, CK_OBJECT_HANDLE, CK_ATTRIBUTE_PTR attribute,
+                                            CK_ULONG) -> CK_RV {
+    static int calls = 0;
+    attribute->ulValueLen = ++calls == 1 ? CK_UNAVAILABLE_INFORMATION : 0;
+    return CKR_OK;
+  };
+  EXPECT_EQ("{01}", read()) << "copied to no buffer";
   claimLengths(1UL << 31U, 1);
   EXPECT_EQ("{01}", read());
   claimLengths(4, 5);
@@ -230,6 +237,9 @@ TEST_F(Reading, FailsInTheListingsAsFarAsTheyGot) {
     SCOPED_TRACE(failure.function + std::to_string(failure.nth));
     module.failAt(failure.function, failure.nth, CKR_DEVICE_ERROR);
     EXPECT_EQ(failure.certificates, shown(call(ENTRY(readAllCertificates), 0)));
+    if (failure.function == std::string("C_GetAttributeValue") && failure.nth == 4) {
+      EXPECT_TRUE(traces.ends_with("C_GetAttributeValue1 = 0x0\nC_GetAttributeValue2 = 0x30\n"));
+    }
     module.failAt(failure.function, failure.nth, CKR_DEVICE_ERROR);
     EXPECT_EQ(failure.keys, shown(call(ENTRY(readAllRSAPrivateKeys), 0)));
   }
@@ -252,8 +262,11 @@ TEST_F(Reading, SurvivesATokenThatChangesBetweenThePasses) {
   atSecondSearch([&] { module.addObject(0, mock::privateKey("9", "Z")); });
   EXPECT_EQ("{{00} {31} {41}}", shown(call(ENTRY(readAllRSAPrivateKeys), 0)));
   module.addObject(0, mock::certificate("1", "A", "c"));
-  atSecondSearch([&] { module.slots[0].objects.pop_back(); });
-  EXPECT_EQ("{{05} null null null}", shown(call(ENTRY(readAllCertificates), 0)));
+  atSecondSearch([&] { module.addObject(0, mock::certificate("2", "B", "d")); });
+  EXPECT_EQ("{{00} {31} {41} {63}}", shown(call(ENTRY(readAllCertificates), 0)));
+  EXPECT_TRUE(traces.ends_with("RemainCount = 1\nC_FindObjectsFinal = 0x0\n"));
+  atSecondSearch([&] { module.slots[0].objects.resize(module.slots[0].objects.size() - 2); });
+  EXPECT_EQ("{{05} null null null null null null}", shown(call(ENTRY(readAllCertificates), 0)));
 }
 
 TEST_F(Reading, GivesUpLocalReferencesOfLargeResults) {

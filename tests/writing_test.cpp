@@ -10,29 +10,34 @@ class Writing : public Ground {
     return call(ENTRY(writeCertificate), 0, bytes("cert", {1}), bytes("subject", {2}), bytes("issuer", {3}),
                 bytes("serial", {4}), bytes("id", {5}), bytes("label", {0x0a, 0xff}));
   }
+  // Components of different lengths, since some are only traced by their lengths.
+  jbyteArray component(const std::string& name, std::uint8_t k) { return bytes(name, Bytes(k, k)); }
+  static std::string hex(int k) {
+    std::string all;
+    for (int i = 0; i < k; ++i) all += "0" + std::to_string(k);
+    return all;
+  }
   jlong writePrivateKey() {
-    return call(ENTRY(writePrivateKey), 0, bytes("n", {0x10}), bytes("e", {0x11}), bytes("d", {0x12}),
-                bytes("p", {0x13}), bytes("q", {0x14}), bytes("dp", {0x15}), bytes("dq", {0x16}),
-                bytes("qi", {0x17}), bytes("id", {0x05, 0xab}), bytes("label", {}));
+    return call(ENTRY(writePrivateKey), 0, component("n", 1), component("e", 2), component("d", 3),
+                component("p", 4), component("q", 5), component("dp", 6), component("dq", 7),
+                component("qi", 8), bytes("id", {0x05, 0xab}), bytes("label", {}));
   }
   jlong writeIdentity() {
-    return call(ENTRY(writeCertificateAndPrivateKey), 0, bytes("cert", {1, 0xfe}), bytes("subject", {2}),
-                bytes("issuer", {3}), bytes("serial", {4}), bytes("n", {0x10}), bytes("e", {0x11}),
-                bytes("d", {0x12}), bytes("p", {0x13}), bytes("q", {0x14}), bytes("dp", {0x15}),
-                bytes("dq", {0x16}), bytes("qi", {0x17}), bytes("id", {5}), bytes("label", {0x0a, 0xff}));
+    return call(ENTRY(writeCertificateAndPrivateKey), 0, bytes("cert", {1, 0xfe}), component("subject", 3),
+                component("issuer", 4), component("serial", 5), component("n", 1), component("e", 2),
+                component("d", 3), component("p", 4), component("q", 5), component("dp", 6),
+                component("dq", 7), component("qi", 8), bytes("id", {5}), bytes("label", {0x0a, 0xff}));
   }
   static std::string privateKey(const std::string& id, const std::string& label) {
     return "C_CreateObject(S, CKA_CLASS=0300000000000000 CKA_KEY_TYPE=0000000000000000 CKA_PRIVATE=01 "
-           "CKA_SENSITIVE=01 "
-           "CKA_EXTRACTABLE=00 CKA_TOKEN=01 CKA_ID=" +
-           id + " CKA_LABEL=" + label +
-           " CKA_MODULUS=10 CKA_PUBLIC_EXPONENT=11 "
-           "CKA_PRIVATE_EXPONENT=12 CKA_PRIME_1=13 CKA_PRIME_2=14 CKA_EXPONENT_1=15 CKA_EXPONENT_2=16 "
-           "CKA_COEFFICIENT=17)\n";
+           "CKA_SENSITIVE=01 CKA_EXTRACTABLE=00 CKA_TOKEN=01 CKA_ID=" +
+           id + " CKA_LABEL=" + label + " CKA_MODULUS=" + hex(1) + " CKA_PUBLIC_EXPONENT=" + hex(2) +
+           " CKA_PRIVATE_EXPONENT=" + hex(3) + " CKA_PRIME_1=" + hex(4) + " CKA_PRIME_2=" + hex(5) +
+           " CKA_EXPONENT_1=" + hex(6) + " CKA_EXPONENT_2=" + hex(7) + " CKA_COEFFICIENT=" + hex(8) + ")\n";
   }
   static std::string publicKey(const std::string& id, const std::string& label) {
     return "C_CreateObject(S, CKA_CLASS=0200000000000000 CKA_KEY_TYPE=0000000000000000 CKA_TOKEN=01 CKA_ID=" +
-           id + " CKA_LABEL=" + label + " CKA_MODULUS=10 CKA_PUBLIC_EXPONENT=11)\n";
+           id + " CKA_LABEL=" + label + " CKA_MODULUS=" + hex(1) + " CKA_PUBLIC_EXPONENT=" + hex(2) + ")\n";
   }
   /// The virtual machine's log of taking these inputs or giving them back, after the lengths.
   static std::string each(const std::string& before, const std::vector<std::string>& names,
@@ -78,7 +83,7 @@ TEST_F(Writing, WritesACertificate) {
 }
 
 TEST_F(Writing, WritesKeys) {
-  EXPECT_CKR(CKR_OK, call(ENTRY(writePublicKey), 0, bytes("n", {0x10}), bytes("e", {0x11}), bytes("id", {5}),
+  EXPECT_CKR(CKR_OK, call(ENTRY(writePublicKey), 0, component("n", 1), component("e", 2), bytes("id", {5}),
                           bytes("label", {6})));
   EXPECT_EQ(calls(), publicKey("05", "06"));
   EXPECT_EQ(inputs(), taken({"label", "n", "e", "id"}) + released({"n", "e", "id", "label"}));
@@ -103,16 +108,16 @@ TEST_F(Writing, WritesKeys) {
 
 TEST_F(Writing, WritesACertificateWithItsKeys) {
   const std::string sizes =
-      "**writeCertificateAndPrivateDLL\nsizeOfModulus = 1\nsizeOfPublicExponent = 1\nsizeOfPrivateExponent = "
-      "1\n"
-      "sizeOfPrime1 = 1\nsizeOfPrime2 = 1\nsizeOfExponent1 = 1\nsizeOfExponent2 = 1\nsizeOfCoefficient = 1\n"
-      "sizeOfSubject = 1\nsizeOfCert = 2\nlabel = a ff \nid = 5 \ncert = 1 fe \n";
+      "**writeCertificateAndPrivateDLL\nsizeOfModulus = 1\nsizeOfPublicExponent = 2\nsizeOfPrivateExponent = "
+      "3\n"
+      "sizeOfPrime1 = 4\nsizeOfPrime2 = 5\nsizeOfExponent1 = 6\nsizeOfExponent2 = 7\nsizeOfCoefficient = 8\n"
+      "sizeOfSubject = 3\nsizeOfCert = 2\nlabel = a ff \nid = 5 \ncert = 1 fe \n";
   EXPECT_CKR(CKR_OK, writeIdentity());
-  EXPECT_EQ(calls(),
-            privateKey("05", "0aff") + publicKey("05", "0aff") +
-                "C_CreateObject(S, CKA_CLASS=0100000000000000 CKA_CERTIFICATE_TYPE=0000000000000000 "
-                "CKA_LABEL=0aff CKA_TOKEN=01 CKA_SERIAL_NUMBER=04 CKA_ISSUER=03 CKA_SUBJECT=02 CKA_ID=05 "
-                "CKA_VALUE=01fe)\n");
+  EXPECT_EQ(calls(), privateKey("05", "0aff") + publicKey("05", "0aff") +
+                         "C_CreateObject(S, CKA_CLASS=0100000000000000 CKA_CERTIFICATE_TYPE=0000000000000000 "
+                         "CKA_LABEL=0aff CKA_TOKEN=01 CKA_SERIAL_NUMBER=" +
+                         hex(5) + " CKA_ISSUER=" + hex(4) + " CKA_SUBJECT=" + hex(3) +
+                         " CKA_ID=05 CKA_VALUE=01fe)\n");
   EXPECT_EQ(inputs(), taken({"label", "n", "e", "d", "p", "q", "dp", "dq", "qi", "id", "cert", "subject",
                              "issuer", "serial"}) +
                           released({"cert", "subject", "issuer", "serial", "n", "e", "d", "p", "q", "dp",
@@ -170,9 +175,13 @@ TEST_F(Writing, RenamesAKeyPair) {
   EXPECT_EQ(calls(), search("03") + search("02"));
   EXPECT_TRUE(module.slots[0].objects[0].has(CKA_ID, mock::bytes("id"))) << "the certificate keeps its ID";
 
-  module.failAt("C_SetAttributeValue", 1, CKR_DEVICE_ERROR);
+  module.failAt("C_SetAttributeValue", 1, CKR_VENDOR_DEFINED | 1);
   EXPECT_CKR(CKR_OK, rename("\x07")) << "the public key's result";
-  EXPECT_TRUE(traces.ends_with("Private key update = 48Public key update = 0"));
+  EXPECT_TRUE(traces.ends_with("Private key update = -2147483647Public key update = 0"));
+  module.failAt("C_FindObjects", 2, CKR_DEVICE_ERROR);
+  EXPECT_CKR(CKR_DEVICE_ERROR, rename("\x07"));
+  EXPECT_TRUE(traces.ends_with(
+      "(Public) = 0FindObjects = 48FindObjectsFinal = 0Private key update = 0Public key update = 48"));
 }
 
 TEST_F(Writing, GivesACertificateTheLabelOfAPublicKey) {
@@ -194,10 +203,19 @@ TEST_F(Writing, GivesACertificateTheLabelOfAPublicKey) {
   EXPECT_CKR(CKR_OK, setLabel()) << "the result of ending the search";
   module.failAt("C_FindObjectsFinal", 2, CKR_DEVICE_ERROR);
   EXPECT_CKR(CKR_DEVICE_ERROR, setLabel());
+  module.failAt("C_FindObjects", 2, CKR_DEVICE_ERROR);
+  EXPECT_CKR(CKR_DEVICE_ERROR, setLabel());
+  for (const std::size_t nth : {1U, 2U}) {
+    module.failAt("C_GetAttributeValue", nth, CKR_DEVICE_ERROR);
+    EXPECT_CKR(CKR_DEVICE_ERROR, setLabel());
+    EXPECT_EQ(module.callsOf("C_GetAttributeValue"), nth);
+  }
   module.slots[0].objects[0].attributes.erase(CKA_LABEL);
   EXPECT_CKR(CKR_ATTRIBUTE_TYPE_INVALID, setLabel());
   EXPECT_EQ(module.callsOf("C_SetAttributeValue"), 0U);
   EXPECT_EQ(-1, call(ENTRY(setCertificateLabel), bytes("unread"), -1));
+  call(ENTRY(closeSession), 0);
+  EXPECT_CKR(CKR_SESSION_HANDLE_INVALID, setLabel());
 }
 
 }  // namespace

@@ -1,8 +1,8 @@
-import static org.junit.jupiter.api.Assertions.assertArrayEquals;
-import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.*;
 
 import com.calvenhor.vork.utils.Smartcard;
 import java.nio.file.Path;
+import java.util.Arrays;
 import java.util.HashMap;
 import java.util.Map;
 import java.util.stream.Collectors;
@@ -22,7 +22,7 @@ class LargeTokenTest {
         MockModule.addIdentities(1000);
 
         byte[] modulus = new byte[256];
-        java.util.Arrays.fill(modulus, (byte) 0xc1);
+        Arrays.fill(modulus, (byte) 0xc1);
         assertListings(0, 1000, SoftToken.utf8("mock"), modulus);
         Smartcard.finalizeDLL();
     }

@@ -37,7 +37,11 @@ final class Natives {
         return arguments;
     }
 
-    static Object call(Method method, Object... arguments) {
+    static Object call(Method method) {
+        return call(method, arguments(method));
+    }
+
+    static Object call(Method method, Object[] arguments) {
         try {
             return method.invoke(null, arguments);
         } catch (ReflectiveOperationException e) {

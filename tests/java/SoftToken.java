@@ -4,6 +4,7 @@ import com.calvenhor.vork.utils.Smartcard;
 import java.io.IOException;
 import java.io.InputStream;
 import java.math.BigInteger;
+import java.nio.ByteBuffer;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
 import java.nio.file.Path;
@@ -11,6 +12,7 @@ import java.security.GeneralSecurityException;
 import java.security.KeyStore;
 import java.security.cert.X509Certificate;
 import java.security.interfaces.RSAPrivateCrtKey;
+import java.util.Arrays;
 import java.util.stream.LongStream;
 import java.util.stream.Stream;
 
@@ -37,11 +39,8 @@ final class SoftToken implements AutoCloseable {
 
         byte[] serialNumber() {
             byte[] content = certificate.getSerialNumber().toByteArray();
-            byte[] der = new byte[content.length + 2];
-            der[0] = 0x02;
-            der[1] = (byte) content.length;
-            System.arraycopy(content, 0, der, 2, content.length);
-            return der;
+            return ByteBuffer.allocate(content.length + 2).put((byte) 0x02).put((byte) content.length).put(content)
+                    .array();
         }
 
         long write(long slot, String id, String label) throws GeneralSecurityException {
@@ -94,6 +93,6 @@ final class SoftToken implements AutoCloseable {
     /** Without the zero byte that keeps Java's form positive. */
     static byte[] unsigned(BigInteger number) {
         byte[] bytes = number.toByteArray();
-        return bytes[0] == 0 ? java.util.Arrays.copyOfRange(bytes, 1, bytes.length) : bytes;
+        return bytes[0] == 0 ? Arrays.copyOfRange(bytes, 1, bytes.length) : bytes;
     }
 }

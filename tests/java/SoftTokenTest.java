@@ -1,7 +1,4 @@
-import static org.junit.jupiter.api.Assertions.assertArrayEquals;
-import static org.junit.jupiter.api.Assertions.assertEquals;
-import static org.junit.jupiter.api.Assertions.assertFalse;
-import static org.junit.jupiter.api.Assertions.assertTrue;
+import static org.junit.jupiter.api.Assertions.*;
 
 import com.calvenhor.vork.utils.Smartcard;
 import java.io.IOException;
@@ -14,6 +11,7 @@ import java.security.MessageDigest;
 import java.security.PublicKey;
 import java.security.Signature;
 import java.security.spec.RSAPublicKeySpec;
+import java.util.Arrays;
 import java.util.HexFormat;
 import java.util.List;
 import java.util.Map;
@@ -157,7 +155,7 @@ class SoftTokenTest {
 
     private static void assertListing(byte[][] listing, byte[]... values) {
         assertArrayEquals(new byte[] {0}, listing[0]);
-        assertArrayEquals(values, java.util.Arrays.copyOfRange(listing, 1, listing.length));
+        assertArrayEquals(values, Arrays.copyOfRange(listing, 1, listing.length));
     }
 
     private static void assertVerifies(PublicKey key, byte[] signature) throws GeneralSecurityException {

@@ -1,5 +1,6 @@
-// The mock module's reins for tests in a real virtual machine. They are linked into the module itself: System.load
-// of it keeps its state alive, and what Java sees is what the library sees when it loads the same path.
+// The mock module's reins for tests in a real virtual machine. They are linked into the module itself:
+// System.load of it keeps its state alive, and what Java sees is what the library sees when it loads the same
+// path.
 #include "MockModule.h"
 #include "mock_module.h"
 
@@ -48,6 +49,7 @@ JNIEXPORT void JNICALL Java_MockModule_failAt(JNIEnv* env, jclass, jstring funct
 JNIEXPORT jstring JNICALL Java_MockModule_takeCalls(JNIEnv* env, jclass) {
   const std::string names = mockModule()->names();
   mockModule()->log.clear();
+  mockModule()->yielded.clear();
   return env->NewStringUTF(names.c_str());
 }
 
