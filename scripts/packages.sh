@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# Sourced by the commands: each says which Debian packages it needs, and they are installed if they are missing.
+# Sourced by the commands: each says what it needs, and the Debian packages that are missing are installed.
 
 need() {
   local package missing=() apt=()
@@ -29,4 +29,22 @@ need() {
     echo "Could not install ${missing[*]}." >&2
     return 1
   fi
+}
+
+# Prints the home and the version of the first JDK from 17 up: JAVA_HOME's, the one of the javac on the path, then any that Debian knows of.
+find_jdk() {
+  local jdk version
+  for jdk in "${JAVA_HOME:-}" "$(readlink -f "$(command -v javac || true)" | sed 's|/bin/javac$||')" /usr/lib/jvm/*; do
+    if [ -x "$jdk/bin/javac" ] && [ -f "$jdk/include/jni.h" ]; then
+      version=$("$jdk/bin/javac" -version 2>&1 | sed -n 's/.*javac \([0-9]*\).*/\1/p')
+      if [ "${version:-0}" -ge 17 ]; then
+        echo "$jdk $version"
+        return
+      fi
+    fi
+  done
+}
+
+need_jdk() {
+  if [ ! "$(find_jdk)" ]; then need default-jdk-headless; fi
 }

@@ -1,5 +1,6 @@
 #include "entry_points.h"
 
+#include <algorithm>
 #include <sstream>
 #include <type_traits>
 
@@ -12,10 +13,11 @@ T converted(FakeJni& java, const Argument& argument) {
   if constexpr (std::is_same_v<T, jlong>) {
     return argument.number;
   } else {
-    if (argument.text == nullptr) return nullptr;
-    const std::string text = argument.text;
-    if constexpr (std::is_same_v<T, jstring>) return java.string(text, text);
-    if constexpr (std::is_same_v<T, jbyteArray>) return java.bytes(text, {text.begin(), text.end()});
+    if (!argument.content) return nullptr;
+    const std::string& content = *argument.content;
+    if constexpr (std::is_same_v<T, jstring>) return java.string(argument.name, content);
+    if constexpr (std::is_same_v<T, jbyteArray>)
+      return java.bytes(argument.name, {content.begin(), content.end()});
   }
 }
 
@@ -30,26 +32,12 @@ constexpr const char* kFormOf<jobjectArray> = "{{%}}";
 template <>
 constexpr const char* kFormOf<jintArray> = "[]";
 
-template <class Result, class... Parameter>
-EntryPoint entry(const char* name, Result (*function)(JNIEnv*, jclass, Parameter...), Arguments arguments,
-                 State state = State::kUser, const char* keptBack = "", bool nullsAllowed = false) {
-  const auto call = [function](FakeJni& java, const Arguments& values) {
-    [[maybe_unused]] auto value = values.begin();
-    const std::tuple<JNIEnv*, jclass, Parameter...> all{java.env(), nullptr,
-                                                        converted<Parameter>(java, *value++)...};
-    return shown(java, std::apply(function, all));
-  };
-  return {name, state, std::move(arguments), keptBack, kFormOf<Result>, nullsAllowed, call};
-}
-
 std::string hex(const std::vector<std::uint8_t>& bytes) {
   std::ostringstream out;
   for (const int byte : bytes)
     out << (out.tellp() > 0 ? " " : "") << (byte < 16 ? "0" : "") << std::hex << byte;
   return '{' + out.str() + '}';
 }
-
-}  // namespace
 
 std::string shown(FakeJni&, jlong number) { return std::to_string(number); }
 
@@ -73,6 +61,20 @@ std::string shown(FakeJni& java, jobjectArray array) {
   return '{' + all + '}';
 }
 
+template <class Result, class... Parameter>
+EntryPoint entry(const char* name, Result (*function)(JNIEnv*, jclass, Parameter...), Arguments arguments,
+                 State state = State::kUser, const char* keptBack = "", bool nullsAllowed = false) {
+  const auto call = [function](FakeJni& java, const Arguments& values) {
+    [[maybe_unused]] auto value = values.begin();
+    const std::tuple<JNIEnv*, jclass, Parameter...> all{java.env(), nullptr,
+                                                        converted<Parameter>(java, *value++)...};
+    return shown(java, std::apply(function, all));
+  };
+  return {name, state, std::move(arguments), keptBack, nullsAllowed, kFormOf<Result>, call};
+}
+
+}  // namespace
+
 std::string EntryPoint::inForm(unsigned code) const {
   const std::string shownCode =
       form == "%" ? std::to_string(code) : hex({static_cast<std::uint8_t>(code)}).substr(1, 2);
@@ -83,7 +85,7 @@ std::string EntryPoint::inForm(unsigned code) const {
 const std::vector<EntryPoint>& entryPoints() {
 #define ENTRY(name) #name, Java_com_calvenhor_vork_utils_Smartcard_##name##DLL
 #define RSA "n", "e", "SECRET d", "SECRET p", "SECRET q", "SECRET dp", "SECRET dq", "SECRET qi"
-  constexpr SlotIndex slot;
+  const Argument slot(0, true);
   static const std::vector<EntryPoint> table = {
       entry(ENTRY(init), {MOCK_MODULE}, State::kUnbound),
       entry(ENTRY(getSlotCount), {}),
@@ -143,6 +145,11 @@ const std::vector<EntryPoint>& entryPoints() {
 #undef RSA
 #undef ENTRY
   return table;
+}
+
+const EntryPoint& entryPoint(const std::string& name) {
+  const auto& all = entryPoints();
+  return *std::find_if(all.begin(), all.end(), [&](const auto& entry) { return entry.name == name; });
 }
 
 void populate(mock::Module& module) {

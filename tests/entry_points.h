@@ -2,7 +2,9 @@
 // the module it keeps to itself. Whatever sweeps over all of them derives its cases from this table.
 #pragma once
 
+#include <concepts>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -12,43 +14,40 @@
 /// What must have happened before a call can succeed.
 enum class State { kUnbound, kBound, kOpen, kUser, kSecurityOfficer };
 
-struct SlotIndex {
-  jlong value = 0;
-};
-
-/// One argument, read by the entry point's own parameter types. A null text is a null reference.
+/// One argument, read by the entry point's own parameter types: a number, or the content of a string or an
+/// array under the name by which the virtual machine's log calls it. No content is a null reference.
 struct Argument {
-  Argument(SlotIndex slot) : number(slot.value), isSlot(true) {}
-  Argument(jlong value) : number(value) {}
-  Argument(const char* characters) : text(characters), isReference(true) {}
+  template <std::integral Number>
+  Argument(Number value, bool slot = false) : number(static_cast<jlong>(value)), isSlot(slot) {}
+  Argument(const char* text) : isReference(true), name(text), content(text) {}
+  Argument(std::string logName, std::optional<std::string> text)
+      : isReference(true), name(std::move(logName)), content(std::move(text)) {}
 
   jlong number = 0;
-  const char* text = nullptr;
   bool isSlot = false;
   bool isReference = false;
+  std::string name;
+  std::optional<std::string> content;
 };
 using Arguments = std::vector<Argument>;
-
-/// What came back, as text: `5`, `[16909060]`, `{01 02}`, `{{00} {41} null}` or `null`.
-std::string shown(FakeJni& java, jlong number);
-std::string shown(FakeJni& java, jbyteArray array);
-std::string shown(FakeJni& java, jintArray array);
-std::string shown(FakeJni& java, jobjectArray array);
 
 struct EntryPoint {
   std::string name;
   State state;
   Arguments arguments;
   std::string
-      keptBack;      // calls whose failure leaves the result as it is: `C_Sign` for all, `C_Sign#2` for one
-  std::string form;  // of a result that is only a code, with % in its place: `%`, `{%}`, `{{%}}`, `[]`
+      keptBack;  // calls whose failure leaves the result as it is: `C_Sign` for all, `C_Sign#2` for one
   bool nullsAllowed;
+  std::string form;  // of a result that is only a code, with % in its place: `%`, `{%}`, `{{%}}`, `[]`
+
+  /// Answers with what came back, as text: `5`, `[16909060]`, `{01 02}`, `{{00} {41} null}` or `null`.
   std::function<std::string(FakeJni&, const Arguments&)> call;
 
   std::string inForm(unsigned code) const;
 };
 
 const std::vector<EntryPoint>& entryPoints();
+const EntryPoint& entryPoint(const std::string& name);
 
 /// Puts the objects on the token that the table's calls look for.
 void populate(mock::Module& module);

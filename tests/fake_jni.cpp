@@ -55,7 +55,7 @@ JNINativeInterface_ FakeJni::table() {
   };
   table.ReleaseStringUTFChars = [](JNIEnv* env, jstring string, const char* characters) {
     FakeJni& jni = of(env);
-    jni.log.push_back("ReleaseStringUTFChars(" + jni.nameOf(string) + ")");
+    jni.record("ReleaseStringUTFChars(" + jni.nameOf(string) + ")");
     jni.release(string, Type::kString, characters);
   };
   table.GetByteArrayElements = [](JNIEnv* env, jbyteArray array, jboolean* isCopy) {
@@ -66,7 +66,7 @@ JNINativeInterface_ FakeJni::table() {
   };
   table.ReleaseByteArrayElements = [](JNIEnv* env, jbyteArray array, jbyte* elements, jint mode) {
     FakeJni& jni = of(env);
-    jni.log.push_back("ReleaseByteArrayElements(" + jni.nameOf(array) + ", " + std::to_string(mode) + ")");
+    jni.record("ReleaseByteArrayElements(" + jni.nameOf(array) + ", " + std::to_string(mode) + ")");
     if (mode != 0) jni.faults.push_back(jni.log.back() + ": the mode is not 0");
     jni.release(array, Type::kBytes, elements);
   };
@@ -124,7 +124,7 @@ JNINativeInterface_ FakeJni::table() {
   };
   table.DeleteLocalRef = [](JNIEnv* env, jobject reference) {
     FakeJni& jni = of(env);
-    jni.log.push_back("DeleteLocalRef(" + jni.nameOf(reference) + ")");
+    jni.record("DeleteLocalRef(" + jni.nameOf(reference) + ")");
     const auto found = jni.references_.find(reference);
     if (reference == nullptr) return;
     if (found == jni.references_.end() || found->second.origin != Origin::kCall) {
@@ -204,7 +204,7 @@ std::string FakeJni::nameOf(jobject reference) const {
 }
 
 void FakeJni::enter(const std::string& call) {
-  log.push_back(call);
+  record(call);
   if (!pending_.empty()) faults.push_back(call + ": called while " + pending_ + " is pending");
 }
 

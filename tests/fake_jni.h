@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -30,7 +31,12 @@ class FakeJni {
   std::vector<std::int32_t> intsOf(jobject array) const;
   std::vector<jobject> elementsOf(jobject array);  // null where the array holds null
 
-  std::vector<std::string> log;     // every call in order: `GetArrayLength(label)`, `NewByteArray(1)`
+  std::vector<std::string> log;  // every call in order: `GetArrayLength(label)`, `NewByteArray(1)`
+  std::function<void(const std::string&)> onCall;
+  void record(const std::string& call) {
+    log.push_back(call);
+    if (onCall) onCall(call);
+  }
   std::vector<std::string> faults;  // empty, unless the library broke a rule of JNI
 
   /// Whether everything acquired has been released.

@@ -4,49 +4,67 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 
-Output::Output() : file_(memfd_create("stdout", 0)), before_(dup(STDOUT_FILENO)) {
-  std::fflush(stdout);
-  dup2(file_, STDOUT_FILENO);
-}
-
-Output::~Output() {
-  dup2(before_, STDOUT_FILENO);
-  close(before_);
-  close(file_);
-}
-
-std::string Output::written() const {
-  std::string all(static_cast<std::size_t>(lseek(file_, 0, SEEK_END)), '\0');
-  if (pread(file_, all.data(), all.size(), 0) != static_cast<ssize_t>(all.size())) return "unreadable";
-  return all;
-}
-
-std::string Output::of(const std::function<void()>& run) {
-  const Output output;
-  run();
-  return output.written();  // no flush here: the library has to have flushed
-}
-
 Ground::Ground()
-    : handle_(dlopen(kModule, RTLD_NOW)),
-      module(*reinterpret_cast<decltype(&mockModule)>(dlsym(handle_, "mockModule"))()) {}
+    : output_(memfd_create("stdout", 0)),
+      traced_(0),
+      handle_(dlopen(kModule, RTLD_NOW)),
+      module(*reinterpret_cast<decltype(&mockModule)>(dlsym(handle_, "mockModule"))()) {
+  // Each print is seen at once, so that the record shows its place among the calls.
+  std::setvbuf(stdout, nullptr, _IONBF, 0);
+}
 
 Ground::~Ground() {
-  // Back to genuine functions, so that no test's oddity meets the next test's binding.
-  module.functions = module.genuine;
-  module.onCall = nullptr;
-  ENTRY(finalize)(java.env(), nullptr);
+  begin(State::kUnbound);
   dlclose(handle_);
   EXPECT_EQ(dlopen(kModule, RTLD_NOW | RTLD_NOLOAD), nullptr) << "the library has kept the module loaded";
+  close(output_);
 }
 
-void Ground::observe(const std::function<void()>& run) {
+void Ground::begin(State state, bool populated) {
+  module.functions = module.genuine;
+  module.onCall = nullptr;
+  call("finalize", {});
+  module.reset();
+  if (populated) populate(module);
+  if (state == State::kUnbound) return;
+  ASSERT_EQ("0", call("init", {kModule}));
+  if (state == State::kBound) return;
+  ASSERT_EQ("0", call("openSession", {0}));
+  if (state == State::kOpen) return;
+  const bool officer = state == State::kSecurityOfficer;
+  ASSERT_EQ("0", call("login", {0, officer ? "12345678" : "1234", officer ? CKU_SO : CKU_USER}));
+}
+
+std::string Ground::call(const std::string& name, const Arguments& arguments, std::size_t refusedAllocation) {
   java.clear();
   module.log.clear();
   module.yielded.clear();
-  traces = Output::of(run);
+  record.clear();
+  const auto event = [this](const std::string& line) {
+    addTraces();
+    add(line);
+  };
+  java.onCall = event;
+  const auto onCall = module.onCall;
+  module.onCall = [&](const std::string& line) {
+    event(line);
+    if (onCall) onCall(line);
+  };
+  if (refusedAllocation != 0) java.refuse(refusedAllocation);
+
+  std::fflush(stdout);
+  const int before = dup(STDOUT_FILENO);
+  dup2(output_, STDOUT_FILENO);
+  traced_ = lseek(output_, 0, SEEK_END);
+  const std::string answer = entryPoint(name).call(java, arguments);
+  addTraces();  // no flush here: the library has to have flushed
+  dup2(before, STDOUT_FILENO);
+  close(before);
+
+  module.onCall = onCall;
   EXPECT_EQ(java.faults, std::vector<std::string>{});
   EXPECT_TRUE(java.balanced()) << "an input was not released";
   EXPECT_EQ(module.activeSearches(), 0U) << "a search was not ended";
@@ -58,55 +76,46 @@ void Ground::observe(const std::function<void()>& run) {
       EXPECT_TRUE(module.yielded.contains(handle)) << line << " with a handle that the call did not get";
     }
   }
-}
-
-void Ground::bindAndOpen() {
-  ASSERT_CKR(CKR_OK, bind());
-  ASSERT_CKR(CKR_OK, call(ENTRY(openSession), 0));
-}
-
-void Ground::bindAndLogin() {
-  bindAndOpen();
-  ASSERT_CKR(CKR_OK, call(ENTRY(login), 0, string("1234"), CKU_USER));
-}
-
-void Ground::prepare(const EntryPoint& entry) {
-  ENTRY(finalize)(java.env(), nullptr);
-  module.reset();
-  populate(module);
-  if (entry.state == State::kUnbound) return;
-  ASSERT_CKR(CKR_OK, bind());
-  if (entry.state == State::kBound) return;
-  ASSERT_CKR(CKR_OK, call(ENTRY(openSession), 0));
-  if (entry.state == State::kOpen) return;
-  const bool officer = entry.state == State::kSecurityOfficer;
-  ASSERT_CKR(CKR_OK,
-             call(ENTRY(login), 0, string(officer ? "12345678" : "1234"), officer ? CKU_SO : CKU_USER));
-}
-
-std::string Ground::run(const EntryPoint& entry, const Arguments& arguments, std::size_t refusedAllocation) {
-  std::string answer;
-  observe([&] {
-    if (refusedAllocation != 0) java.refuse(refusedAllocation);
-    answer = entry.call(java, arguments);
-  });
   return answer;
 }
 
-std::string Ground::calls() const {
-  std::string all;
-  for (const auto& line : module.log) all += line + '\n';
+void Ground::add(std::string line) {
   const auto replace = [&](const std::string& what, const std::string& by) {
-    for (auto at = all.find(what); at != std::string::npos; at = all.find(what))
-      all.replace(at, what.size(), by);
+    for (auto at = line.find(what); at != std::string::npos; at = line.find(what))
+      line.replace(at, what.size(), by);
   };
+  replace(MOCK_MODULE, "MODULE");
+  replace(OTHER_MODULE, "OTHER");
+  replace(NOT_A_MODULE, "LIBRARY");
   replace("session 0x7e0000000501", "S");
   for (int i = 1; i <= 9; ++i) replace("0x7f00000000" + std::to_string(i) + "0", "O" + std::to_string(i));
+  if (line.starts_with("\"once result = ")) buffer_ = line.substr(15, line.find('\\') - 15);
+  if (buffer_.size() > 3 && line.find("result = " + buffer_) != std::string::npos) replace(buffer_, "BUFFER");
+  record.push_back(std::move(line));
+}
+
+void Ground::addTraces() {
+  std::string text(static_cast<std::size_t>(lseek(output_, 0, SEEK_END) - traced_), '\0');
+  traced_ += pread(output_, text.data(), text.size(), traced_);
+  for (std::size_t at = 0; at < text.size();) {
+    const auto end = text.find('\n', at);
+    add('"' + text.substr(at, end - at) + (end == std::string::npos ? "\"" : "\\n\""));
+    at = end == std::string::npos ? end : end + 1;
+  }
+}
+
+std::string Ground::moduleCalls() const {
+  std::string all;
+  for (const auto& line : record) {
+    if (line.starts_with("C_")) all += line + '\n';
+  }
   return all;
 }
 
-std::string Ground::jniCalls() const {
+std::string Ground::traces() const {
   std::string all;
-  for (const auto& line : java.log) all += (all.empty() ? "" : " ") + line;
+  for (const auto& line : record) {
+    if (line.starts_with('"')) all += line.substr(1, line.size() - 2);
+  }
   return all;
 }

@@ -173,7 +173,7 @@ class Module {
   /// For the module itself: logs a call and answers the failure that a test has ordered for it, or CKR_OK.
   CK_RV enter(const std::string& name, const std::string& arguments) {
     log.push_back(name + "(" + arguments + ")");
-    if (const auto hook = onCall) hook(name);
+    if (const auto hook = onCall) hook(log.back());
     CK_RV code = CKR_OK;
     for (auto& fault : faults_)
       if (fault.name == name && fault.callsLeft != 0 && --fault.callsLeft == 0) code = fault.code;

@@ -2,9 +2,6 @@ import org.junit.platform.console.ConsoleLauncher;
 
 /** JUnit with its report on standard error. */
 final class Run {
-    private Run() {
-    }
-
     public static void main(String[] arguments) {
         System.setOut(System.err);
         ConsoleLauncher.main(arguments);

@@ -1,176 +1,177 @@
 import static org.junit.jupiter.api.Assertions.*;
 
 import com.calvenhor.vork.utils.Smartcard;
-import java.io.IOException;
 import java.math.BigInteger;
-import java.nio.charset.StandardCharsets;
+import java.nio.file.Files;
 import java.nio.file.Path;
-import java.security.GeneralSecurityException;
-import java.security.KeyFactory;
-import java.security.MessageDigest;
-import java.security.PublicKey;
-import java.security.Signature;
-import java.security.spec.RSAPublicKeySpec;
+import java.security.KeyPairGenerator;
+import java.security.interfaces.RSAPrivateCrtKey;
 import java.util.Arrays;
 import java.util.HexFormat;
-import java.util.List;
 import java.util.Map;
-import java.util.TreeMap;
+import java.util.Set;
 import java.util.stream.Collectors;
 import java.util.stream.IntStream;
+import java.util.stream.Stream;
+import javax.security.auth.x500.X500Principal;
+import org.junit.jupiter.api.AfterEach;
+import org.junit.jupiter.api.BeforeEach;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.io.TempDir;
 
 /** A real token: what is done to it another tool sees, and what the library says of it another tool says as well. */
 class SoftTokenTest {
-    private static final byte[] ID = SoftToken.utf8("key 1");
-    private static final byte[] LABEL = SoftToken.utf8("Köy");
+    private static final String MODULE = System.getProperty("softhsm2");
+    private static final long SLOT = 0; // a token that is initialised comes first
+    private static final String PIN = "1234";
+    private static final byte[] ID = "key 1".getBytes();
+    private static final byte[] LABEL = "Köy".getBytes();
+    private static final byte[] DATA = "a document".getBytes();
     private static final byte[] EXPONENT = {1, 0, 1};
-    private static final byte[] DOCUMENT = SoftToken.utf8("a document");
+    private static final byte[] NOT_FOUND = {0};
 
-    @TempDir
-    Path folder;
+    @BeforeEach
+    void createToken(@TempDir Path folder) throws Exception {
+        Files.writeString(Path.of(System.getenv("SOFTHSM2_CONF")), "directories.tokendir = " + folder + "\n");
+        assertEquals(0, Smartcard.initDLL(MODULE));
+        assertEquals(0, Smartcard.initTokenDLL(SLOT, PIN, 4));
+        assertEquals(0, Smartcard.finalizeDLL());
+        assertEquals(0, Smartcard.initDLL(MODULE)); // with a slot of its own for the new token
+        assertEquals(0, Smartcard.openSessionDLL(SLOT));
+        assertEquals(0, Smartcard.loginDLL(SLOT, PIN, 0));
+        assertEquals(0, Smartcard.initUserPINDLL(SLOT, PIN, 4));
+        assertEquals(0, Smartcard.logoutDLL(SLOT));
+        assertEquals(0, Smartcard.loginDLL(SLOT, PIN, 1));
+    }
+
+    @AfterEach
+    void release() {
+        assertEquals(0, Smartcard.closeSessionDLL(SLOT));
+        assertEquals(0, Smartcard.finalizeDLL());
+    }
 
     @Test
     void lifeOfAKey() throws Exception {
-        try (SoftToken token = new SoftToken(folder)) {
-            long slot = token.slot;
-            assertEquals(0, Smartcard.changePINDLL(slot, SoftToken.PIN, 4, "567890", 6));
-            assertEquals(0, Smartcard.logoutDLL(slot));
-            assertEquals(0xA0, Smartcard.loginDLL(slot, SoftToken.PIN, 1));
-            assertEquals(0, Smartcard.loginDLL(slot, "567890", 1));
+        byte[] modulus = Smartcard.generateKeyPairDLL(SLOT, 2048, EXPONENT, ID, LABEL);
+        assertListing(Smartcard.readAllRSAPublicKeysDLL(SLOT), ID, LABEL, modulus, EXPONENT);
+        assertListing(Smartcard.readAllRSAPrivateKeysDLL(SLOT), ID, LABEL);
+        assertSigned(modulus, Smartcard.signWithIDDLL(SLOT, DATA, ID));
+        assertSigned(modulus, Smartcard.signDLL(SLOT, DATA));
+        assertArrayEquals(NOT_FOUND, Smartcard.signWithIDDLL(SLOT, DATA, LABEL));
 
-            byte[] modulus = Smartcard.generateKeyPairDLL(slot, 2048, EXPONENT, ID, LABEL);
-            assertListing(Smartcard.readAllRSAPublicKeysDLL(slot), ID, LABEL, modulus, EXPONENT);
-            assertListing(Smartcard.readAllRSAPrivateKeysDLL(slot), ID, LABEL);
-            PublicKey key = KeyFactory.getInstance("RSA").generatePublic(
-                    new RSAPublicKeySpec(new BigInteger(1, modulus), new BigInteger(1, EXPONENT)));
-            assertVerifies(key, Smartcard.signWithIDDLL(slot, digestInfo(), ID));
-            assertVerifies(key, Smartcard.signDLL(slot, digestInfo()));
-            assertArrayEquals(new byte[] {0}, Smartcard.signWithIDDLL(slot, digestInfo(), LABEL));
+        assertEquals(0, Smartcard.changePINDLL(SLOT, PIN, 4, "567890", 6));
+        assertEquals(0, Smartcard.logoutDLL(SLOT));
+        assertArrayEquals(NOT_FOUND, Smartcard.signDLL(SLOT, DATA));
+        assertEquals(0xA0, Smartcard.loginDLL(SLOT, PIN, 1));
+        assertEquals(0, Smartcard.loginDLL(SLOT, "567890", 1));
 
-            assertEquals(0, Smartcard.logoutDLL(slot));
-            assertListing(Smartcard.readAllRSAPrivateKeysDLL(slot));
-            assertArrayEquals(new byte[] {0}, Smartcard.signDLL(slot, digestInfo()));
-            assertEquals(0, Smartcard.loginDLL(slot, "567890", 1));
-            assertEquals(0, Smartcard.deletePrivateKeyDLL(slot, ID));
-            assertListing(Smartcard.readAllRSAPrivateKeysDLL(slot));
-            assertEquals(1, Smartcard.isCardEmptyDLL(slot));
-            assertEquals(0, Smartcard.deletePublicKeyDLL(slot, ID));
-            assertEquals(0, Smartcard.isCardEmptyDLL(slot));
-        }
+        assertEquals(0, Smartcard.deletePrivateKeyDLL(SLOT, ID));
+        assertListing(Smartcard.readAllRSAPrivateKeysDLL(SLOT));
+        assertEquals(1, Smartcard.isCardEmptyDLL(SLOT));
+        assertEquals(0, Smartcard.deletePublicKeyDLL(SLOT, ID));
+        assertEquals(0, Smartcard.isCardEmptyDLL(SLOT));
     }
 
     @Test
     void lifeOfAnIdentity() throws Exception {
-        SoftToken.Identity identity = SoftToken.Identity.create(folder);
-        byte[] certificate = identity.certificate().getEncoded();
-        byte[] name = identity.name();
-        byte[] modulus = SoftToken.unsigned(identity.key().getModulus());
-        try (SoftToken token = new SoftToken(folder)) {
-            long slot = token.slot;
-            assertEquals(0, identity.write(slot, "key 1", "Köy"));
-            assertListing(Smartcard.readAllCertificatesDLL(slot), ID, LABEL, certificate);
-            assertListing(Smartcard.readAllRSAPublicKeysDLL(slot), ID, LABEL, modulus, EXPONENT);
-            assertListing(Smartcard.readAllRSAPrivateKeysDLL(slot), ID, LABEL);
-            assertArrayEquals(certificate, Smartcard.readCertificateDLL(slot));
-            assertArrayEquals(ID, Smartcard.readCertificateIDDLL(slot));
-            assertArrayEquals(LABEL, Smartcard.readCertificateLabelDLL(slot));
-            assertObjects(token, Map.of("Certificate Object; type = X.509 cert", "Köy DN: CN=Some One 6b65792031",
-                    "Public Key Object; RSA 2048 bits", "Köy 6b65792031", "Private Key Object; RSA", "Köy 6b65792031"));
-            assertVerifies(identity.certificate().getPublicKey(), Smartcard.signWithIDDLL(slot, digestInfo(), ID));
+        KeyPairGenerator generator = KeyPairGenerator.getInstance("RSA");
+        generator.initialize(2048);
+        RSAPrivateCrtKey key = (RSAPrivateCrtKey) generator.generateKeyPair().getPrivate();
+        byte[][] numbers = Stream.of(key.getModulus(), key.getPublicExponent(), key.getPrivateExponent(),
+                key.getPrimeP(), key.getPrimeQ(), key.getPrimeExponentP(), key.getPrimeExponentQ(),
+                key.getCrtCoefficient()).map(SoftTokenTest::unsigned).toArray(byte[][]::new);
+        byte[] certificate = "not looked into".getBytes();
+        byte[] name = new X500Principal("CN=Some One").getEncoded();
+        byte[] serialNumber = {2, 1, 7};
+        assertEquals(0, Smartcard.writeCertificateAndPrivateKeyDLL(SLOT, certificate, name, name, serialNumber,
+                numbers[0], numbers[1], numbers[2], numbers[3], numbers[4], numbers[5], numbers[6], numbers[7],
+                ID, LABEL));
+        assertEquals(0, Smartcard.writeAttributeCertificateDLL(SLOT, DATA));
+        assertListing(Smartcard.readAllCertificatesDLL(SLOT), ID, LABEL, certificate);
+        assertListing(Smartcard.readAllRSAPublicKeysDLL(SLOT), ID, LABEL, numbers[0], EXPONENT);
+        assertArrayEquals(DATA, Smartcard.readAttributeCertificateDLL(SLOT));
+        assertEquals(4, Smartcard.getObjectCountInTheTokenDLL(SLOT));
+        assertSigned(numbers[0], Smartcard.signWithIDDLL(SLOT, DATA, ID));
 
-            byte[] newId = SoftToken.utf8("key 2");
-            byte[] newLabel = SoftToken.utf8("new");
-            assertEquals(0, Smartcard.updateKeyPairIDAndLabelDLL(slot, ID, newId, newLabel));
-            assertArrayEquals(newId, Smartcard.readPublicKeyIDDLL(slot));
-            assertArrayEquals(newLabel, Smartcard.readPublicKeyLabelDLL(slot));
-            assertArrayEquals(newId, Smartcard.readPrivateKeyIDDLL(slot));
-            assertArrayEquals(newLabel, Smartcard.readPrivateKeyLabelDLL(slot));
-            assertEquals(0, Smartcard.setCertificateLabelDLL(null, slot));
-            assertEquals(0, Smartcard.writeAttributeCertificateDLL(slot, certificate));
-            assertArrayEquals(certificate, Smartcard.readAttributeCertificateDLL(slot));
-            assertEquals(4, Smartcard.getObjectCountInTheTokenDLL(slot));
-            assertObjects(token, Map.of("Certificate Object; type = X.509 cert", "new DN: CN=Some One 6b65792031",
-                    "Public Key Object; RSA 2048 bits", "new 6b65792032", "Private Key Object; RSA", "new 6b65792032",
-                    "Data object", "''"));
+        byte[] newId = "key 2".getBytes();
+        byte[] newLabel = "new".getBytes();
+        assertEquals(0, Smartcard.updateKeyPairIDAndLabelDLL(SLOT, ID, newId, newLabel));
+        assertEquals(0, Smartcard.setCertificateLabelDLL(null, SLOT));
+        assertEquals(Set.of("Certificate Object; type = X.509 cert label: new subject: DN: CN=Some One ID: 6b65792031",
+                "Public Key Object; RSA 2048 bits label: new ID: 6b65792032",
+                "Private Key Object; RSA label: new ID: 6b65792032"), objects());
+        assertArrayEquals(new byte[][] {certificate, ID, newLabel, newId, newLabel, newId, newLabel}, new byte[][] {
+                Smartcard.readCertificateDLL(SLOT),
+                Smartcard.readCertificateIDDLL(SLOT), Smartcard.readCertificateLabelDLL(SLOT),
+                Smartcard.readPublicKeyIDDLL(SLOT), Smartcard.readPublicKeyLabelDLL(SLOT),
+                Smartcard.readPrivateKeyIDDLL(SLOT), Smartcard.readPrivateKeyLabelDLL(SLOT)});
 
-            byte[] serialNumber = identity.serialNumber();
-            assertEquals(0, Smartcard.deleteCertificateDLL(slot, name, name, serialNumber, ID, LABEL));
-            assertListing(Smartcard.readAllCertificatesDLL(slot), ID, newLabel, certificate); // the label is another
-            assertEquals(0, Smartcard.deleteCertificateDLL(slot, name, name, serialNumber, ID, newLabel));
-            assertListing(Smartcard.readAllCertificatesDLL(slot));
-            assertEquals(0, Smartcard.deleteDLL(slot));
-            assertEquals(0, Smartcard.isCardEmptyDLL(slot));
-            assertObjects(token, Map.of());
-        }
+        assertEquals(0, Smartcard.deleteCertificateDLL(SLOT, name, name, serialNumber, ID, LABEL));
+        assertListing(Smartcard.readAllCertificatesDLL(SLOT), ID, newLabel, certificate); // the label is another
+        assertEquals(0, Smartcard.deleteCertificateDLL(SLOT, name, name, serialNumber, ID, newLabel));
+        assertListing(Smartcard.readAllCertificatesDLL(SLOT));
+        assertEquals(0, Smartcard.deleteDLL(SLOT));
+        assertEquals(0, Smartcard.isCardEmptyDLL(SLOT));
+        assertEquals(Set.of(), objects());
     }
 
     @Test
     void slotTokenAndMechanisms() throws Exception {
-        try (SoftToken token = new SoftToken(folder)) {
-            long slot = token.slot;
-            int[] session = Smartcard.getSessionInfoDLL(slot);
-            String slots = token.ask("--list-slots");
-            String expected = String.format("Slot %d (0x%x): %s", slot, session[2],
-                    text(Smartcard.readSlotDescriptionDLL(slot)));
-            assertTrue(slots.contains(expected), slots);
-            assertArrayEquals(new int[] {3, 6, session[2], 0}, session); // CKS_RW_USER_FUNCTIONS, read/write and serial
-            assertEquals("YENIKART", text(Smartcard.readCardLabelDLL(slot)));
-            assertTrue(slots.contains("serial num         : " + text(Smartcard.readCardSerialNumberDLL(slot))), slots);
-            assertEquals(1, Smartcard.getSlotInfoDLL(slot));
-            assertEquals(0x42D, Smartcard.getTokenInfoDLL(slot)); // its flags: "login required, rng, …, 0x20"
-
-            List<String> uses = IntStream.of(Smartcard.getSupportedMechanismListDLL(slot))
-                    .mapToObj(type -> uses(Smartcard.getMechanismInfoDLL(slot, type))).toList();
-            List<String> told = token.ask("--list-mechanisms").lines().skip(1)
-                    .map(line -> line.replaceFirst("^ *[^,]*, (keySize=\\{[0-9,]*}, )?", "").replaceFirst(", EC .*", ""))
-                    .toList();
-            assertEquals(told, uses);
+        int[] session = Smartcard.getSessionInfoDLL(SLOT);
+        assertArrayEquals(new int[] {3, 6, session[2], 0}, session); // CKS_RW_USER_FUNCTIONS, read/write and serial
+        String slots = ask("--list-slots");
+        for (String fact : new String[] {
+                String.format("Slot 0 (0x%x): %s", session[2], text(Smartcard.readSlotDescriptionDLL(SLOT))),
+                "token label        : " + text(Smartcard.readCardLabelDLL(SLOT)),
+                "serial num         : " + text(Smartcard.readCardSerialNumberDLL(SLOT))}) {
+            assertTrue(slots.contains(fact + "\n"), fact + " is not in " + slots);
         }
+        assertEquals(1, Smartcard.getSlotInfoDLL(SLOT));
+        assertEquals(0x42D, Smartcard.getTokenInfoDLL(SLOT)); // its flags: "login required, rng, …, 0x20"
+
+        String mechanisms = ask("--list-mechanisms");
+        int[] types = Smartcard.getSupportedMechanismListDLL(SLOT);
+        assertEquals(mechanisms.lines().skip(1).count(), types.length);
+        Map.of("digest", 0x400, "sign", 0x800, "verify", 0x2000, "generate_key_pair", 0x10000).forEach((use, flag) ->
+                assertEquals(mechanisms.lines().filter(line -> line.matches(".*, " + use + "\\b.*")).count(),
+                        IntStream.of(types).filter(type -> (Smartcard.getMechanismInfoDLL(SLOT, type) & flag) != 0)
+                                .count(), use));
     }
 
-    private static String uses(long flags) {
-        Map<Long, String> names = new TreeMap<>(Map.of(0x100L, "encrypt", 0x200L, "decrypt", 0x400L, "digest",
-                0x800L, "sign", 0x2000L, "verify", 0x8000L, "generate", 0x10000L, "generate_key_pair",
-                0x20000L, "wrap", 0x40000L, "unwrap", 0x80000L, "derive"));
-        return names.entrySet().stream().filter(use -> (flags & use.getKey()) != 0).map(Map.Entry::getValue)
-                .collect(Collectors.joining(", "));
+    /** What OpenSC's tool says about the token. */
+    private static String ask(String question) throws Exception {
+        String command = "pkcs11-tool --module " + MODULE + " --token-label YENIKART " + question;
+        Process tool = new ProcessBuilder(command.split(" ")).redirectErrorStream(true).start();
+        String answer = new String(tool.getInputStream().readAllBytes());
+        assertEquals(0, tool.waitFor(), answer);
+        return answer;
     }
 
-    /** The objects that another tool sees: by kind, label, subject (of a certificate) and ID. */
-    private static void assertObjects(SoftToken token, Map<String, String> expected) throws Exception {
-        String listing = token.ask("--list-objects", "--login", "--pin", SoftToken.PIN);
-        Map<String, String> seen = new TreeMap<>();
-        String kind = "";
-        for (String line : listing.lines().toList()) {
-            if (!line.startsWith(" ")) {
-                kind = line.replaceFirst("( \\d+)? *$", "");
-            } else if (line.matches(" *(label|subject|ID):.*")) {
-                seen.merge(kind, line.replaceFirst(" *\\w+: *", ""), (names, name) -> names + " " + name);
-            }
-        }
-        assertEquals(new TreeMap<>(expected), seen, listing);
+    /** Kind, label, subject and ID of the certificates and keys that the tool sees. */
+    private static Set<String> objects() throws Exception {
+        return Arrays.stream(ask("--list-objects --login --pin " + PIN).split("\n(?! )"))
+                .filter(object -> object.contains(" ID: "))
+                .map(object -> object.replaceAll("\n +(?!label|subject|ID)[^\n]*", "").replaceAll("\\s+", " ").strip())
+                .collect(Collectors.toSet());
     }
 
     private static void assertListing(byte[][] listing, byte[]... values) {
-        assertArrayEquals(new byte[] {0}, listing[0]);
-        assertArrayEquals(values, Arrays.copyOfRange(listing, 1, listing.length));
+        assertArrayEquals(Stream.concat(Stream.of(new byte[] {0}), Stream.of(values)).toArray(), listing);
     }
 
-    private static void assertVerifies(PublicKey key, byte[] signature) throws GeneralSecurityException {
-        Signature verifier = Signature.getInstance("SHA256withRSA");
-        verifier.initVerify(key);
-        verifier.update(DOCUMENT);
-        assertTrue(verifier.verify(signature));
+    /** The signature opens to the data with PKCS #1 padding. */
+    private static void assertSigned(byte[] modulus, byte[] signature) {
+        BigInteger block = new BigInteger(1, signature).modPow(new BigInteger(1, EXPONENT), new BigInteger(1, modulus));
+        assertTrue(block.toString(16).matches("1(ff){243}00" + HexFormat.of().formatHex(DATA)), block.toString(16));
     }
 
-    private static byte[] digestInfo() throws GeneralSecurityException {
-        return HexFormat.of().parseHex("3031300d060960864801650304020105000420"
-                + HexFormat.of().formatHex(MessageDigest.getInstance("SHA-256").digest(DOCUMENT)));
+    /** Without the zero byte that keeps Java's form positive. */
+    private static byte[] unsigned(BigInteger number) {
+        byte[] bytes = number.toByteArray();
+        return bytes[0] == 0 ? Arrays.copyOfRange(bytes, 1, bytes.length) : bytes;
     }
 
     private static String text(byte[] field) {
-        return new String(field, StandardCharsets.UTF_8).strip();
+        return new String(field).strip();
     }
 }

@@ -2,52 +2,73 @@ import static org.junit.jupiter.api.Assertions.*;
 
 import com.calvenhor.vork.utils.Smartcard;
 import java.io.IOException;
-import java.lang.reflect.Method;
 import java.nio.file.Files;
 import java.nio.file.Path;
-import java.util.HashSet;
+import java.util.ArrayList;
+import java.util.Collections;
 import java.util.List;
 import java.util.Random;
 import java.util.Set;
-import java.util.stream.Collectors;
+import java.util.TreeSet;
 import org.junit.jupiter.api.Test;
 
-/** Many calls leave nothing behind. */
-class SoakTest {
-    private final Set<Method> unseen = new HashSet<>(Natives.ALL); // methods that have not succeeded yet
+/** Many objects are listed whole, and many calls leave nothing behind. */
+class LoadTest {
+    private final Set<String> unseen = new TreeSet<>(Mock.names()); // methods that have not succeeded yet
+
+    @Test
+    void manyObjects() {
+        Mock.prepare("deleteDLL");
+        assertEquals(0, Smartcard.deleteDLL(0));
+        String write = "writeCertificateAndPrivateKeyDLL";
+        Object[] arguments = Mock.arguments(write);
+        for (int k = 0; k < 1000; k++) {
+            arguments[13] = ("id " + k).getBytes();
+            arguments[14] = ("label " + k).getBytes();
+            assertEquals(0L, Mock.call(write, arguments));
+        }
+        assertListing(Smartcard.readAllCertificatesDLL(0), 1);
+        assertListing(Smartcard.readAllRSAPublicKeysDLL(0), 2);
+        assertListing(Smartcard.readAllRSAPrivateKeysDLL(0), 0);
+    }
+
+    /** Each ID with its label and so many further values, in the order of writing. */
+    private static void assertListing(byte[][] listing, int values) {
+        List<byte[]> expected = new ArrayList<>(List.of(new byte[] {0}));
+        for (int k = 0; k < 1000; k++) {
+            expected.add(("id " + k).getBytes());
+            expected.add(("label " + k).getBytes());
+            expected.addAll(Collections.nCopies(values, Mock.NAME));
+        }
+        assertArrayEquals(expected.toArray(), listing);
+    }
 
     @Test
     void mixedCalls() throws IOException {
-        MockModule.reset();
-        assertEquals(0, Smartcard.initDLL(MockModule.PATH));
+        Mock.prepare("signDLL");
         walk(50_000);
         long before = residentBytes();
         walk(200_000);
         assertFlat(before);
-        Smartcard.openSessionDLL(0);
-        Smartcard.closeSessionDLL(0);
-        assertEquals(0, MockModule.openSessions());
-        assertTrue(MockModule.objects() < 100, "objects pile up");
-        assertEquals(0, Smartcard.finalizeDLL());
-        assertEquals(Set.of("initDLL", "finalizeDLL"), unseen.stream().map(Method::getName).collect(Collectors.toSet()));
+        assertEquals(Set.of("initDLL", "finalizeDLL"), unseen);
     }
 
     /** In an order that is random and the same every time: nearly everything succeeds now and fails then. */
     private void walk(int calls) {
         Random random = new Random(1);
-        List<Method> methods = Natives.ALL.stream().filter(method -> !method.getName().equals("finalizeDLL")).toList();
+        List<String> names = Mock.names().stream().filter(name -> !name.equals("finalizeDLL")).toList();
         for (int i = 0; i < calls; i++) {
-            Method method = methods.get(random.nextInt(methods.size()));
-            Object[] arguments = Natives.arguments(method);
-            if (method.getName().equals("loginDLL")) {
+            String name = names.get(random.nextInt(names.size()));
+            Object[] arguments = Mock.arguments(name);
+            if (name.equals("loginDLL")) {
                 arguments[2] = (long) random.nextInt(2); // the security officer or the user
             }
-            if (!Natives.failed(method, Natives.call(method, arguments))) {
-                unseen.remove(method);
+            if (!Mock.failed(name, Mock.call(name, arguments))) {
+                unseen.remove(name);
             }
             if (i % 100 == 0) {
-                MockModule.takeCalls();
-                assertEquals(0, MockModule.activeSearches());
+                Mock.takeCalls();
+                assertEquals(0, Mock.activeSearches());
             }
         }
     }
@@ -55,7 +76,7 @@ class SoakTest {
     /** Of a module that nothing else holds: it is truly loaded and unloaded every time. */
     @Test
     void bindings() throws IOException {
-        Smartcard.finalizeDLL(); // where the other test has failed
+        Smartcard.finalizeDLL();
         String module = System.getProperty("other");
         bind(module, 50);
         long before = residentBytes();

@@ -1,0 +1,114 @@
+// Plays the scripts in transcripts/ and compares all that happens, in its order, with what they say: for each
+// call the module's calls with their templates, the virtual machine's, every trace, and the answer.
+//
+// A script is made of calls (`> sign 0 data`), stage directions (`! fail C_Sign 1 0x30`), comments and blank
+// lines. An argument is a number, `null`, a text, or `name=text` where the record shall call it by name;
+// `#0aff` is a text in hexadecimal. The indented lines are the record. With TRANSCRIPTS=write they are
+// written anew, to be read in the difference before they are committed.
+
+#include <algorithm>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <sstream>
+
+#include "ground.h"
+
+namespace {
+
+std::string content(const std::string& word) {
+  if (!word.starts_with('#')) return word;
+  std::string bytes;
+  for (std::size_t i = 1; i < word.size(); i += 2) {
+    bytes += static_cast<char>(std::stoi(word.substr(i, 2), nullptr, 16));
+  }
+  return bytes;
+}
+
+Argument argument(const std::string& word) {
+  if (word == "null") return {"null", std::nullopt};
+  if (word == "MODULE") return {"path", MOCK_MODULE};
+  if (word == "OTHER") return {"path", OTHER_MODULE};
+  if (word == "LIBRARY") return {"path", NOT_A_MODULE};
+  if (const auto equals = word.find('='); equals != std::string::npos) {
+    return {word.substr(0, equals), content(word.substr(equals + 1))};
+  }
+  char* end = nullptr;
+  const jlong number = std::strtol(word.c_str(), &end, 0);
+  Argument result = {word, content(word)};
+  if (*end == '\0') result.number = number;
+  return result;
+}
+
+class Transcript : public Ground, public testing::WithParamInterface<const char*> {
+ protected:
+  using Words = std::vector<std::string>;
+
+  void direct(const Words& words) {
+    const auto text = [&](std::size_t i) { return content(words.at(i)); };
+    const auto number = [&](std::size_t i) { return std::stoul(words.at(i), nullptr, 0); };
+    const std::map<std::string, std::function<void()>> directions = {
+        {"unbound", [&] { begin(State::kUnbound); }},
+        {"bound", [&] { begin(State::kBound); }},
+        {"open", [&] { begin(State::kOpen); }},
+        {"user", [&] { begin(State::kUser); }},
+        {"fail", [&] { module.failAt(words.at(1), number(2), number(3)); }},
+        {"certificate", [&] { module.addObject(0, mock::certificate(text(1), text(2), text(3))); }},
+        {"publicKey", [&] { module.addObject(0, mock::publicKey(text(1), text(2), mock::bytes(text(3)))); }},
+        {"privateKey",
+         [&] { module.addObject(0, mock::privateKey(text(1), text(2), mock::bytes(text(3)))); }},
+        {"data", [&] { module.addObject(0, mock::data(text(1))); }},
+        {"attribute",
+         [&] { module.slots[0].objects.at(number(1) - 1).attributes[number(2)] = mock::bytes(text(3)); }},
+        {"noSlots", [&] { module.slots.clear(); }},
+        {"noMechanisms", [&] { module.slots[0].mechanisms.clear(); }},
+        {"slotFlags", [&] { module.slots[0].info.flags = number(1); }},
+        {"tokenFlags", [&] { module.slots[0].token.flags = number(1); }},
+        {"mechanismFlags", [&] { module.slots[0].mechanisms.at(1).info.flags = number(1); }},
+        {"deviceError", [&] { module.slots[0].deviceError = number(1); }},
+        {"slotEvent", [&] { module.slotEvents = {0x11}; }},
+    };
+    ASSERT_TRUE(directions.contains(words.at(0))) << "no such direction: " << words.at(0);
+    directions.at(words.at(0))();
+  }
+
+  /// What the script says, with the records as they come out.
+  std::string play(std::istream& script) {
+    std::string played;
+    for (std::string line; std::getline(script, line);) {
+      if (line.starts_with(' ')) continue;
+      played += line + '\n';
+      if (!line.starts_with('!') && !line.starts_with('>')) continue;
+      std::istringstream split(line.substr(1));
+      const Words words{std::istream_iterator<std::string>(split), {}};
+      if (line.starts_with('!')) {
+        direct(words);
+      } else {
+        Arguments arguments;
+        std::transform(words.begin() + 1, words.end(), std::back_inserter(arguments), argument);
+        const std::string answer = call(words.at(0), arguments);
+        for (const auto& event : record) played += "  " + event + '\n';
+        played += "  = " + answer + '\n';
+      }
+    }
+    return played;
+  }
+};
+
+TEST_P(Transcript, IsWhatHappens) {
+  const std::string path = std::string(TRANSCRIPTS) + '/' + GetParam() + ".txt";
+  std::stringstream script;
+  script << std::ifstream(path).rdbuf();
+  const std::string played = play(script);
+  if (std::getenv("TRANSCRIPTS") != nullptr) std::ofstream(path) << played;
+  EXPECT_GT(played.size(), 100U);
+  EXPECT_EQ(script.str(), played);
+}
+
+INSTANTIATE_TEST_SUITE_P(All, Transcript,
+                         testing::Values("binding", "sessions", "information", "reading", "listing",
+                                         "writing", "deletion", "signing"),
+                         [](const auto& instance) { return std::string(instance.param); });
+
+}  // namespace
