@@ -5,7 +5,6 @@ import java.lang.reflect.Method;
 import java.lang.reflect.Modifier;
 import java.util.Arrays;
 import java.util.Map;
-import java.util.Set;
 import java.util.TreeMap;
 import java.util.stream.Collectors;
 
@@ -13,8 +12,7 @@ import java.util.stream.Collectors;
 final class Mock {
     static final String PATH = System.getProperty("mock");
     static final byte[] NAME = "mock".getBytes(); // every value that is written and searched for
-    private static final String PIN = "1";
-    private static final Map<String, Method> NATIVES = Arrays.stream(Smartcard.class.getDeclaredMethods())
+    static final Map<String, Method> NATIVES = Arrays.stream(Smartcard.class.getDeclaredMethods())
             .filter(method -> Modifier.isNative(method.getModifiers()))
             .collect(Collectors.toMap(Method::getName, method -> method, (one, other) -> one, TreeMap::new));
 
@@ -33,24 +31,23 @@ final class Mock {
 
     static native long activeSearches();
 
-    static Set<String> names() {
-        return NATIVES.keySet();
-    }
-
     /** Binds a new mock module and brings it to where the method succeeds. */
-    static void prepare(String name) {
+    static void prepare(String name) throws Exception {
         Smartcard.finalizeDLL();
         reset();
-        if (!name.equals("initDLL")) {
-            assertEquals(0, Smartcard.initDLL(PATH));
+        assertEquals(0, Smartcard.initDLL(PATH));
+        assertEquals(0, Smartcard.openSessionDLL(0));
+        assertEquals(0, Smartcard.loginDLL(0, "1", 1));
+        String write = "writeCertificateAndPrivateKeyDLL";
+        assertEquals(0L, call(write, arguments(write)));
+        assertEquals(0, Smartcard.writeAttributeCertificateDLL(0, NAME));
+        switch (name) {
+            case "initDLL" -> Smartcard.finalizeDLL();
+            case "initTokenDLL" -> Smartcard.closeSessionDLL(0);
+            case "loginDLL", "initUserPINDLL" -> Smartcard.logoutDLL(0);
         }
-        if (!name.matches("initDLL|initTokenDLL")) { // a token with a session cannot be initialised
-            assertEquals(0, Smartcard.openSessionDLL(0));
-            assertEquals(0L, call("writeCertificateAndPrivateKeyDLL"));
-            assertEquals(0, Smartcard.writeAttributeCertificateDLL(0, NAME));
-            if (!name.equals("loginDLL")) {
-                assertEquals(0, Smartcard.loginDLL(0, PIN, name.equals("initUserPINDLL") ? 0 : 1));
-            }
+        if (name.equals("initUserPINDLL")) {
+            assertEquals(0, Smartcard.loginDLL(0, "1", 0));
         }
         takeCalls();
     }
@@ -58,26 +55,18 @@ final class Mock {
     /** The first number of a method is its slot index; 1 is the user, the PIN's length and CKM_RSA_PKCS. */
     static Object[] arguments(String name) {
         Class<?>[] types = NATIVES.get(name).getParameterTypes();
-        Object[] arguments = Arrays.stream(types).map(type -> type == byte[].class ? NAME
-                : type == String.class ? name.equals("initDLL") ? PATH : PIN
-                : (Object) (name.equals("generateKeyPairDLL") ? 1024L : 1L)).toArray();
         int slot = Arrays.asList(types).indexOf(long.class);
-        if (slot >= 0) {
-            arguments[slot] = 0L;
+        Object[] arguments = new Object[types.length];
+        for (int i = 0; i < types.length; i++) {
+            arguments[i] = types[i] == byte[].class ? NAME
+                    : types[i] == String.class ? name.equals("initDLL") ? PATH : "1"
+                    : i == slot ? 0L : name.equals("generateKeyPairDLL") ? 1024L : (Object) 1L;
         }
         return arguments;
     }
 
-    static Object call(String name) {
-        return call(name, arguments(name));
-    }
-
-    static Object call(String name, Object[] arguments) {
-        try {
-            return NATIVES.get(name).invoke(null, arguments);
-        } catch (ReflectiveOperationException e) {
-            throw new AssertionError(name, e);
-        }
+    static Object call(String name, Object... arguments) throws Exception {
+        return NATIVES.get(name).invoke(null, arguments);
     }
 
     /** Whether this is a failure in the method's own form; nothing that succeeds here is as short as a status. */

