@@ -28,14 +28,15 @@ constexpr jlong kNoSlots = -3;
 /// module may run while it is loaded or unloaded, hence the flushes.
 class LoadedModule {
  public:
-  explicit LoadedModule(const char* path) {
-    flushTraces();
-    handle_ = dlopen(path, RTLD_LAZY);
-  }
+  LoadedModule() = default;
   LoadedModule(const LoadedModule&) = delete;
   LoadedModule& operator=(const LoadedModule&) = delete;
   ~LoadedModule() { unload(); }
 
+  void load(const char* path) {
+    flushTraces();
+    handle_ = dlopen(path, RTLD_LAZY);
+  }
   void* handle() const { return handle_; }
   CK_C_GetFunctionList functionListGetter() const {
     return reinterpret_cast<CK_C_GetFunctionList>(dlsym(handle_, "C_GetFunctionList"));
@@ -81,10 +82,11 @@ void freeSlotList() {
   pSlotList = nullptr;
 }
 
-/// Ends a binding that failed after C_Initialize; the result of C_Finalize stays in `rv`.
-jlong givenUp(CK_RV failure) {
+/// Undoes a binding that failed after C_Initialize; the result of C_Finalize stays in `rv`.
+jlong givenUp(LoadedModule& module, CK_RV failure) {
   call(p, &CK_FUNCTION_LIST::C_Finalize, nullptr);
   freeSlotList();
+  module.unload();
   return asJava(failure);
 }
 
@@ -123,10 +125,11 @@ JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_initDLL(JNIEnv* 
   const TracedCall traced;
   if (anyNull(jPath)) return CKR_ARGUMENTS_BAD;
   trace("INITIALIZE start\n");
+  LoadedModule module;
   const StringInput path(env, jPath);
   trace("%s\n", path.characters());
 
-  LoadedModule module(path.characters());
+  module.load(path.characters());
   if (!isBound()) hModule = module.handle();
   if (module.handle() == nullptr) {
     trace("Error: DLL not found");
@@ -142,9 +145,11 @@ JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_initDLL(JNIEnv* 
   if (initialise(getFunctionList, p) != CKR_OK) return asJava(rv);
 
   if (call(p, &CK_FUNCTION_LIST::C_GetSlotList, CK_FALSE, nullptr, &ulSlotCount) != CKR_OK) {
-    const jlong result = givenUp(rv);
+    const CK_RV failure = rv;
+    call(p, &CK_FUNCTION_LIST::C_Finalize, nullptr);
     trace("finalized (getslotlist err)=0x%x\n", hex32(rv));
-    return result;
+    module.unload();
+    return asJava(failure);
   }
   trace("Slot_count = %d\n", dec32(ulSlotCount));
   if (ulSlotCount == 0) return givenUpWithoutSlots(module);
@@ -152,17 +157,17 @@ JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_initDLL(JNIEnv* 
   trace("Before slots malloc\n");
   const CK_ULONG room = ulSlotCount;
   pSlotList = tryZeroed<CK_SLOT_ID>(room).release();
-  if (pSlotList == nullptr) return givenUp(CKR_HOST_MEMORY);
+  if (pSlotList == nullptr) return givenUp(module, CKR_HOST_MEMORY);
   trace("After slots malloc\n");
 
   call(p, &CK_FUNCTION_LIST::C_GetSlotList, CK_FALSE, pSlotList, &ulSlotCount);
   trace("Get Slot List = 0x%x\n", hex32(rv));
-  if (rv != CKR_OK) return givenUp(rv);
+  if (rv != CKR_OK) return givenUp(module, rv);
   ulSlotCount = std::min(ulSlotCount, room);
   if (ulSlotCount == 0) return givenUpWithoutSlots(module);
 
   allSessions = tryZeroed<CK_SESSION_HANDLE>(ulSlotCount).release();
-  if (allSessions == nullptr) return givenUp(CKR_HOST_MEMORY);
+  if (allSessions == nullptr) return givenUp(module, CKR_HOST_MEMORY);
   module.keep();
   return asJava(rv);
 } catch (...) {

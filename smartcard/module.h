@@ -49,8 +49,9 @@ void recordSession(jlong slotIndex, CK_SESSION_HANDLE session);
 template <class... Parameter>
 using Function = CK_RV (*CK_FUNCTION_LIST::*)(Parameter...);
 
-/// The one place that calls the module: every result goes to `rv` before anyone looks at it. Without a
-/// function list, or a function in it, the answer is an error code like the module's own.
+/// The one place that calls the module once its function list is known: every result goes to `rv` before
+/// anyone looks at it. Without a function list, or a function in it, the answer is an error code like the
+/// module's own.
 template <class... Parameter>
 CK_RV call(CK_FUNCTION_LIST_PTR list, Function<Parameter...> function,
            std::type_identity_t<Parameter>... arguments) {

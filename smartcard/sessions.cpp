@@ -1,5 +1,5 @@
+#include <algorithm>
 #include <array>
-#include <cstring>
 
 #include "com_calvenhor_vork_utils_Smartcard.h"
 #include "marshal.h"

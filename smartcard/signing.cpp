@@ -136,11 +136,19 @@ JNIEXPORT jbyteArray JNICALL Java_com_calvenhor_vork_utils_Smartcard_generateKey
       CK_ATTRIBUTE{CKA_MODULUS_BITS, &bits, sizeof bits},
       bytes(CKA_PUBLIC_EXPONENT, publicExponent),
   };
+  // clang-format off
   std::array privateTemplate = {
-      bytes(CKA_ID, id),      bytes(CKA_LABEL, label),  flag(CKA_TOKEN, yes),
-      flag(CKA_DECRYPT, yes), flag(CKA_SIGN, yes),      flag(CKA_UNWRAP, yes),
-      flag(CKA_PRIVATE, yes), flag(CKA_SENSITIVE, yes), flag(CKA_EXTRACTABLE, no),
+      bytes(CKA_ID, id),
+      bytes(CKA_LABEL, label),
+      flag(CKA_TOKEN, yes),
+      flag(CKA_DECRYPT, yes),
+      flag(CKA_SIGN, yes),
+      flag(CKA_UNWRAP, yes),
+      flag(CKA_PRIVATE, yes),
+      flag(CKA_SENSITIVE, yes),
+      flag(CKA_EXTRACTABLE, no),
   };
+  // clang-format on
   CK_OBJECT_HANDLE publicKey = 0;
   CK_OBJECT_HANDLE privateKey = 0;
   if (call(&CK_FUNCTION_LIST::C_GenerateKeyPair, session, &mechanism, publicTemplate.data(),
