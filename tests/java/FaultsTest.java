@@ -4,7 +4,6 @@ import com.calvenhor.vork.utils.Smartcard;
 import java.util.Collections;
 import java.util.List;
 import org.junit.jupiter.api.Test;
-import org.junit.jupiter.api.function.Executable;
 
 /** Whatever the module answers, whatever is passed, in whatever state: no native method does harm. */
 class FaultsTest {
@@ -13,22 +12,21 @@ class FaultsTest {
     private static final String NEEDS_NO_MODULE = "(init|getSlotCount|decrypt)DLL";
 
     @Test
-    void allMethods() throws Throwable {
+    void noMethodDoesHarm() throws Exception {
         for (String name : Mock.NATIVES.keySet()) { // nothing in this process has bound a module yet
             assertTrue(name.matches(NEEDS_NO_MODULE) || Mock.failed(name, Mock.call(name, Mock.arguments(name))), name);
         }
         for (String name : Mock.NATIVES.keySet()) {
             Object[] arguments = Mock.arguments(name);
             assertTrue(succeedsAfter(() -> { }, name, arguments), name);
-            boolean survives = succeedsAfter(Smartcard::finalizeDLL, name, arguments);
-            assertEquals(name.matches(NEEDS_NO_MODULE), survives, name);
+            assertEquals(name.matches(NEEDS_NO_MODULE), succeedsAfter(Smartcard::finalizeDLL, name, arguments), name);
             succeedsAfter(() -> Smartcard.closeSessionDLL(0), name, arguments);
             failEachCall(name, arguments);
             passBadArguments(name, arguments);
         }
     }
 
-    private static void failEachCall(String name, Object[] arguments) throws Throwable {
+    private static void failEachCall(String name, Object[] arguments) throws Exception {
         Mock.prepare(name);
         Mock.call(name, arguments);
         List<String> calls = List.of(Mock.takeCalls().split(" "));
@@ -43,23 +41,23 @@ class FaultsTest {
         assertEquals(!name.matches("(getSlotCount|decrypt)DLL"), noticed, name); // those call nothing
     }
 
-    private static void passBadArguments(String name, Object[] arguments) throws Throwable {
+    private static void passBadArguments(String name, Object[] arguments) throws Exception {
         for (int i = 0; i < arguments.length; i++) {
-            List<?> bad = arguments[i].equals(0L) ? BAD_SLOTS
+            List<?> badValues = arguments[i].equals(0L) ? BAD_SLOTS
                     : arguments[i] instanceof Long ? List.of() : Collections.singletonList(null);
             boolean ignored = i == 0 && name.matches("(waitForSlotEvent|setCertificateLabel)DLL");
-            for (Object value : bad) {
+            for (Object bad : badValues) {
                 Object[] changed = arguments.clone();
-                changed[i] = value;
-                assertEquals(ignored, succeedsAfter(() -> { }, name, changed), name + " with " + value);
+                changed[i] = bad;
+                assertEquals(ignored, succeedsAfter(() -> { }, name, changed), name + " with " + bad);
             }
         }
     }
 
-    /** Whether the method succeeds after this has happened; either way no search is left and the next call works. */
-    private static boolean succeedsAfter(Executable event, String name, Object[] arguments) throws Throwable {
+    /** Whether the method succeeds after this event; either way no search is left and the next call works. */
+    private static boolean succeedsAfter(Runnable event, String name, Object[] arguments) throws Exception {
         Mock.prepare(name);
-        event.execute();
+        event.run();
         Object result = Mock.call(name, arguments);
         assertEquals(0, Mock.activeSearches(), name);
         assertTrue(Smartcard.isSessionOpenDLL(0) != 0 || Smartcard.isCardEmptyDLL(0) >= 0, name);

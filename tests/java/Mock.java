@@ -5,7 +5,6 @@ import java.lang.reflect.Method;
 import java.lang.reflect.Modifier;
 import java.util.Arrays;
 import java.util.Map;
-import java.util.TreeMap;
 import java.util.stream.Collectors;
 
 /** The mock PKCS#11 module, shared with the library, and all native methods by name, as they succeed on its token. */
@@ -14,7 +13,7 @@ final class Mock {
     static final byte[] NAME = "mock".getBytes(); // every value that is written and searched for
     static final Map<String, Method> NATIVES = Arrays.stream(Smartcard.class.getDeclaredMethods())
             .filter(method -> Modifier.isNative(method.getModifiers()))
-            .collect(Collectors.toMap(Method::getName, method -> method, (one, other) -> one, TreeMap::new));
+            .collect(Collectors.toMap(Method::getName, method -> method));
 
     static {
         System.load(PATH);
@@ -32,22 +31,19 @@ final class Mock {
     static native long activeSearches();
 
     /** Binds a new mock module and brings it to where the method succeeds. */
-    static void prepare(String name) throws Exception {
+    static void prepare(String name) {
         Smartcard.finalizeDLL();
         reset();
         assertEquals(0, Smartcard.initDLL(PATH));
         assertEquals(0, Smartcard.openSessionDLL(0));
-        assertEquals(0, Smartcard.loginDLL(0, "1", 1));
-        String write = "writeCertificateAndPrivateKeyDLL";
-        assertEquals(0L, call(write, arguments(write)));
+        assertEquals(0, Smartcard.loginDLL(0, "1", name.equals("initUserPINDLL") ? 0 : 1));
+        Smartcard.generateKeyPairDLL(0, 1024, NAME, NAME, NAME);
+        assertEquals(0, Smartcard.writeCertificateDLL(0, NAME, NAME, NAME, NAME, NAME, NAME));
         assertEquals(0, Smartcard.writeAttributeCertificateDLL(0, NAME));
         switch (name) {
             case "initDLL" -> Smartcard.finalizeDLL();
             case "initTokenDLL" -> Smartcard.closeSessionDLL(0);
-            case "loginDLL", "initUserPINDLL" -> Smartcard.logoutDLL(0);
-        }
-        if (name.equals("initUserPINDLL")) {
-            assertEquals(0, Smartcard.loginDLL(0, "1", 0));
+            case "loginDLL" -> Smartcard.logoutDLL(0);
         }
         takeCalls();
     }
@@ -55,12 +51,12 @@ final class Mock {
     /** The first number of a method is its slot index; 1 is the user, the PIN's length and CKM_RSA_PKCS. */
     static Object[] arguments(String name) {
         Class<?>[] types = NATIVES.get(name).getParameterTypes();
+        Object[] arguments = Arrays.stream(types).map(type -> type == byte[].class ? NAME
+                : type == String.class ? name.equals("initDLL") ? PATH : "1"
+                : (Object) (name.equals("generateKeyPairDLL") ? 1024L : 1L)).toArray();
         int slot = Arrays.asList(types).indexOf(long.class);
-        Object[] arguments = new Object[types.length];
-        for (int i = 0; i < types.length; i++) {
-            arguments[i] = types[i] == byte[].class ? NAME
-                    : types[i] == String.class ? name.equals("initDLL") ? PATH : "1"
-                    : i == slot ? 0L : name.equals("generateKeyPairDLL") ? 1024L : (Object) 1L;
+        if (slot >= 0) {
+            arguments[slot] = 0L;
         }
         return arguments;
     }

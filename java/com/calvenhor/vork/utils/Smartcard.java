@@ -44,10 +44,12 @@ package com.calvenhor.vork.utils;
  *     same, so give objects IDs and labels of at least two bytes.
  * <dt>A {@code byte[][]}
  * <dd>Element 0 is always a status byte array; 0 in it means that the listing is whole. On failure the result has that
- *     one element, or its full length with null in the places not reached. A code whose low 8 bits are 0 looks like
- *     success: whoever wants to be sure looks for nulls too.
+ *     one element, or its full length with null in the places not reached. A code whose low 8 bits are 0 (CKR_FUNCTION_REJECTED,
+ *     0x200) looks like success: nulls give it away, but a result of one element then reads like that of an empty
+ *     token.
  * </dl>
- * Codes that many methods share: CKR_ARGUMENTS_BAD (0x07) for a null string or array; CKR_HOST_MEMORY (0x02); and from
+ * Codes that many methods share, in whatever form: CKR_ARGUMENTS_BAD (0x07) for a null string or array;
+ * CKR_HOST_MEMORY (0x02) when the library itself finds no memory; and from
  * methods without the -1, in their own failure form, CKR_CRYPTOKI_NOT_INITIALIZED (0x190) when no module is bound, and
  * for a slot index out of range what a module says of an unknown slot or session: CKR_SLOT_ID_INVALID (0x03),
  * CKR_SESSION_HANDLE_INVALID (0xB3).
@@ -159,8 +161,9 @@ public final class Smartcard {
     public static native long getMechanismInfoDLL(long slotIndex, long mechanismType);
 
     /**
-     * {@return the types (CKM_ values) of the token's mechanisms in the module's order; empty on failure} Each is the
-     * low 32 bits of its value, so that vendors' own types (0x80000000 and up) read as negative.
+     * {@return the types (CKM_ values) of the token's mechanisms in the module's order; empty if it cannot tell how many}
+     * Each is the low 32 bits of its value, so that vendors' own types (0x80000000 and up) read as negative. If the
+     * module counts the types but then fails to list them, the result has that length and zeros.
      *
      * @param slotIndex the slot
      */
@@ -259,8 +262,8 @@ public final class Smartcard {
     // ---- What is on the token ----
 
     /**
-     * {@return 0 if the session sees no object, 1 if it sees some, -1 on any failure} Note the sense of the numbers.
-     * Private objects are seen only after a login.
+     * {@return 0 if the session sees no object, 1 if it sees some, -1 for a bad slot index or a search that
+     * cannot be begun or ended} Note the sense of the numbers. Private objects are seen only after a login.
      *
      * @param slotIndex a slot with a session
      */
@@ -275,8 +278,8 @@ public final class Smartcard {
     public static native long getObjectCountInTheTokenDLL(long slotIndex);
 
     /**
-     * {@return the first X.509 certificate, DER; or a status byte array: 2 there is none or the search failed, 0 the
-     * search failed after yielding it, 1 it could not be read}
+     * {@return the first X.509 certificate, DER; or a status byte array: 2 there is none or the search failed (or
+     * CKR_HOST_MEMORY), 0 the search failed after yielding it, 1 it could not be read}
      *
      * @param slotIndex a slot with a session
      */
@@ -295,8 +298,8 @@ public final class Smartcard {
      * {@code 3k - 2}, its label at {@code 3k - 1} and its DER encoding at {@code 3k}.
      *
      * @param slotIndex a slot with a session
-     * @return the status and 3 elements a certificate; a failure while a certificate's values are read keeps those read
-     *         before it, any other gives the status alone
+     * @return the status and 3 elements a certificate; a certificate whose values cannot be read, or that is gone
+     *         since they were counted, leaves those read before it; any other failure gives the status alone
      */
     public static native byte[][] readAllCertificatesDLL(long slotIndex);
 
@@ -457,27 +460,29 @@ public final class Smartcard {
      * @param ignored any array, or null: it is not read
      * @param slotIndex a slot with a session
      * @return -1, CKR_OBJECT_HANDLE_INVALID (0x82) if there is no certificate or no public key, or the code with which
-     *         the label could not be read; otherwise that of ending the search, 0 even if the token refused the label
+     *         they could not be looked for or the label not be read; otherwise that of ending the search, 0 even if the token refused the label
      */
     public static native long setCertificateLabelDLL(byte[] ignored, long slotIndex);
 
     /**
-     * Gives the first private key and the first public key of an ID a new ID and label. A certificate keeps its own.
+     * Gives the token's first private key and first public key of an ID a new ID and label. A certificate keeps its
+     * own.
      *
      * @param slotIndex a slot with a session
      * @param id the present ID
      * @param newId the ID from now on
      * @param newLabel the label from now on
-     * @return -1, or the code of changing the public key, CKR_OBJECT_HANDLE_INVALID (0x82) if there is none; how the
-     *         private key fared does not show
+     * @return -1, or the code of changing the public key, CKR_OBJECT_HANDLE_INVALID (0x82) if there is none, or the
+     *         code with which it could not be looked for; how the private key fared does not show
      */
     public static native long updateKeyPairIDAndLabelDLL(long slotIndex, byte[] id, byte[] newId, byte[] newLabel);
 
     // ---- Deletion ----
 
     /**
-     * Destroys the first 20 objects of all kinds that the session sees; call again while
-     * {@link #isCardEmptyDLL isCardEmptyDLL} gives 1. Without a login private objects stay.
+     * Destroys the first 20 objects of all kinds that the session sees. Call again while
+     * {@link #getObjectCountInTheTokenDLL getObjectCountInTheTokenDLL} falls: what the token refuses to destroy
+     * stays. Without a login private objects stay.
      *
      * @param slotIndex a slot with a session
      * @return -1, or the code of ending the search: an object that could not be destroyed does not show
