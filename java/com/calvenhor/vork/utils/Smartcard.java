@@ -44,9 +44,9 @@ package com.calvenhor.vork.utils;
  *     same, so give objects IDs and labels of at least two bytes.
  * <dt>A {@code byte[][]}
  * <dd>Element 0 is always a status byte array; 0 in it means that the listing is whole. On failure the result has that
- *     one element, or its full length with null in the places not reached. A code whose low 8 bits are 0 (CKR_FUNCTION_REJECTED,
- *     0x200) looks like success: nulls give it away, but a result of one element then reads like that of an empty
- *     token.
+ *     one element, or its full length with null in the places not reached. A code whose low 8 bits are 0
+ *     (CKR_FUNCTION_REJECTED, 0x200) looks like success: nulls give it away, but a result of one element then reads
+ *     like that of an empty token.
  * </dl>
  * Codes that many methods share, in whatever form: CKR_ARGUMENTS_BAD (0x07) for a null string or array;
  * CKR_HOST_MEMORY (0x02) when the library itself finds no memory; and from
@@ -161,8 +161,8 @@ public final class Smartcard {
     public static native long getMechanismInfoDLL(long slotIndex, long mechanismType);
 
     /**
-     * {@return the types (CKM_ values) of the token's mechanisms in the module's order; empty if it cannot tell how many}
-     * Each is the low 32 bits of its value, so that vendors' own types (0x80000000 and up) read as negative. If the
+     * {@return the types (CKM_ values) of the token's mechanisms in the module's order; empty if it cannot tell how
+     * many} Each is the low 32 bits of its value, so that vendors' own types (0x80000000 and up) read as negative. If the
      * module counts the types but then fails to list them, the result has that length and zeros.
      *
      * @param slotIndex the slot
@@ -460,7 +460,8 @@ public final class Smartcard {
      * @param ignored any array, or null: it is not read
      * @param slotIndex a slot with a session
      * @return -1, CKR_OBJECT_HANDLE_INVALID (0x82) if there is no certificate or no public key, or the code with which
-     *         they could not be looked for or the label not be read; otherwise that of ending the search, 0 even if the token refused the label
+     *         they could not be looked for or the label not be read; otherwise that of ending the search, 0 even if
+     *         the token refused the label
      */
     public static native long setCertificateLabelDLL(byte[] ignored, long slotIndex);
 
