@@ -162,8 +162,8 @@ public final class Smartcard {
 
     /**
      * {@return the types (CKM_ values) of the token's mechanisms in the module's order; empty if it cannot tell how
-     * many} Each is the low 32 bits of its value, so that vendors' own types (0x80000000 and up) read as negative. If the
-     * module counts the types but then fails to list them, the result has that length and zeros.
+     * many} Each is the low 32 bits of its value, so that vendors' own types (0x80000000 and up) read as negative. If
+     * the module counts the types but then fails to list them, the result has that length and zeros.
      *
      * @param slotIndex the slot
      */
