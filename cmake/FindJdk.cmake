@@ -2,12 +2,18 @@
 # modules miss some JDKs while JAVA_HOME is unset, so candidates are looked up here: JAVA_HOME, the JDK whose
 # javac is on the PATH, then whatever /usr/lib/jvm holds.
 
-file(GLOB jdk_compilers /usr/lib/jvm/*/bin/javac)
+file(GLOB jdk_candidates /usr/lib/jvm/*/bin/javac)
 find_program(JDK_JAVAC_ON_PATH javac)
 mark_as_advanced(JDK_JAVAC_ON_PATH)
+list(PREPEND jdk_candidates "${JDK_JAVAC_ON_PATH}")
+foreach(home "$ENV{JAVA_HOME}" "${JAVA_HOME}")
+  if(home)
+    list(PREPEND jdk_candidates "${home}/bin/javac")
+  endif()
+endforeach()
 
 set(jdk_home "")
-foreach(candidate "${JAVA_HOME}/bin/javac" "$ENV{JAVA_HOME}/bin/javac" "${JDK_JAVAC_ON_PATH}" ${jdk_compilers})
+foreach(candidate IN LISTS jdk_candidates)
   if(NOT EXISTS "${candidate}")
     continue()
   endif()

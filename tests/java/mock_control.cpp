@@ -1,8 +1,8 @@
 // The mock module's reins for tests in a real virtual machine. They are linked into the module itself:
 // System.load of it keeps its state alive, and what Java sees is what the library sees when it loads the same
 // path.
+#include "../mock_module.h"
 #include "Mock.h"
-#include "mock_module.h"
 
 JNIEXPORT void JNICALL Java_Mock_reset(JNIEnv*, jclass) {
   mock::Module& module = *mockModule();
@@ -23,8 +23,4 @@ JNIEXPORT jstring JNICALL Java_Mock_takeCalls(JNIEnv* env, jclass) {
   mockModule()->log.clear();
   mockModule()->yielded.clear();
   return env->NewStringUTF(names.c_str());
-}
-
-JNIEXPORT jlong JNICALL Java_Mock_activeSearches(JNIEnv*, jclass) {
-  return static_cast<jlong>(mockModule()->activeSearches());
 }
