@@ -74,9 +74,9 @@ jbyteArray StatusArray::holding(CK_RV code) const {
   return array_;
 }
 
-ListResult::ListResult(JNIEnv* env, const StatusArray& status, jsize length)
+ListResult::ListResult(JNIEnv* env, jbyteArray status, jsize length)
     : env_(env),
-      array_(made(env->NewObjectArray(length, env->GetObjectClass(status.array()), nullptr))),
+      array_(made(env->NewObjectArray(length, env->GetObjectClass(status), nullptr))),
       large_(length > kGuaranteedLocalReferences) {}
 
 void ListResult::store(jsize index, jbyteArray element) {
@@ -84,10 +84,9 @@ void ListResult::store(jsize index, jbyteArray element) {
   if (large_) env_->DeleteLocalRef(element);
 }
 
-jobjectArray statusOnly(JNIEnv* env, const StatusArray& status, CK_RV code) {
-  const jbyteArray element = status.holding(code);
+jobjectArray statusOnly(JNIEnv* env, jbyteArray status) {
   ListResult list(env, status, 1);
-  list.setStatus(element);
+  list.setStatus(status);
   return list.array();
 }
 
@@ -104,7 +103,7 @@ jintArray outOfMemoryNumbers(JNIEnv* env) try {
 }
 
 jobjectArray outOfMemoryList(JNIEnv* env) try {
-  return javaKnows() ? nullptr : statusOnly(env, StatusArray(env), CKR_HOST_MEMORY);
+  return javaKnows() ? nullptr : statusOnly(env, StatusArray(env).holding(CKR_HOST_MEMORY));
 } catch (...) {
   return nullptr;
 }

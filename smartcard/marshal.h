@@ -115,7 +115,7 @@ class StatusArray {
 /// A byte[][] under construction. Element 0 is the status array, which also lends its class.
 class ListResult {
  public:
-  ListResult(JNIEnv* env, const StatusArray& status, jsize length);
+  ListResult(JNIEnv* env, jbyteArray status, jsize length);
 
   void setStatus(jbyteArray status) { env_->SetObjectArrayElement(array_, 0, status); }
 
@@ -130,8 +130,8 @@ class ListResult {
   bool large_;
 };
 
-/// A byte[][] that holds only the status array, with this code.
-jobjectArray statusOnly(JNIEnv* env, const StatusArray& status, CK_RV code);
+/// A byte[][] that holds only the status array.
+jobjectArray statusOnly(JNIEnv* env, jbyteArray status);
 
 // What an entry point returns when an exception ended it, to be called in its handler: null when the virtual
 // machine's own error is pending, else CKR_HOST_MEMORY in the entry point's own form.

@@ -44,13 +44,17 @@ jbyteArray readName(JNIEnv* env, jlong slotIndex, CK_ATTRIBUTE kind, CK_ATTRIBUT
 
   Search search(session, {&kind, 1});
   search.next();
-  if (!search.found()) return status.holding(kSearchFailed);
+  if (!search.found()) {
+    search.end();
+    return status.holding(kSearchFailed);
+  }
 
   AttributeRead<1> name(session, search.object(), {type});
   name.lengths();
   if (name.values() != CKR_OK) {
+    const jbyteArray failure = status.holding(kValueUnreadable);
     if (onFailure == OnFailure::kTraced) trace("2 %d\n", dec32(rv));
-    return status.holding(kValueUnreadable);
+    return failure;
   }
   return byteArray(env, name[0]);
 }
@@ -88,6 +92,13 @@ jsize listLength(CK_ULONG count) {
   return static_cast<jsize>(N * count + 1);
 }
 
+/// The result of a listing that a search has failed: the status alone, set before the search is ended.
+jobjectArray failedAlone(JNIEnv* env, const StatusArray& status, Search<>& search) {
+  status.holding(rv);
+  search.end();
+  return statusOnly(env, status.array());
+}
+
 /// Traces the sizes of the k-th object's values, counted from 1, and places them in the result.
 template <std::size_t N>
 void storeGroup(JNIEnv* env, ListResult& list, CK_ULONG k, const std::array<Column, N>& columns,
@@ -110,16 +121,16 @@ jobjectArray listRsaKeys(JNIEnv* env, jlong slotIndex, CK_ATTRIBUTE kind, const 
   std::array wanted = {kind, rsa()};
 
   Search counting(session, wanted);
-  if (!counting.begun()) return statusOnly(env, status, rv);
+  if (!counting.begun()) return statusOnly(env, status.holding(rv));
   CK_ULONG keyCount = 0;
   for (;; ++keyCount) {
-    if (counting.next() != CKR_OK) return statusOnly(env, status, rv);
+    if (counting.next() != CKR_OK) return failedAlone(env, status, counting);
     if (!counting.found()) break;
   }
-  if (counting.end() != CKR_OK) return statusOnly(env, status, rv);
+  if (counting.end() != CKR_OK) return statusOnly(env, status.holding(rv));
   trace("Total%sKeyCount = %d\n", kindName, dec32(keyCount));
 
-  ListResult list(env, status, listLength<N>(keyCount));
+  ListResult list(env, status.array(), listLength<N>(keyCount));
   list.setStatus(status.holding(0));
   const auto failed = [&](CK_RV code) {
     status.holding(code);
@@ -189,19 +200,19 @@ Java_com_calvenhor_vork_utils_Smartcard_readAllCertificatesDLL(JNIEnv* env, jcla
 
   Search counting(session, wanted);
   trace("C_FindObjectsInit = 0x%x\n", hex32(rv));
-  if (!counting.begun()) return statusOnly(env, status, rv);
+  if (!counting.begun()) return statusOnly(env, status.holding(rv));
   CK_ULONG certificateCount = 0;
   for (;; ++certificateCount) {
     counting.next();
     trace("C_FindObjects = 0x%x, 0x%d\n", hex32(rv), dec32(counting.count()));
-    if (rv != CKR_OK) return statusOnly(env, status, rv);
+    if (rv != CKR_OK) return failedAlone(env, status, counting);
     if (!counting.found()) break;
   }
   counting.end();
   trace("C_FindObjectsFinal = 0x%x\n", hex32(rv));
   trace("TotalCertCount = %d\n", dec32(certificateCount));
 
-  ListResult list(env, status, listLength<kCertificate.size()>(certificateCount));
+  ListResult list(env, status.array(), listLength<kCertificate.size()>(certificateCount));
   list.setStatus(status.holding(0));
   const auto failed = [&](CK_RV code) {
     status.holding(code);
@@ -211,7 +222,7 @@ Java_com_calvenhor_vork_utils_Smartcard_readAllCertificatesDLL(JNIEnv* env, jcla
 
   Search search(session, wanted);
   trace("C_FindObjectsInit (2) = 0x%x\n", hex32(rv));
-  if (search.next() != CKR_OK) return statusOnly(env, status, rv);
+  if (search.next() != CKR_OK) return failedAlone(env, status, search);
   for (CK_ULONG k = 1; k <= certificateCount; ++k) {
     if (!search.found()) return failed(CKR_GENERAL_ERROR);  // fewer than were counted
     AttributeRead values(session, search.object(), typesOf(kCertificate));
@@ -224,7 +235,7 @@ Java_com_calvenhor_vork_utils_Smartcard_readAllCertificatesDLL(JNIEnv* env, jcla
     search.next();
     trace("C_FindObjects = 0x%x\n", hex32(rv));
     trace("RemainCount = %d\n", dec32(search.count()));
-    if (rv != CKR_OK) return statusOnly(env, status, rv);
+    if (rv != CKR_OK) return failedAlone(env, status, search);
   }
   search.end();
   trace("C_FindObjectsFinal = 0x%x\n", hex32(rv));

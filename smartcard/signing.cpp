@@ -26,8 +26,8 @@ JNIEXPORT jbyteArray JNICALL Java_com_calvenhor_vork_utils_Smartcard_signDLL(JNI
   std::array wanted = {objectClass<CKO_PRIVATE_KEY>()};
   Search search(session, wanted);
   search.next();
-  if (!search.found()) return status.holding(0);
   search.end();
+  if (!search.found()) return status.holding(0);
 
   std::array<CK_BYTE, kSignatureRoom> signature = {};
   CK_ULONG length = signature.size();

@@ -19,7 +19,9 @@ Ground::Ground()
 Ground::~Ground() {
   begin(State::kUnbound);
   dlclose(handle_);
-  EXPECT_EQ(dlopen(kModule, RTLD_NOW | RTLD_NOLOAD), nullptr) << "the library has kept the module loaded";
+  for (const char* path : {kModule, OTHER_MODULE}) {
+    EXPECT_EQ(dlopen(path, RTLD_NOW | RTLD_NOLOAD), nullptr) << "the library has kept a module loaded";
+  }
   close(output_);
 }
 

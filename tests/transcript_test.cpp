@@ -3,8 +3,8 @@
 //
 // A script is made of calls (`> sign 0 data`), stage directions (`! fail C_Sign 1 0x30`), comments and blank
 // lines. An argument is a number, `null`, a text, or `name=text` where the record shall call it by name;
-// `#0aff` is a text in hexadecimal. The indented lines are the record. With TRANSCRIPTS=write they are
-// written anew, to be read in the difference before they are committed.
+// `#0aff` is a text in hexadecimal, `*9` one of nine asterisks. The indented lines are the record. With
+// TRANSCRIPTS=write they are written anew, to be read in the difference before they are committed.
 
 #include <algorithm>
 #include <array>
@@ -19,6 +19,7 @@
 namespace {
 
 std::string content(const std::string& word) {
+  if (word.starts_with('*')) return std::string(std::stoul(word.substr(1)), '*');
   if (!word.starts_with('#')) return word;
   std::string bytes;
   for (std::size_t i = 1; i < word.size(); i += 2) {
@@ -110,6 +111,7 @@ class Transcript : public Ground, public testing::WithParamInterface<const char*
          [&] { module.slots[0].objects.at(number(1) - 1).attributes[number(2)] = mock::bytes(text(3)); }},
         {"noSlots", [&] { module.slots.clear(); }},
         {"noMechanisms", [&] { module.slots[0].mechanisms.clear(); }},
+        {"secondToken", [&] { module.slots[1].info.flags |= CKF_TOKEN_PRESENT; }},
         {"slotFlags", [&] { module.slots[0].info.flags = number(1); }},
         {"tokenFlags", [&] { module.slots[0].token.flags = number(1); }},
         {"mechanismFlags", [&] { module.slots[0].mechanisms.at(1).info.flags = number(1); }},
