@@ -2,9 +2,9 @@
 // System.load of it keeps its state alive, and what Java sees is what the library sees when it loads the same
 // path.
 #include "../mock_module.h"
-#include "Mock.h"
+#include "MockTest.h"
 
-JNIEXPORT void JNICALL Java_Mock_reset(JNIEnv*, jclass) {
+JNIEXPORT void JNICALL Java_MockTest_reset(JNIEnv*, jclass) {
   mock::Module& module = *mockModule();
   module.reset();
   module.slots.resize(1);
@@ -12,13 +12,13 @@ JNIEXPORT void JNICALL Java_Mock_reset(JNIEnv*, jclass) {
   module.slotEvents = {module.slots[0].id};
 }
 
-JNIEXPORT void JNICALL Java_Mock_failAt(JNIEnv* env, jclass, jstring function, jint nth, jlong code) {
+JNIEXPORT void JNICALL Java_MockTest_failAt(JNIEnv* env, jclass, jstring function, jint nth, jlong code) {
   const char* name = env->GetStringUTFChars(function, nullptr);
   mockModule()->failAt(name, static_cast<std::size_t>(nth), static_cast<CK_RV>(code));
   env->ReleaseStringUTFChars(function, name);
 }
 
-JNIEXPORT jstring JNICALL Java_Mock_takeCalls(JNIEnv* env, jclass) {
+JNIEXPORT jstring JNICALL Java_MockTest_takeCalls(JNIEnv* env, jclass) {
   const std::string names = mockModule()->names();
   mockModule()->log.clear();
   mockModule()->yielded.clear();
