@@ -18,7 +18,8 @@ class Output : public Ground {
     begin(State::kUnbound, true);
     module.onCall = onCall;
     std::fflush(stdout);
-    std::setvbuf(stdout, nullptr, _IOFBF, BUFSIZ);
+    static char buffer[BUFSIZ];  // of our own: a stream that was unbuffered gets no real one from the library
+    std::setvbuf(stdout, buffer, _IOFBF, sizeof buffer);
     const int before = dup(STDOUT_FILENO);
     close(STDOUT_FILENO);
     if (file >= 0) dup2(file, STDOUT_FILENO);
