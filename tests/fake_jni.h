@@ -5,42 +5,43 @@
 
 #include <jni.h>
 
-#include <cstddef>
+#include <algorithm>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
+#include <variant>
 #include <vector>
 
-class FakeJni {
+class FakeJni : JNIEnv {
  public:
   FakeJni();
-  FakeJni(const FakeJni&) = delete;
-  FakeJni& operator=(const FakeJni&) = delete;
-
-  JNIEnv* env() { return &env_; }
+  JNIEnv* env() { return this; }
 
   // Java values to pass in; `name` is how the log calls them. A string is given in modified UTF-8.
-  jbyteArray bytes(std::string name, std::vector<std::uint8_t> elements);
-  jstring string(std::string name, std::string characters);
-
-  // What came back. A reference that is null or of another type throws std::invalid_argument.
-  std::vector<std::uint8_t> bytesOf(jobject array) const;
-  std::vector<std::int32_t> intsOf(jobject array) const;
-  std::vector<jobject> elementsOf(jobject array);  // null where the array holds null
-
-  std::vector<std::string> log;  // every call in order: `GetArrayLength(label)`, `NewByteArray(1)`
-  std::function<void(const std::string&)> onCall;
-  void record(const std::string& call) {
-    log.push_back(call);
-    if (onCall) onCall(call);
+  jbyteArray bytes(const std::string& name, const std::vector<std::uint8_t>& elements) {
+    return static_cast<jbyteArray>(add(name, kOfTest, Array<jbyte>(elements.begin(), elements.end())));
   }
+  jstring string(const std::string& name, const std::string& characters) {
+    const char* const first = characters.c_str();
+    return static_cast<jstring>(add(name, kOfTest, Array<char>(first, first + characters.size() + 1)));
+  }
+
+  // What came back. A reference that is null or of another type throws.
+  std::vector<std::uint8_t> bytesOf(jobject array) const {
+    return {contentOf<jbyte>(array).begin(), contentOf<jbyte>(array).end()};
+  }
+  std::vector<std::int32_t> intsOf(jobject array) const { return contentOf<jint>(array); }
+  std::vector<jobject> elementsOf(jobject array) const { return contentOf<jobject>(array); }
+
+  std::vector<std::string> log;     // every call in order: `GetArrayLength(label)`, `NewByteArray(1)`
   std::vector<std::string> faults;  // empty, unless the library broke a rule of JNI
+  std::function<void(const std::string& line)> onCall;  // runs at each call, once it is logged
 
   /// Whether everything acquired has been released.
-  bool balanced() const { return acquisitions_.empty(); }
+  bool balanced() const { return acquired_.empty(); }
 
   /// The nth allocation from now, the next one being 1, answers null and leaves an OutOfMemoryError pending.
   /// Allocations are the New*Array, GetByteArrayElements and GetStringUTFChars.
@@ -56,50 +57,115 @@ class FakeJni {
   void clear();
 
  private:
-  enum class Type { kString, kBytes, kInts, kObjects, kByteArrayClass };
-  enum class Origin { kTest, kCall, kDeleted };
+  enum State { kOfTest, kLocal, kDeleted };
+  template <class Element>
+  using Array = std::vector<Element>;
+  // A string's content ends with its NUL, a class has none.
+  using Content = std::variant<Array<jclass>, Array<char>, Array<jbyte>, Array<jint>, Array<jobject>>;
   struct Value {
     std::string name;
-    Type type;
-    std::vector<std::int8_t> bytes;  // of a string: its characters and the NUL
-    std::vector<jint> ints;
-    std::vector<Value*> elements;
-  };
-  struct Reference {
-    Value* value;
-    Origin origin;
-  };
-  struct Acquisition {
-    Value* value;
-    std::unique_ptr<jbyte[]> copy;  // of exactly the value's size, so that a sanitizer sees any step beyond
-  };
-  struct Env : JNIEnv {
-    FakeJni* owner;
+    State state;
+    Content content;
   };
 
-  static FakeJni& of(JNIEnv* env) { return *static_cast<Env*>(env)->owner; }
-  static JNINativeInterface_ table();
+  /// The road of every call: logged, then done by the body, a lambda without captures, whose type is thus all
+  /// of it. Ends with null where a fault is found or an allocation refused.
+  template <class Result, class... Argument, class Body>
+  static void define(Result (*&function)(JNIEnv*, Argument...), const char* functionName, Body) {
+    static const char* name;
+    name = functionName;
+    function = [](JNIEnv* env, Argument... arguments) {
+      FakeJni& jni = *static_cast<FakeJni*>(env);
+      try {
+        jni.enter(name, {jni.text(arguments)...});
+        return static_cast<Result>(Body{}(jni, arguments...));
+      } catch (const char* fault) {
+        if (fault != nullptr) jni.faults.push_back(jni.log.back() + ": " + fault);
+        return Result();
+      }
+    };
+  }
+  void enter(const std::string& name, const std::vector<std::string>& arguments) {
+    std::string line = name + '(';
+    for (const auto& text : arguments) line += (text.empty() || line.back() == '(' ? "" : ", ") + text;
+    log.push_back(line + ')');
+    if (onCall) onCall(log.back());
+    const bool givesBack = name.starts_with("Release") || name.starts_with("Delete");
+    require(pending_.empty() || givesBack, "called while an exception is pending");
+  }
+  // An argument in the log: references by name, numbers; neither null references nor other pointers.
+  std::string text(jint number) const { return std::to_string(number); }
+  std::string text(const void*) const { return ""; }
+  std::string text(jobject reference) const {
+    return values_.contains(reference) ? values_.at(reference).name : reference == nullptr ? "" : "foreign";
+  }
 
-  Value* add(std::string name, Type type);
-  jobject refer(Value* value, Origin origin);
-  const Value& result(jobject reference, Type type) const;
+  static void require(bool holds, const char* fault) {
+    if (!holds) throw fault;
+  }
+  void allocate(bool tooLarge = false) {
+    if (++allocations_ != refuseAt_ && !tooLarge) return;
+    pending_ = "OutOfMemoryError";
+    require(false, nullptr);
+  }
+  /// References are no addresses: whoever dereferences one crashes.
+  jobject add(const std::string& name, State state, Content content) {
+    const auto reference = reinterpret_cast<jobject>((values_.size() + 1) * 0x10);
+    values_[reference] = {name, state, std::move(content)};
+    if (state == kLocal) mostLocal_ = std::max(mostLocal_, ++local_);
+    return reference;
+  }
 
-  std::string nameOf(jobject reference) const;
-  void enter(const std::string& call);
-  Value* use(jobject reference, Type type);
-  bool refused();
-  jobject create(std::string name, Type type, jsize length);
   template <class Element>
-  void setRegion(jobject array, Type type, std::vector<Element> Value::*elements, jsize start, jsize count,
-                 const Element* source);
-  jbyte* acquire(jobject from, Type type);
-  void release(jobject from, Type type, const void* pointer);
+  const Array<Element>& contentOf(jobject reference) const {
+    return std::get<Array<Element>>(values_.at(reference).content);
+  }
+  /// The same for the library.
+  template <class Element>
+  Array<Element>& use(jobject reference) {
+    require(values_.contains(reference), "a null or foreign reference");
+    Value& value = values_[reference];
+    require(value.state != kDeleted, "a deleted local reference");
+    require(std::holds_alternative<Array<Element>>(value.content), "a reference of another type");
+    return std::get<Array<Element>>(value.content);
+  }
+  template <class Element>
+  jobject create(const std::string& before, jsize length, const std::string& after) {
+    require(length >= 0, "a negative length");
+    allocate(length > 1 << 26);  // no virtual machine has an endless heap
+    return add(before + text(length) + after, kLocal, Array<Element>(static_cast<std::size_t>(length)));
+  }
+  template <class Element>
+  void setRegion(jobject array, jsize start, jsize count, const Element* source) {
+    auto& content = use<Element>(array);
+    const auto room = static_cast<std::int64_t>(content.size()) - start;
+    require(start >= 0 && count >= 0 && count <= room, "outside the array");
+    require(source != nullptr || count == 0, "from a null pointer");
+    std::copy_n(source, count, content.begin() + start);
+  }
+  template <class Element>
+  Element* acquire(jobject from, const jboolean* isCopy) {
+    require(isCopy == nullptr, "isCopy is not null");
+    const auto& content = use<Element>(from);
+    allocate();
+    std::shared_ptr<Element[]> copy(new Element[content.size()]);
+    std::copy(content.begin(), content.end(), copy.get());
+    acquired_[copy.get()] = {&content, copy};
+    return copy.get();
+  }
+  template <class Element>
+  void release(jobject from, const Element* pointer) {
+    const auto& content = use<Element>(from);
+    require(acquired_.contains(pointer), "not acquired, or already released");
+    require(acquired_[pointer].first == &content, "acquired from another value");
+    require(std::equal(content.begin(), content.end(), pointer), "changed meanwhile");
+    acquired_.erase(pointer);
+  }
 
-  Env env_;
-  JNINativeInterface_ functions_;
-  std::deque<Value> values_;
-  std::map<jobject, Reference> references_;
-  std::map<const void*, Acquisition> acquisitions_;
+  JNINativeInterface_ table_;
+  std::map<jobject, Value> values_;
+  // By address: the content and a copy of exactly its size, so that a sanitizer sees any step beyond.
+  std::map<const void*, std::pair<const void*, std::shared_ptr<void>>> acquired_;
   std::string pending_;
   std::size_t allocations_ = 0;
   std::size_t refuseAt_ = 0;
