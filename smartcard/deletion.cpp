@@ -26,6 +26,21 @@ jlong destroyFirst(Session session, std::span<CK_ATTRIBUTE> wanted) {
   return asJava(rv);
 }
 
+/// Both deletes by ID.
+template <CK_OBJECT_CLASS Class>
+jlong deleteKey(JNIEnv* env, jlong slotIndex, jbyteArray jId) try {
+  const TracedCall traced;
+  if (!hasSession(slotIndex)) return kBadSlotIndex;
+  if (anyNull(jId)) return CKR_ARGUMENTS_BAD;
+  ByteInput id(env, jId);
+  id.take();
+
+  auto wanted = tokenKeySearch<Class>(id);
+  return destroyFirst(sessionAt(slotIndex), wanted);
+} catch (...) {
+  return CKR_HOST_MEMORY;
+}
+
 }  // namespace
 
 JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_deleteDLL(JNIEnv*, jclass, jlong slotIndex) {
@@ -70,32 +85,14 @@ JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_deleteCertificat
 
 JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_deletePublicKeyDLL(JNIEnv* env, jclass,
                                                                                    jlong slotIndex,
-                                                                                   jbyteArray jId) try {
-  const TracedCall traced;
-  if (!hasSession(slotIndex)) return kBadSlotIndex;
-  if (anyNull(jId)) return CKR_ARGUMENTS_BAD;
-  ByteInput id(env, jId);
-  id.take();
-
-  auto wanted = tokenKeySearch<CKO_PUBLIC_KEY>(id);
-  return destroyFirst(sessionAt(slotIndex), wanted);
-} catch (...) {
-  return CKR_HOST_MEMORY;
+                                                                                   jbyteArray jId) {
+  return deleteKey<CKO_PUBLIC_KEY>(env, slotIndex, jId);
 }
 
 JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_deletePrivateKeyDLL(JNIEnv* env, jclass,
                                                                                     jlong slotIndex,
-                                                                                    jbyteArray jId) try {
-  const TracedCall traced;
-  if (!hasSession(slotIndex)) return kBadSlotIndex;
-  if (anyNull(jId)) return CKR_ARGUMENTS_BAD;
-  ByteInput id(env, jId);
-  id.take();
-
-  auto wanted = tokenKeySearch<CKO_PRIVATE_KEY>(id);
-  return destroyFirst(sessionAt(slotIndex), wanted);
-} catch (...) {
-  return CKR_HOST_MEMORY;
+                                                                                    jbyteArray jId) {
+  return deleteKey<CKO_PRIVATE_KEY>(env, slotIndex, jId);
 }
 
 JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_deleteAllCertificatesDLL(JNIEnv*, jclass,
