@@ -29,7 +29,6 @@ constexpr CK_OBJECT_HANDLE kFirstObject = 0x7f0000000010;
 inline Bytes bytes(std::string_view text) { return {text.begin(), text.end()}; }
 inline Bytes number(CK_ULONG value) { return bytes({reinterpret_cast<const char*>(&value), sizeof value}); }
 const Bytes kTrue{CK_TRUE};
-const Bytes kFalse{CK_FALSE};
 
 inline Attributes data(std::string_view value) {
   return {{CKA_CLASS, number(CKO_DATA)}, {CKA_VALUE, bytes(value)}};
@@ -177,7 +176,6 @@ struct Module {
     slots.at(slotIndex).objects.push_back({nextObject, std::move(attributes)});
     return std::exchange(nextObject, nextObject + 0x10);
   }
-  std::size_t openSessions() const { return sessions.size(); }
   std::size_t activeSearches() const {
     const auto isSearching = [](const Session& session) { return session.search.has_value(); };
     return static_cast<std::size_t>(std::ranges::count_if(sessions, isSearching));

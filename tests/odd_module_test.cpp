@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <cstdint>
 
 #include "ground.h"
 
@@ -27,6 +28,18 @@ TEST_F(OddModule, TakesALabelForACString) {
   };
   call(entryPoint("initToken"));
   EXPECT_EQ(behind, '\0');
+}
+
+TEST_F(OddModule, GetsTheBufferWhoseAddressIsTraced) {
+  begin(State::kUser, true);
+  static CK_BYTE_PTR given = nullptr;
+  module.functions.C_Sign = [](CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR signature,
+                               CK_ULONG_PTR) -> CK_RV {
+    given = signature;
+    return CKR_DEVICE_ERROR;
+  };
+  EXPECT_EQ("{30}", call(entryPoint("signWithID")));
+  EXPECT_EQ(std::stoul(buffer_, nullptr, 16), reinterpret_cast<std::uintptr_t>(given) & 0xffff'ffffU);
 }
 
 }  // namespace
