@@ -1,7 +1,8 @@
 #include "entry_points.h"
 
 #include <algorithm>
-#include <sstream>
+#include <cstdio>
+#include <tuple>
 #include <type_traits>
 
 #include "com_calvenhor_vork_utils_Smartcard.h"
@@ -14,52 +15,16 @@ T converted(FakeJni& java, const Argument& argument) {
     return argument.number;
   } else {
     if (!argument.content) return nullptr;
-    const std::string& content = *argument.content;
-    if constexpr (std::is_same_v<T, jstring>) return java.string(argument.name, content);
-    if constexpr (std::is_same_v<T, jbyteArray>)
-      return java.bytes(argument.name, {content.begin(), content.end()});
+    if constexpr (std::is_same_v<T, jstring>) return java.string(argument.name, *argument.content);
+    if constexpr (std::is_same_v<T, jbyteArray>) return java.bytes(argument.name, *argument.content);
   }
 }
 
 template <class Result>
-constexpr const char* kFormOf = "";
-template <>
-constexpr const char* kFormOf<jlong> = "%";
-template <>
-constexpr const char* kFormOf<jbyteArray> = "{%}";
-template <>
-constexpr const char* kFormOf<jobjectArray> = "{{%}}";
-template <>
-constexpr const char* kFormOf<jintArray> = "[]";
-
-std::string hex(const std::vector<std::uint8_t>& bytes) {
-  std::ostringstream out;
-  for (const int byte : bytes)
-    out << (out.tellp() > 0 ? " " : "") << (byte < 16 ? "0" : "") << std::hex << byte;
-  return '{' + out.str() + '}';
-}
-
-std::string shown(FakeJni&, jlong number) { return std::to_string(number); }
-
-std::string shown(FakeJni& java, jbyteArray array) {
-  return array == nullptr ? "null" : hex(java.bytesOf(array));
-}
-
-std::string shown(FakeJni& java, jintArray array) {
-  if (array == nullptr) return "null";
-  std::string all;
-  for (const auto number : java.intsOf(array)) all += (all.empty() ? "" : " ") + std::to_string(number);
-  return '[' + all + ']';
-}
-
-std::string shown(FakeJni& java, jobjectArray array) {
-  if (array == nullptr) return "null";
-  std::string all;
-  for (const jobject element : java.elementsOf(array)) {
-    all += (all.empty() ? "" : " ") + (element == nullptr ? "null" : hex(java.bytesOf(element)));
-  }
-  return '{' + all + '}';
-}
+constexpr const char* kForm = std::is_same_v<Result, jlong>          ? "%"
+                              : std::is_same_v<Result, jbyteArray>   ? "{%}"
+                              : std::is_same_v<Result, jobjectArray> ? "{{%}}"
+                                                                     : "[]";
 
 template <class Result, class... Parameter>
 EntryPoint entry(const char* name, Result (*function)(JNIEnv*, jclass, Parameter...), Arguments arguments,
@@ -68,16 +33,16 @@ EntryPoint entry(const char* name, Result (*function)(JNIEnv*, jclass, Parameter
     [[maybe_unused]] auto value = values.begin();
     const std::tuple<JNIEnv*, jclass, Parameter...> all{java.env(), nullptr,
                                                         converted<Parameter>(java, *value++)...};
-    return shown(java, std::apply(function, all));
+    return java.shown(std::apply(function, all));
   };
-  return {name, state, std::move(arguments), keptBack, nullsAllowed, kFormOf<Result>, call};
+  return {name, state, std::move(arguments), keptBack, nullsAllowed, kForm<Result>, call};
 }
 
 }  // namespace
 
 std::string EntryPoint::inForm(unsigned code) const {
-  const std::string shownCode =
-      form == "%" ? std::to_string(code) : hex({static_cast<std::uint8_t>(code)}).substr(1, 2);
+  char shownCode[16];
+  std::snprintf(shownCode, sizeof shownCode, form == "%" ? "%u" : "%02x", form == "%" ? code : code & 0xffU);
   const auto place = form.find('%');
   return place == std::string::npos ? form : std::string(form).replace(place, 1, shownCode);
 }

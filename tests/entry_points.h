@@ -40,7 +40,7 @@ struct EntryPoint {
   bool nullsAllowed;
   std::string form;  // of a result that is only a code, with % in its place: `%`, `{%}`, `{{%}}`, `[]`
 
-  /// Answers with what came back, as text: `5`, `[16909060]`, `{01 02}`, `{{00} {41} null}` or `null`.
+  /// Answers with what came back, as the fake virtual machine shows it.
   std::function<std::string(FakeJni&, const Arguments&)> call;
 
   std::string inForm(unsigned code) const;

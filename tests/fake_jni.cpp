@@ -1,29 +1,7 @@
 #include "fake_jni.h"
 
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-
-#include "jni_function_names.h"
-
-namespace {
-
-template <std::size_t Slot>
-void trap() {
-  std::fprintf(stderr, "the library called JNI's %s, which it may not use\n", kJniFunctionNames[Slot]);
-  std::abort();
-}
-
-}  // namespace
-
-FakeJni::FakeJni() {
+FakeJni::FakeJni() : table_() {
   functions = &table_;
-  const auto setTraps = [this]<std::size_t... Slot>(std::index_sequence<Slot...>) {
-    void (*const traps[])() = {trap<Slot>...};
-    static_assert(sizeof traps == sizeof table_);
-    std::memcpy(&table_, traps, sizeof table_);
-  };
-  setTraps(std::make_index_sequence<std::size(kJniFunctionNames)>());
 #define FUNCTION(name, ...) define(table_.name, #name, __VA_ARGS__)
   FUNCTION(GetStringUTFChars,
            [](FakeJni& jni, auto from, auto* isCopy) { return jni.acquire<char>(from, isCopy); });
@@ -59,8 +37,25 @@ FakeJni::FakeJni() {
     const auto found = jni.values_.find(reference);
     require(found != jni.values_.end() && found->second.state == kLocal, "not a local reference");
     found->second.state = kDeleted;
-    --jni.local_;
   });
+}
+
+std::string FakeJni::shown(jobject reference) const {
+  if (reference == nullptr) return "null";
+  const auto& content = values_.at(reference).content;
+  const auto element = [this](auto value) {
+    if constexpr (std::is_pointer_v<decltype(value)>) return shown(value);
+    if constexpr (std::is_same_v<decltype(value), jint>) return text(value);
+    const char* const digits = "0123456789abcdef";
+    if constexpr (sizeof value == 1) return std::string{digits[value >> 4 & 0xf], digits[value & 0xf]};
+  };
+  std::string all;
+  std::visit(
+      [&](const auto& values) {
+        for (const auto value : values) all += (all.empty() ? "" : " ") + element(value);
+      },
+      content);
+  return std::holds_alternative<Array<jint>>(content) ? '[' + all + ']' : '{' + all + '}';
 }
 
 void FakeJni::clear() {
@@ -70,5 +65,5 @@ void FakeJni::clear() {
   log.clear();
   faults.clear();
   pending_.clear();
-  allocations_ = refuseAt_ = local_ = mostLocal_ = 0;
+  allocations_ = refuseAt_ = 0;
 }

@@ -1,6 +1,6 @@
 // A JNIEnv without a virtual machine. Its table holds only the twelve functions that the library uses and
-// DeleteLocalRef; any other prints its name and aborts. What a real virtual machine would let pass, or crash
-// on, is written down as a fault.
+// DeleteLocalRef; any other is null. What a real virtual machine would let pass, or crash on, is written down
+// as a fault.
 #pragma once
 
 #include <jni.h>
@@ -21,7 +21,7 @@ class FakeJni : JNIEnv {
   JNIEnv* env() { return this; }
 
   // Java values to pass in; `name` is how the log calls them. A string is given in modified UTF-8.
-  jbyteArray bytes(const std::string& name, const std::vector<std::uint8_t>& elements) {
+  jbyteArray bytes(const std::string& name, const std::string& elements) {
     return static_cast<jbyteArray>(add(name, kOfTest, Array<jbyte>(elements.begin(), elements.end())));
   }
   jstring string(const std::string& name, const std::string& characters) {
@@ -29,12 +29,9 @@ class FakeJni : JNIEnv {
     return static_cast<jstring>(add(name, kOfTest, Array<char>(first, first + characters.size() + 1)));
   }
 
-  // What came back. A reference that is null or of another type throws.
-  std::vector<std::uint8_t> bytesOf(jobject array) const {
-    return {contentOf<jbyte>(array).begin(), contentOf<jbyte>(array).end()};
-  }
-  std::vector<std::int32_t> intsOf(jobject array) const { return contentOf<jint>(array); }
-  std::vector<jobject> elementsOf(jobject array) const { return contentOf<jobject>(array); }
+  /// What came back, as text: `5`, `[16909060]`, `{01 02}`, `{{00} {41} null}` or `null`.
+  std::string shown(jlong number) const { return std::to_string(number); }
+  std::string shown(jobject reference) const;
 
   std::vector<std::string> log;     // every call in order: `GetArrayLength(label)`, `NewByteArray(1)`
   std::vector<std::string> faults;  // empty, unless the library broke a rule of JNI
@@ -48,9 +45,6 @@ class FakeJni : JNIEnv {
   void refuse(std::size_t nth) { refuseAt_ = allocations_ + nth; }
   std::size_t allocations() const { return allocations_; }
   const std::string& pendingException() const { return pending_; }  // its class, or empty
-
-  /// The most local references that one call held at a time; the virtual machine guarantees room for 16.
-  std::size_t mostLocalReferences() const { return mostLocal_; }
 
   /// Back in Java: the call's local references and the exception are gone, and the records begin anew. Values
   /// passed in and results can still be used by the test.
@@ -112,15 +106,9 @@ class FakeJni : JNIEnv {
   jobject add(const std::string& name, State state, Content content) {
     const auto reference = reinterpret_cast<jobject>((values_.size() + 1) * 0x10);
     values_[reference] = {name, state, std::move(content)};
-    if (state == kLocal) mostLocal_ = std::max(mostLocal_, ++local_);
     return reference;
   }
 
-  template <class Element>
-  const Array<Element>& contentOf(jobject reference) const {
-    return std::get<Array<Element>>(values_.at(reference).content);
-  }
-  /// The same for the library.
   template <class Element>
   Array<Element>& use(jobject reference) {
     require(values_.contains(reference), "a null or foreign reference");
@@ -169,6 +157,4 @@ class FakeJni : JNIEnv {
   std::string pending_;
   std::size_t allocations_ = 0;
   std::size_t refuseAt_ = 0;
-  std::size_t local_ = 0;
-  std::size_t mostLocal_ = 0;
 };

@@ -37,12 +37,12 @@ class Ground : public testing::Test {
   void add(std::string line);
   void addTraces();
 
-  int output_;    // where standard output goes during a call
-  off_t traced_;  // how much of it is in the record
-  void* handle_;  // keeps the module's state alive over the library's dlclose
+  int output_;          // where standard output goes during a call
+  off_t traced_;        // how much of it is in the record
+  void* handle_;        // keeps the module's state alive over the library's dlclose
+  std::string buffer_;  // the address that signWithID traces
 
  protected:
-  std::string buffer_;  // the address that signWithID traces, BUFFER in the record
   FakeJni java;
   mock::Module& module;
 };

@@ -1,33 +1,20 @@
 #include "library_memory.h"
 
-#include <link.h>
+#include <dlfcn.h>
 #include <malloc.h>
 #include <string.h>
 
-#include <cstdint>
-
 namespace {
 
-std::uintptr_t first = 0;
-std::uintptr_t last = 0;
 std::size_t allocated = 0;
 std::size_t firstRefused = 0;
 std::size_t lastRefused = 0;
 std::size_t leaked = 0;
-
-int findLibrary(dl_phdr_info* object, std::size_t, void*) {
-  if (strstr(object->dlpi_name, "libsmartcard") == nullptr) return 0;
-  first = object->dlpi_addr;
-  for (int i = 0; i < object->dlpi_phnum; ++i) {
-    const auto& segment = object->dlpi_phdr[i];
-    if (segment.p_type == PT_LOAD) last = first + segment.p_vaddr + segment.p_memsz;
-  }
-  return 1;
-}
+bool watching = false;
 
 bool isLibrary(const void* caller) {
-  const auto address = reinterpret_cast<std::uintptr_t>(caller);
-  return address >= first && address < last;
+  Dl_info object;
+  return watching && dladdr(caller, &object) != 0 && strstr(object.dli_fname, "libsmartcard.so") != nullptr;
 }
 
 bool refuses(const void* caller) {
@@ -37,7 +24,7 @@ bool refuses(const void* caller) {
 }  // namespace
 
 void library_memory::watch(std::size_t nth, std::size_t inAll) {
-  if (last == 0) dl_iterate_phdr(findLibrary, nullptr);
+  watching = true;
   allocated = leaked = 0;
   firstRefused = nth;
   lastRefused = nth == 0 ? 0 : nth + inAll - 1;

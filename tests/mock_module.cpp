@@ -2,6 +2,7 @@
 // here passes there.
 #include "mock_module.h"
 
+#include <array>
 #include <cstring>
 #include <sstream>
 
@@ -24,9 +25,10 @@ std::string_view view(const void* first, CK_ULONG length) {
   return {static_cast<const char*>(first), length};
 }
 
-/// A call in words. In its form, %x and %u are numbers, %p a pointer that should be null, %m a mechanism, %l
-/// the label of a token; %- is not told. Of two arguments each, a pointer and a length, are %S characters, %B
-/// bytes, %T a template, %A attributes to be filled in, and %R a buffer with a pointer to its length.
+/// A call in words. In its form, %x, %u and %o (an object) are numbers, %p a pointer that should be null, %a
+/// the low half of any, %r a pointer to a number, %m a mechanism, %l the label of a token with a NUL behind
+/// it; %- is not told. Of two arguments each, a pointer and a length, are %S characters, %B bytes, %T a
+/// template, %A attributes to be filled in, and %R a buffer with a pointer to its length.
 std::string describe(std::string_view form, const CK_ULONG* words) {
   std::ostringstream out;
   for (std::size_t at = form.find('%'); at != form.npos; at = form.find('%')) {
@@ -36,16 +38,20 @@ std::string describe(std::string_view form, const CK_ULONG* words) {
     const auto* pointer = reinterpret_cast<const void*>(first);
     out << form.substr(0, at);
     form.remove_prefix(at + 2);
-    if (kind == 'x') out << "0x" << std::hex << first;
+    if (kind == 'x' || kind == 'o') out << "0x" << std::hex << first;
+    if (kind == 'a') out << "0x" << std::hex << (first & 0xffff'ffff);
+    if (kind == 'o' && !state.yielded.contains(first))
+      state.broken.push_back(out.str() + ": an object that the caller was not told of");
     if (kind == 'u') out << std::dec << first;
     if (kind == 'p') out << (first == 0 ? "null" : "not null");
-    if (kind == 'l') out << '"' << view(pointer, 32) << '"';
+    if (kind == 'l') out << '"' << view(pointer, 32) << (view(pointer, 33).back() == 0 ? "\\0\"" : "\"");
     if (kind == 'm') out << "0x" << std::hex << static_cast<const CK_MECHANISM*>(pointer)->mechanism;
     if (std::isupper(kind) && first == 0)
       out << "null" << (second == 0 || kind == 'R' ? "" : '/' + std::to_string(second));
     if (first == 0) continue;
     if (kind == 'S') out << '"' << view(pointer, second) << '"';
     if (kind == 'R') out << "room " << std::dec << *reinterpret_cast<const CK_ULONG*>(second);
+    if (kind == 'r') out << std::dec << *static_cast<const CK_ULONG*>(pointer);
     if (kind == 'B')
       for (const CK_BYTE byte : bytes(view(pointer, second))) out << std::hex << byte / 16 << byte % 16;
     if (kind != 'T' && kind != 'A') continue;
@@ -97,36 +103,65 @@ void closeSessions(Member member, Value value) {
     if (!hasSession(slot)) slot.login.reset();
 }
 
-/// What ends an operation ends it even if it fails.
-void end(const std::string& call, CK_SESSION_HANDLE handle, CK_RV result) {
-  const bool goesOn = result == CKR_BUFFER_TOO_SMALL || result == CKR_ARGUMENTS_BAD;
-  for (auto& session : state.sessions) {
-    if (session.handle == handle && call.starts_with("C_FindObjectsFinal")) session.search.reset();
-    if (session.handle == handle && call.starts_with("C_Sign(") && !goesOn) session.signingKey.reset();
-  }
-  if (!call.starts_with("C_Finalize") || state.initializations == 0 || --state.initializations > 0) return;
-  for (auto& slot : state.slots) closeSessions(&Session::slot, &slot);
+/// The failure that a test has ordered for this call, or CKR_OK.
+CK_RV orderedFault(const std::string& name) {
+  const auto fault = state.faults.find({name, ++state.calls[name]});
+  return fault == state.faults.end() ? CKR_OK : fault->second;
+}
+
+using Words = std::array<CK_ULONG, 8>;  // the arguments of a call
+
+void collect(Numbers& numbers, CK_ULONG* number) {
+  if (number != nullptr) numbers.push_back(number);
+}
+template <class Other>
+void collect(Numbers&, Other) {}
+
+/// What a call leaves behind, by what its caller was told; what ends an operation ends it even if it fails.
+void conclude(const std::string& name, const Words& words, CK_RV done, CK_RV told, const Numbers& numbers) {
+  if (name == "C_FindObjectsInit" && told == CKR_OK) state.searches.try_emplace(words[0]);
+  const bool undone = name == "C_FindObjectsInit" && done == CKR_OK && told != CKR_OK;
+  if (undone || name == "C_FindObjectsFinal") state.searches.erase(words[0]);
+  if (name == "C_FindObjects" && told == CKR_OK && state.searches.contains(words[0]))
+    state.yielded.insert(numbers[0], numbers[0] + std::min(words[2], *numbers[1]));
+  if (name == "C_GenerateKeyPair" && told == CKR_OK) state.yielded.insert(*numbers[0]);
+  if (name == "C_Sign" && told != CKR_BUFFER_TOO_SMALL && told != CKR_ARGUMENTS_BAD)
+    for (auto& session : state.sessions)
+      if (session.handle == words[0]) session.signingKey.reset();
+  if (name == "C_Finalize" && state.initializations > 0 && --state.initializations == 0)
+    for (auto& slot : state.slots) closeSessions(&Session::slot, &slot);
 }
 
 /// The road of every call: logged; failed if a test has ordered it; refused before C_Initialize; then done by
-/// the body, a lambda without captures, whose type is thus all of it.
+/// the body, a lambda without captures, whose type is thus all of it; and answered as a test may have it.
 template <class First, class... Rest, class Body>
 void define(CK_RV (*&function)(First, Rest...), const char* text, Body) {
   static const char* form;
   form = text;
   function = [](First first, Rest... rest) {
-    const CK_ULONG words[] = {(CK_ULONG)first, (CK_ULONG)rest...};
-    const std::string call = describe(form, words);
-    CK_RV result = state.enter(call);
+    const Words words = {(CK_ULONG)first, (CK_ULONG)rest...};
+    const std::string call = describe(form, words.data());
+    const std::string name = call.substr(0, call.find('('));
+    state.log.push_back(call);
+    if (state.onCall) state.onCall(call);
+    CK_RV done = orderedFault(name);
     try {
-      require(result == CKR_OK, result);
-      require(state.initializations > 0 || call.starts_with("C_Initialize"), CKR_CRYPTOKI_NOT_INITIALIZED);
+      require(done == CKR_OK, done);
+      const bool needsNoModule = name == "C_GetFunctionList" || name == "C_Initialize";
+      require(state.initializations > 0 || needsNoModule, CKR_CRYPTOKI_NOT_INITIALIZED);
       Body{}(Named{words[0]}, rest...);
     } catch (const CK_RV refusal) {
-      result = refusal;
+      done = refusal;
     }
-    end(call, words[0], result);
-    return result;
+
+    Numbers numbers;
+    (..., collect(numbers, rest));
+    for (CK_ULONG i = 0; name == "C_GetAttributeValue" && i < words[3]; ++i)
+      collect(numbers, &reinterpret_cast<CK_ATTRIBUTE*>(words[2])[i].ulValueLen);
+    CK_RV told = done;
+    if (state.onAnswer) state.onAnswer(call, told, numbers);
+    conclude(name, words, done, told, numbers);
+    return told;
   };
 }
 
@@ -146,7 +181,7 @@ Attributes attributesIn(const CK_ATTRIBUTE* attributes, CK_ULONG count) {
 CK_OBJECT_HANDLE create(const Session& session, const Attributes& attributes) {
   require(session.slot->shows({0, attributes}), CKR_USER_NOT_LOGGED_IN);
   const auto slotIndex = static_cast<std::size_t>(session.slot - state.slots.data());
-  return *state.yielded.insert(state.addObject(slotIndex, attributes)).first;
+  return state.addObject(slotIndex, attributes);
 }
 
 /// The protocol for a result of unknown length: only the length without a buffer, else all or nothing.
@@ -162,6 +197,10 @@ CK_FUNCTION_LIST functions() {
 #define FUNCTION(name, form, ...) define(list.C_##name, "C_" #name "(" form ")", __VA_ARGS__)
 #define SESSION(name, form, ...) FUNCTION(name, "session %x" form, __VA_ARGS__)
 
+  FUNCTION(GetFunctionList, "%-", [](CK_ULONG address) {
+    *reinterpret_cast<CK_FUNCTION_LIST**>(address) =
+        state.freshListEachTime ? &state.freshLists.emplace_back(state.functions) : state.list;
+  });
   FUNCTION(Initialize, "%p", [](CK_ULONG) {
     require(state.initializations == 0 || state.acceptsSecondInitialize, CKR_CRYPTOKI_ALREADY_INITIALIZED);
     ++state.initializations;
@@ -230,11 +269,11 @@ CK_FUNCTION_LIST functions() {
   SESSION(CreateObject, ", %T", [](Session& session, auto* attributes, auto count, auto* object) {
     *object = create(session, attributesIn(attributes, count));
   });
-  SESSION(DestroyObject, ", object %x", [](Session& session, auto object) {
+  SESSION(DestroyObject, ", object %o", [](Session& session, auto object) {
     auto& objects = session.slot->objects;
     objects.erase(objects.begin() + (&objectOf(session, object) - objects.data()));
   });
-  SESSION(GetAttributeValue, ", object %x, %A", [](Session& session, auto object, auto* wanted, auto count) {
+  SESSION(GetAttributeValue, ", object %o, %A", [](Session& session, auto object, auto* wanted, auto count) {
     const Attributes& values = objectOf(session, object).attributes;
     CK_RV result = CKR_OK;
     for (auto* a = wanted; a != wanted + count; ++a) {  // to the end, even past a failure
@@ -248,40 +287,45 @@ CK_FUNCTION_LIST functions() {
     }
     require(result == CKR_OK, result);
   });
-  SESSION(SetAttributeValue, ", object %x, %T", [](Session& session, auto object, auto* values, auto count) {
+  SESSION(SetAttributeValue, ", object %o, %T", [](Session& session, auto object, auto* values, auto count) {
     for (auto& [type, value] : attributesIn(values, count))
       objectOf(session, object).attributes[type] = value;
   });
 
   SESSION(FindObjectsInit, ", %T", [](Session& session, auto* attributes, auto count) {
-    require(!session.search, CKR_OPERATION_ACTIVE);
-    session.search.emplace();
+    // A module that cannot end a search replaces it.
+    const bool isFirst = !state.searches.contains(session.handle) || !state.functions.C_FindObjectsFinal;
+    if (!isFirst) state.broken.push_back("C_FindObjectsInit: a search within a search");
+    require(isFirst, CKR_OPERATION_ACTIVE);
+    auto& matches = state.searches[session.handle] = {};
     for (const auto& object : session.slot->objects)
       if (session.slot->shows(object) &&
           std::ranges::includes(object.attributes, attributesIn(attributes, count)))
-        session.search->push_back(object.handle);
+        matches.push_back(object.handle);
   });
   SESSION(FindObjects, ", room %-%u", [](Session& session, auto* objects, auto room, auto* count) {
-    require(session.search.has_value(), CKR_OPERATION_NOT_INITIALIZED);
-    *count = 0;
-    for (; *count < room && !session.search->empty(); session.search->pop_front())
-      state.yielded.insert(objects[(*count)++] = session.search->front());
+    const auto search = state.searches.find(session.handle);
+    require(search != state.searches.end(), CKR_OPERATION_NOT_INITIALIZED);
+    auto& left = search->second;
+    for (*count = 0; *count < room && !left.empty(); left.pop_front()) objects[(*count)++] = left.front();
   });
-  SESSION(FindObjectsFinal, "",
-          [](Session& session) { require(session.search.has_value(), CKR_OPERATION_NOT_INITIALIZED); });
+  SESSION(FindObjectsFinal, "", [](Session& session) {
+    require(state.searches.contains(session.handle), CKR_OPERATION_NOT_INITIALIZED);
+  });
 
-  SESSION(SignInit, ", mechanism %m, key %x", [](Session& session, auto* mechanism, auto key) {
+  SESSION(SignInit, ", mechanism %m, key %o", [](Session& session, auto* mechanism, auto key) {
     require(!session.signingKey, CKR_OPERATION_ACTIVE);
     require(mechanism->pParameter == nullptr, CKR_MECHANISM_PARAM_INVALID);
     session.signingKey = objectOf(session, key).handle;
   });
-  SESSION(Sign, ", data %B, %R", [](Session& session, auto* data, auto length, auto* signature, auto* room) {
-    require(session.signingKey.has_value(), CKR_OPERATION_NOT_INITIALIZED);
-    require(data != nullptr, CKR_ARGUMENTS_BAD);
-    const Bytes value = objectOf(session, *session.signingKey).sign({data, data + length});
-    require(length + 11 <= value.size(), CKR_DATA_LEN_RANGE);  // the padding's least
-    handOut(value, signature, room);
-  });
+  SESSION(Sign, ", data %B, at %a, room %r",
+          [](Session& session, auto* data, auto length, auto* signature, auto* room) {
+            require(session.signingKey.has_value(), CKR_OPERATION_NOT_INITIALIZED);
+            require(data != nullptr, CKR_ARGUMENTS_BAD);
+            const Bytes value = objectOf(session, *session.signingKey).sign({data, data + length});
+            require(length + 11 <= value.size(), CKR_DATA_LEN_RANGE);  // the padding's least
+            handOut(value, signature, room);
+          });
   SESSION(GenerateKeyPair, ", mechanism %m, public %T, private %T",
           [](Session& session, auto*, auto* publicTemplate, auto publicCount, auto* privateTemplate,
              auto privateCount, auto* publicKey, auto* privateKey) {
@@ -307,9 +351,5 @@ CK_FUNCTION_LIST functions() {
 extern "C" [[gnu::visibility("default")]] mock::Module* mockModule() { return &mock::state; }
 
 extern "C" [[gnu::visibility("default")]] CK_RV C_GetFunctionList(CK_FUNCTION_LIST** list) {
-  mock::Module& module = *mockModule();
-  const CK_RV fault = module.enter("C_GetFunctionList()");
-  if (fault == CKR_OK)
-    *list = module.freshListEachTime ? &module.freshLists.emplace_back(module.functions) : module.list;
-  return fault;
+  return mockModule()->genuine.C_GetFunctionList(list);
 }

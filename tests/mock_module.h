@@ -102,9 +102,11 @@ struct Slot {
 struct Session {
   CK_SESSION_HANDLE handle;
   Slot* slot;
-  std::optional<std::deque<CK_OBJECT_HANDLE>> search = {};  // what the active one has not yielded yet
   std::optional<CK_OBJECT_HANDLE> signingKey = {};
 };
+
+/// What a call hands out in numbers: counts, lengths and handles, the arrays' first elements.
+using Numbers = std::vector<CK_ULONG*>;
 
 struct Module {
   explicit Module(const CK_FUNCTION_LIST& all) : genuine(all), functions(all) {}
@@ -131,13 +133,19 @@ struct Module {
   std::vector<Slot> slots = {Slot(0x11, CKF_TOKEN_PRESENT | CKF_REMOVABLE_DEVICE),
                              Slot(0x22, CKF_REMOVABLE_DEVICE)};
   std::vector<Session> sessions;
+  std::deque<CK_SLOT_ID> slotEvents;  // for C_WaitForSlotEvent; with none left it is not supported
+
+  // What the caller was told, which is not what is so when a test bends the answers.
+  std::map<CK_SESSION_HANDLE, std::deque<CK_OBJECT_HANDLE>> searches;  // the active ones, with what is left
   std::set<CK_OBJECT_HANDLE> yielded;  // by searches and key generation, until a test clears it
-  std::deque<CK_SLOT_ID> slotEvents;   // for C_WaitForSlotEvent; with none left it is not supported
 
   /// Every call in order, as text with its arguments. Bytes are hexadecimal, PINs and labels are in quotes, a
   /// null pointer is `null`; `CKA_ID/16` in a template is a buffer of 16 bytes, `CKA_ID/null` a length query.
   std::vector<std::string> log;
+  std::vector<std::string> broken;  // calls with an object that was not yielded, or in the middle of a search
   std::function<void(const std::string& line)> onCall;  // runs at each call, once it is logged
+  /// Runs when a call has been done, and may change what it answers.
+  std::function<void(const std::string& line, CK_RV& result, const Numbers& numbers)> onAnswer;
 
   std::map<std::string, std::size_t> calls;  // of each function, since the last reset
   std::map<std::pair<std::string, std::size_t>, CK_RV> faults;
@@ -162,23 +170,10 @@ struct Module {
     faults[{name, calls[name] + nth}] = code;
   }
 
-  /// For the module itself: logs a call and answers the failure that a test has ordered for it, or CKR_OK.
-  CK_RV enter(const std::string& line) {
-    log.push_back(line);
-    if (onCall) onCall(line);
-    const std::string name = line.substr(0, line.find('('));
-    const auto fault = faults.find({name, ++calls[name]});
-    return fault == faults.end() ? CKR_OK : fault->second;
-  }
-
   CK_OBJECT_HANDLE addObject(std::size_t slotIndex, Attributes attributes) {
     attributes.try_emplace(CKA_TOKEN, kTrue);
     slots.at(slotIndex).objects.push_back({nextObject, std::move(attributes)});
     return std::exchange(nextObject, nextObject + 0x10);
-  }
-  std::size_t activeSearches() const {
-    const auto isSearching = [](const Session& session) { return session.search.has_value(); };
-    return static_cast<std::size_t>(std::ranges::count_if(sessions, isSearching));
   }
 };
 
