@@ -12,8 +12,9 @@ Ground::Ground()
       traced_(0),
       handle_(dlopen(kModule, RTLD_NOW)),
       module(*reinterpret_cast<decltype(&mockModule)>(dlsym(handle_, "mockModule"))()) {
-  // Each print is seen at once, so that the record shows its place among the calls.
-  std::setvbuf(stdout, nullptr, _IONBF, 0);
+  // Fully buffered, so that nothing is seen of what the library forgets to flush; the buffer has to outlive it.
+  static char buffer[1 << 16];
+  std::setvbuf(stdout, buffer, _IOFBF, sizeof buffer);
 }
 
 Ground::~Ground() {
@@ -48,14 +49,15 @@ std::string Ground::call(const std::string& name, const Arguments& arguments, st
   module.broken.clear();
   record.clear();
   buffer_.clear();
-  const auto event = [this](const std::string& line) {
+  java.onCall = [this](const std::string& line) {
+    std::fflush(stdout);
     addTraces();
     add(line);
   };
-  java.onCall = event;
   const auto onCall = module.onCall;
   module.onCall = [&](const std::string& line) {
-    event(line);
+    addTraces();  // no flush here: the library has to have flushed
+    add(line);
     if (onCall) onCall(line);
   };
   if (refusedAllocation != 0) java.refuse(refusedAllocation);
@@ -65,11 +67,12 @@ std::string Ground::call(const std::string& name, const Arguments& arguments, st
   dup2(output_, STDOUT_FILENO);
   traced_ = lseek(output_, 0, SEEK_END);
   const std::string answer = entryPoint(name).call(java, arguments);
-  addTraces();  // no flush here: the library has to have flushed
+  addTraces();  // nor here
   dup2(before, STDOUT_FILENO);
   close(before);
 
   module.onCall = onCall;
+  java.onCall = nullptr;
   EXPECT_EQ(java.faults, std::vector<std::string>{});
   EXPECT_TRUE(java.balanced()) << "an input was not released";
   EXPECT_EQ(module.broken, std::vector<std::string>{});
