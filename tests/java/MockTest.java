@@ -11,6 +11,7 @@ import java.util.Collections;
 import java.util.List;
 import java.util.Random;
 import java.util.stream.IntStream;
+import org.junit.jupiter.api.BeforeAll;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.function.Executable;
 
@@ -19,6 +20,7 @@ class MockTest {
     private static final String MODULE = System.getProperty("mock");
     private static final byte[] NAME = "mock".getBytes(); // whatever is written and searched for
     private static final List<Long> BAD_SLOTS = List.of(-1L, 1L, 1L << 31, 1L << 32, Long.MAX_VALUE, Long.MIN_VALUE);
+    private static final List<?> NULL = Collections.singletonList(null);
     private static final List<Method> NATIVES = Arrays.stream(Smartcard.class.getDeclaredMethods())
             .filter(method -> Modifier.isNative(method.getModifiers())).toList();
 
@@ -81,6 +83,15 @@ class MockTest {
         return fails;
     }
 
+    @BeforeAll
+    static void neverBound() throws Exception {
+        for (Method method : NATIVES) {
+            if (!method.getName().equals("initDLL")) {
+                assertEquals(!method.getName().equals("decryptDLL"), fails(method, arguments(method)), method.getName());
+            }
+        }
+    }
+
     @Test
     void faults() throws Exception {
         for (Method method : NATIVES) {
@@ -88,9 +99,20 @@ class MockTest {
             failsAfter(() -> Smartcard.closeSessionDLL(0), method, arguments);
             boolean needsModule = !method.getName().matches("(init|getSlotCount|decrypt)DLL");
             assertEquals(needsModule, failsAfter(Smartcard::finalizeDLL, method, arguments), method.getName());
+            for (String step : List.of("C_GetFunctionList", "C_Initialize", "C_GetSlotList")) {
+                assertEquals(needsModule, failsAfter(() -> failToBind(step), method, arguments), method.getName());
+            }
+            boolean isSecond = method.getName().equals("initDLL");
+            assertEquals(isSecond, failsAfter(() -> Smartcard.initDLL(MODULE), method, arguments), method.getName());
             failEachCall(method, arguments);
             passBadArguments(method, arguments);
         }
+    }
+
+    private static void failToBind(String step) {
+        Smartcard.finalizeDLL();
+        failAt(step, 1, 0x30);
+        assertEquals(0x30, Smartcard.initDLL(MODULE));
     }
 
     private static void failEachCall(Method method, Object[] arguments) throws Exception {
@@ -108,16 +130,20 @@ class MockTest {
     }
 
     private static void passBadArguments(Method method, Object[] arguments) throws Exception {
+        Object[] nulls = arguments.clone();
+        boolean nullsFail = false;
         for (int i = 0; i < arguments.length; i++) {
-            List<?> badOnes = arguments[i].equals(0L) ? BAD_SLOTS
-                    : arguments[i] instanceof Long ? List.of() : Collections.singletonList(null);
+            boolean isNumber = arguments[i] instanceof Long;
             boolean isUsed = !(method.getName() + i).matches("(waitForSlotEvent|setCertificateLabel)DLL0");
-            for (Object bad : badOnes) {
+            for (Object bad : arguments[i].equals(0L) ? BAD_SLOTS : isNumber ? List.of() : NULL) {
                 Object[] changed = arguments.clone();
                 changed[i] = bad;
                 assertEquals(isUsed, failsAfter(() -> { }, method, changed), method.getName() + " with " + bad);
             }
+            nulls[i] = isNumber ? arguments[i] : null;
+            nullsFail |= isUsed && !isNumber;
         }
+        assertEquals(nullsFail, failsAfter(() -> { }, method, nulls), method.getName() + " with nulls");
     }
 
     @Test

@@ -4,12 +4,8 @@ import com.calvenhor.vork.utils.Smartcard;
 import java.math.BigInteger;
 import java.nio.file.Files;
 import java.nio.file.Path;
-import java.security.KeyPairGenerator;
-import java.security.interfaces.RSAPrivateCrtKey;
 import java.util.Arrays;
 import java.util.List;
-import java.util.stream.Stream;
-import javax.security.auth.x500.X500Principal;
 import org.junit.jupiter.api.BeforeEach;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.io.TempDir;
@@ -40,10 +36,14 @@ class SoftTokenTest {
     }
 
     @Test
-    void lifeOfAKey() {
+    void lifeOfAKey() throws Exception {
         byte[] modulus = Smartcard.generateKeyPairDLL(SLOT, 2048, EXPONENT, ID, LABEL);
         assertArrayEquals(new byte[][] {{0}, ID, LABEL, modulus, EXPONENT}, Smartcard.readAllRSAPublicKeysDLL(SLOT));
+        String key = ask("--list-objects --type privkey --login --pin " + PIN).replaceAll("\\s+", " ");
+        assertTrue(key.contains("; RSA label: Köy ID: 6b65792031 Usage: decrypt, sign, unwrap Access: sensitive, always"
+                + " sensitive, never extractable, local"), key);
         assertSigned(modulus, Smartcard.signDLL(SLOT, DATA));
+        assertSigned(modulus, Smartcard.signWithIDDLL(SLOT, DATA, ID));
 
         assertOk(Smartcard.changePINDLL(SLOT, PIN, 4, "567890", 6), Smartcard.logoutDLL(SLOT));
         assertArrayEquals(new byte[] {0}, Smartcard.signDLL(SLOT, DATA));
@@ -51,32 +51,6 @@ class SoftTokenTest {
         assertOk(Smartcard.loginDLL(SLOT, "567890", 1), Smartcard.deletePrivateKeyDLL(SLOT, ID));
         assertEquals(1, Smartcard.isCardEmptyDLL(SLOT));
         assertOk(Smartcard.deletePublicKeyDLL(SLOT, ID), Smartcard.isCardEmptyDLL(SLOT));
-    }
-
-    @Test
-    void lifeOfAnIdentity() throws Exception {
-        RSAPrivateCrtKey key = (RSAPrivateCrtKey) KeyPairGenerator.getInstance("RSA").generateKeyPair().getPrivate();
-        byte[][] numbers = Stream.of(key.getModulus(), key.getPublicExponent(), key.getPrivateExponent(),
-                key.getPrimeP(), key.getPrimeQ(), key.getPrimeExponentP(), key.getPrimeExponentQ(),
-                key.getCrtCoefficient()).map(BigInteger::toByteArray) // some with a zero byte for the sign
-                .map(bytes -> Arrays.copyOfRange(bytes, bytes[0] == 0 ? 1 : 0, bytes.length)).toArray(byte[][]::new);
-        byte[] name = new X500Principal("CN=Some One").getEncoded();
-        byte[] serialNumber = {2, 1, 7};
-        assertOk(Smartcard.writeCertificateAndPrivateKeyDLL(SLOT, DATA, name, name, serialNumber, numbers[0],
-                numbers[1], numbers[2], numbers[3], numbers[4], numbers[5], numbers[6], numbers[7], ID, LABEL));
-        assertOk(Smartcard.writeAttributeCertificateDLL(SLOT, DATA));
-        assertArrayEquals(DATA, Smartcard.readAttributeCertificateDLL(SLOT));
-        assertArrayEquals(new byte[][] {{0}, ID, LABEL, DATA}, Smartcard.readAllCertificatesDLL(SLOT));
-        assertSigned(numbers[0], Smartcard.signWithIDDLL(SLOT, DATA, ID));
-
-        assertOk(Smartcard.updateKeyPairIDAndLabelDLL(SLOT, ID, "key 2".getBytes(), "new".getBytes()));
-        assertOk(Smartcard.setCertificateLabelDLL(null, SLOT)); // to that of the key pair
-        assertEquals(List.of("Certificate Object; type = X.509 cert label: new subject: DN: CN=Some One ID: 6b65792031",
-                "Private Key Object; RSA label: new ID: 6b65792032",
-                "Public Key Object; RSA " + 8 * numbers[0].length + " bits label: new ID: 6b65792032"), objects());
-        assertOk(Smartcard.deleteCertificateDLL(SLOT, name, name, serialNumber, ID, "new".getBytes()));
-        assertOk(Smartcard.deleteDLL(SLOT), Smartcard.isCardEmptyDLL(SLOT));
-        assertEquals(List.of(), objects());
     }
 
     @Test
@@ -103,14 +77,6 @@ class SoftTokenTest {
         String answer = new String(tool.getInputStream().readAllBytes());
         assertEquals(0, tool.waitFor(), answer);
         return answer;
-    }
-
-    /** Kind, label, subject and ID of the certificates and keys that the tool sees. */
-    private static List<String> objects() throws Exception {
-        return Arrays.stream(ask("--list-objects --login --pin " + PIN).split("\n(?! )"))
-                .filter(object -> object.contains(" ID: "))
-                .map(object -> object.replaceAll("\n +(?!label|subject|ID| )[^\n]*", ""))
-                .map(object -> object.replaceAll("\\s+", " ").strip()).sorted().toList();
     }
 
     /** The signature opens to the data with PKCS #1 padding. */
