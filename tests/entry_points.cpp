@@ -28,7 +28,8 @@ constexpr const char* kForm = std::is_same_v<Result, jlong>          ? "%"
 
 template <class Result, class... Parameter>
 EntryPoint entry(const char* name, Result (*function)(JNIEnv*, jclass, Parameter...), Arguments arguments,
-                 State state = State::kUser, const char* keptBack = "", bool nullsAllowed = false) {
+                 State state = State::kUser, const std::set<std::string>& keptBack = {},
+                 bool nullsAllowed = false) {
   const auto call = [function](FakeJni& java, const Arguments& values) {
     [[maybe_unused]] auto value = values.begin();
     const std::tuple<JNIEnv*, jclass, Parameter...> all{java.env(), nullptr,
@@ -64,46 +65,46 @@ const std::vector<EntryPoint>& entryPoints() {
       entry(ENTRY(getMechanismInfo), {slot, CKM_RSA_PKCS}),
       entry(ENTRY(getSupportedMechanismList), {slot}),
       entry(ENTRY(openSession), {slot}),
-      entry(ENTRY(closeSession), {slot}, State::kUser, "C_CloseSession C_CloseAllSessions#1"),
+      entry(ENTRY(closeSession), {slot}, State::kUser, {"C_CloseSession", "C_CloseAllSessions#1"}),
       entry(ENTRY(isSessionOpen), {slot}),
       entry(ENTRY(getSessionInfo), {slot}),
-      entry(ENTRY(login), {slot, "1234", CKU_USER}, State::kOpen, "", true),
+      entry(ENTRY(login), {slot, "1234", CKU_USER}, State::kOpen, {}, true),
       entry(ENTRY(logout), {slot}),
       entry(ENTRY(changePIN), {slot, "1234", 4, "4321", 4}),
       entry(ENTRY(initToken), {slot, "12345678", 8}, State::kBound),
       entry(ENTRY(initUserPIN), {slot, "4321", 4}, State::kSecurityOfficer),
-      entry(ENTRY(isCardEmpty), {slot}, State::kUser, ""),
-      entry(ENTRY(getObjectCountInTheToken), {slot}, State::kUser, "C_FindObjectsFinal"),
-      entry(ENTRY(readCertificate), {slot}, State::kUser, "C_FindObjectsFinal"),
-      entry(ENTRY(readAttributeCertificate), {slot}, State::kUser, "C_FindObjectsFinal"),
-      entry(ENTRY(readAllCertificates), {slot}, State::kUser, "C_FindObjectsFinal"),
-      entry(ENTRY(readAllRSAPublicKeys), {slot}, State::kUser, "C_FindObjectsFinal#2"),
-      entry(ENTRY(readAllRSAPrivateKeys), {slot}, State::kUser, "C_FindObjectsFinal#2"),
-      entry(ENTRY(readCertificateID), {slot}, State::kUser, "C_FindObjectsFinal"),
-      entry(ENTRY(readCertificateLabel), {slot}, State::kUser, "C_FindObjectsFinal"),
-      entry(ENTRY(readPublicKeyID), {slot}, State::kUser, "C_FindObjectsFinal"),
-      entry(ENTRY(readPublicKeyLabel), {slot}, State::kUser, "C_FindObjectsFinal"),
-      entry(ENTRY(readPrivateKeyID), {slot}, State::kUser, "C_FindObjectsFinal"),
-      entry(ENTRY(readPrivateKeyLabel), {slot}, State::kUser, "C_FindObjectsFinal"),
+      entry(ENTRY(isCardEmpty), {slot}, State::kUser),
+      entry(ENTRY(getObjectCountInTheToken), {slot}, State::kUser, {"C_FindObjectsFinal"}),
+      entry(ENTRY(readCertificate), {slot}, State::kUser, {"C_FindObjectsFinal"}),
+      entry(ENTRY(readAttributeCertificate), {slot}, State::kUser, {"C_FindObjectsFinal"}),
+      entry(ENTRY(readAllCertificates), {slot}, State::kUser, {"C_FindObjectsFinal"}),
+      entry(ENTRY(readAllRSAPublicKeys), {slot}, State::kUser, {"C_FindObjectsFinal#2"}),
+      entry(ENTRY(readAllRSAPrivateKeys), {slot}, State::kUser, {"C_FindObjectsFinal#2"}),
+      entry(ENTRY(readCertificateID), {slot}, State::kUser, {"C_FindObjectsFinal"}),
+      entry(ENTRY(readCertificateLabel), {slot}, State::kUser, {"C_FindObjectsFinal"}),
+      entry(ENTRY(readPublicKeyID), {slot}, State::kUser, {"C_FindObjectsFinal"}),
+      entry(ENTRY(readPublicKeyLabel), {slot}, State::kUser, {"C_FindObjectsFinal"}),
+      entry(ENTRY(readPrivateKeyID), {slot}, State::kUser, {"C_FindObjectsFinal"}),
+      entry(ENTRY(readPrivateKeyLabel), {slot}, State::kUser, {"C_FindObjectsFinal"}),
       entry(ENTRY(writeCertificate), {slot, "cert", "subject", "issuer", "serial", "id", "label"}),
       entry(ENTRY(writeAttributeCertificate), {slot, "cert"}),
       entry(ENTRY(writePublicKey), {slot, "n", "e", "id", "label"}),
-      entry(ENTRY(writePrivateKey), {slot, RSA, "id", "label"}, State::kUser, "C_CreateObject#1"),
+      entry(ENTRY(writePrivateKey), {slot, RSA, "id", "label"}, State::kUser, {"C_CreateObject#1"}),
       entry(ENTRY(writeCertificateAndPrivateKey),
             {slot, "cert", "subject", "issuer", "serial", RSA, "id", "label"}, State::kUser,
-            "C_CreateObject#1 C_CreateObject#2"),
+            {"C_CreateObject#1", "C_CreateObject#2"}),
       entry(ENTRY(setCertificateLabel), {"unread", slot}, State::kUser,
-            "C_SetAttributeValue C_FindObjectsFinal#1", true),
+            {"C_SetAttributeValue", "C_FindObjectsFinal#1"}, true),
       entry(ENTRY(updateKeyPairIDAndLabel), {slot, "id", "new id", "new label"}, State::kUser,
-            "C_FindObjectsInit#1 C_FindObjects#1 C_FindObjectsFinal C_SetAttributeValue#1"),
-      entry(ENTRY(delete), {slot}, State::kUser, "C_FindObjects C_DestroyObject"),
+            {"C_FindObjectsInit#1", "C_FindObjects#1", "C_FindObjectsFinal", "C_SetAttributeValue#1"}),
+      entry(ENTRY(delete), {slot}, State::kUser, {"C_FindObjects", "C_DestroyObject"}),
       entry(ENTRY(deleteCertificate), {slot, "subject", "issuer", "serial", "id", "label"}, State::kUser,
-            "C_FindObjects C_FindObjectsFinal"),
-      entry(ENTRY(deletePublicKey), {slot, "id"}, State::kUser, "C_FindObjects C_FindObjectsFinal"),
-      entry(ENTRY(deletePrivateKey), {slot, "id"}, State::kUser, "C_FindObjects C_FindObjectsFinal"),
-      entry(ENTRY(deleteAllCertificates), {slot}, State::kUser, "C_FindObjects C_FindObjectsFinal#1"),
-      entry(ENTRY(sign), {slot, "SECRET data"}, State::kUser, "C_FindObjectsFinal"),
-      entry(ENTRY(signWithID), {slot, "SECRET data", "id"}, State::kUser, "C_FindObjectsFinal"),
+            {"C_FindObjects", "C_FindObjectsFinal"}),
+      entry(ENTRY(deletePublicKey), {slot, "id"}, State::kUser, {"C_FindObjects", "C_FindObjectsFinal"}),
+      entry(ENTRY(deletePrivateKey), {slot, "id"}, State::kUser, {"C_FindObjects", "C_FindObjectsFinal"}),
+      entry(ENTRY(deleteAllCertificates), {slot}, State::kUser, {"C_FindObjects", "C_FindObjectsFinal#1"}),
+      entry(ENTRY(sign), {slot, "SECRET data"}, State::kUser, {"C_FindObjectsFinal"}),
+      entry(ENTRY(signWithID), {slot, "SECRET data", "id"}, State::kUser, {"C_FindObjectsFinal"}),
       entry(ENTRY(generateKeyPair), {slot, 1024, "e", "id", "label"}),
       entry(ENTRY(decrypt), {}),
   };
@@ -120,13 +121,11 @@ const EntryPoint& entryPoint(const std::string& name) {
 void populate(mock::Module& module) {
   module.slots[1] = module.slots[0];
   module.slots[1].id = 0x22;
-  module.slotEvents = {0x11};
-  mock::Attributes certificate = mock::certificate("id", "label", "cert");
-  certificate[CKA_SUBJECT] = mock::bytes("subject");
-  certificate[CKA_ISSUER] = mock::bytes("issuer");
-  certificate[CKA_SERIAL_NUMBER] = mock::bytes("serial");
-  module.addObject(0, certificate);
-  module.addObject(0, mock::data("attribute certificate"));
-  module.addObject(0, mock::publicKey("id", "label"));
-  module.addObject(0, mock::privateKey("id", "label"));
+  const mock::Bytes modulus(256, 'n');
+  module.addObject(CKO_CERTIFICATE, "id", "label", "cert");
+  module.slots[0].objects[0].attributes.merge(
+      mock::Attributes{{CKA_SUBJECT, "subject"}, {CKA_ISSUER, "issuer"}, {CKA_SERIAL_NUMBER, "serial"}});
+  module.addObject(CKO_DATA, "", "", "attribute certificate");
+  module.addObject(CKO_PUBLIC_KEY, "id", "label", modulus);
+  module.addObject(CKO_PRIVATE_KEY, "id", "label", modulus);
 }

@@ -5,6 +5,7 @@
 #include <concepts>
 #include <functional>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -35,8 +36,8 @@ struct EntryPoint {
   std::string name;
   State state;
   Arguments arguments;
-  std::string
-      keptBack;  // calls whose failure leaves the result as it is: `C_Sign` for all, `C_Sign#2` for one
+  std::set<std::string>
+      keptBack;  // calls whose failure leaves the result as it is: `C_Sign`, or only `C_Sign#2`
   bool nullsAllowed;
   std::string form;  // of a result that is only a code, with % in its place: `%`, `{%}`, `{{%}}`, `[]`
 

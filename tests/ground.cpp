@@ -12,7 +12,8 @@ Ground::Ground()
       traced_(0),
       handle_(dlopen(kModule, RTLD_NOW)),
       module(*reinterpret_cast<decltype(&mockModule)>(dlsym(handle_, "mockModule"))()) {
-  // Fully buffered, so that nothing is seen of what the library forgets to flush; the buffer has to outlive it.
+  // Fully buffered, so that nothing is seen of what the library forgets to flush; the buffer has to outlive
+  // it.
   static char buffer[1 << 16];
   std::setvbuf(stdout, buffer, _IOFBF, sizeof buffer);
 }
@@ -108,18 +109,6 @@ void Ground::addTraces() {
   }
 }
 
-std::string Ground::moduleCalls() const {
-  std::string all;
-  for (const auto& line : record) {
-    if (line.starts_with("C_")) all += line + '\n';
-  }
-  return all;
-}
-
-std::string Ground::traces() const {
-  std::string all;
-  for (const auto& line : record) {
-    if (line.starts_with('"')) all += line.substr(1, line.size() - 2);
-  }
-  return all;
+bool Ground::called(const std::string& text) const {
+  return std::ranges::any_of(module.log, [&](const auto& line) { return line.find(text) != line.npos; });
 }

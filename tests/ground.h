@@ -30,8 +30,8 @@ class Ground : public testing::Test {
   /// in quotes. S is the session of slot 0; O1, O2, … are the objects in the order in which they were made.
   std::vector<std::string> record;
 
-  std::string moduleCalls() const;  // those of the module alone, a line each
-  std::string traces() const;
+  /// Whether the last call made one of the module's that holds this text.
+  bool called(const std::string& text) const;
 
  private:
   void add(std::string line);

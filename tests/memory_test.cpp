@@ -80,7 +80,7 @@ TEST_F(Memory, EveryAllocationIsRefusedAndNoSecretIsFreed) {
     const std::size_t ofLibrary = allocations;
     const std::size_t ofJava = java.allocations();
     const auto log = module.log;
-    if (moduleCalls().find("534543524554") != std::string::npos) ++secretsPassed;
+    if (called("534543524554")) ++secretsPassed;
 
     for (std::size_t nth = 1; nth <= ofLibrary; ++nth) {
       SCOPED_TRACE("allocation " + std::to_string(nth));
@@ -96,7 +96,7 @@ TEST_F(Memory, EveryAllocationIsRefusedAndNoSecretIsFreed) {
     for (const auto& line : log) {
       SCOPED_TRACE(line);
       begin(entry.state, true);
-      module.failAt(line.substr(0, line.find('(')), 1, CKR_DEVICE_ERROR);
+      module.failAt(mock::nameOf(line), 1, CKR_DEVICE_ERROR);
       watch(entry);
     }
   }
@@ -106,8 +106,7 @@ TEST_F(Memory, EveryAllocationIsRefusedAndNoSecretIsFreed) {
 TEST_F(Memory, ASignatureBufferIsTriedTwiceOnly) {
   begin(State::kUser, true);
   EXPECT_EQ("{02}", watch(entryPoint("signWithID"), 3, 2)) << "after the copies of the ID and the data";
-  EXPECT_TRUE(traces().ends_with("once result = 0x0\\nnew for result returns null\\nsonra result = 0x0\\n"))
-      << traces();
+  EXPECT_EQ(1, std::ranges::count(record, "\"new for result returns null\\n\""));
 }
 
 }  // namespace

@@ -3,7 +3,7 @@
 #include "mock_module.h"
 
 #include <array>
-#include <cstring>
+#include <ranges>
 #include <sstream>
 
 namespace mock {
@@ -53,7 +53,7 @@ std::string describe(std::string_view form, const CK_ULONG* words) {
     if (kind == 'R') out << "room " << std::dec << *reinterpret_cast<const CK_ULONG*>(second);
     if (kind == 'r') out << std::dec << *static_cast<const CK_ULONG*>(pointer);
     if (kind == 'B')
-      for (const CK_BYTE byte : bytes(view(pointer, second))) out << std::hex << byte / 16 << byte % 16;
+      for (const char byte : view(pointer, second)) out << std::hex << (byte >> 4 & 0xf) << (byte & 0xf);
     if (kind != 'T' && kind != 'A') continue;
     const auto* const attributes = static_cast<const CK_ATTRIBUTE*>(pointer);
     for (const auto* a = attributes; a != attributes + second; ++a) {
@@ -141,7 +141,7 @@ void define(CK_RV (*&function)(First, Rest...), const char* text, Body) {
   function = [](First first, Rest... rest) {
     const Words words = {(CK_ULONG)first, (CK_ULONG)rest...};
     const std::string call = describe(form, words.data());
-    const std::string name = call.substr(0, call.find('('));
+    const std::string name = nameOf(call);
     state.log.push_back(call);
     if (state.onCall) state.onCall(call);
     CK_RV done = orderedFault(name);
@@ -174,22 +174,21 @@ Object& objectOf(const Session& session, CK_OBJECT_HANDLE handle) {
 Attributes attributesIn(const CK_ATTRIBUTE* attributes, CK_ULONG count) {
   Attributes all;
   for (const auto* a = attributes; a != attributes + count; ++a)
-    all[a->type] = bytes(view(a->pValue, a->ulValueLen));
+    all[a->type] = view(a->pValue, a->ulValueLen);
   return all;
 }
 
 CK_OBJECT_HANDLE create(const Session& session, const Attributes& attributes) {
   require(session.slot->shows({0, attributes}), CKR_USER_NOT_LOGGED_IN);
-  const auto slotIndex = static_cast<std::size_t>(session.slot - state.slots.data());
-  return state.addObject(slotIndex, attributes);
+  return state.addObject(*session.slot, attributes);
 }
 
 /// The protocol for a result of unknown length: only the length without a buffer, else all or nothing.
-template <class Range, class T, class Member = std::identity>
-void handOut(const Range& range, T* buffer, CK_ULONG* length, Member member = {}) {
+template <class Range, class T>
+void handOut(const Range& range, T* buffer, CK_ULONG* length) {
   const CK_ULONG room = std::exchange(*length, range.size());
   require(buffer == nullptr || room >= range.size(), CKR_BUFFER_TOO_SMALL);
-  if (buffer != nullptr) std::ranges::transform(range, buffer, member);
+  if (buffer != nullptr) std::ranges::copy(range, buffer);
 }
 
 CK_FUNCTION_LIST functions() {
@@ -207,23 +206,21 @@ CK_FUNCTION_LIST functions() {
   });
   FUNCTION(Finalize, "%p", [](CK_ULONG) {});
 
-  FUNCTION(GetSlotList, "tokenPresent %u, %R",
-           [](CK_ULONG, auto* ids, auto* count) { handOut(state.slots, ids, count, &Slot::id); });
+  FUNCTION(GetSlotList, "tokenPresent %u, %R", [](CK_ULONG, auto* ids, auto* count) {
+    handOut(std::views::transform(state.slots, &Slot::id), ids, count);
+  });
   FUNCTION(GetSlotInfo, "slot %x", [](CK_ULONG id, auto* info) {
     *info = pick(state.slots, &Slot::id, id, CKR_SLOT_ID_INVALID).info;
   });
   FUNCTION(GetTokenInfo, "slot %x", [](Slot& slot, auto* info) { *info = slot.token; });
   FUNCTION(GetMechanismList, "slot %x, %R", [](Slot& slot, auto* types, auto* count) {
-    handOut(slot.mechanisms, types, count, &Mechanism::type);
+    handOut(std::views::keys(slot.mechanisms), types, count);
   });
   FUNCTION(GetMechanismInfo, "slot %x, mechanism %x", [](Slot& slot, auto type, auto* info) {
-    *info = pick(slot.mechanisms, &Mechanism::type, type, CKR_MECHANISM_INVALID).info;
+    require(slot.mechanisms.contains(type), CKR_MECHANISM_INVALID);
+    *info = slot.mechanisms.at(type);
   });
-  FUNCTION(WaitForSlotEvent, "flags %u", [](CK_ULONG, auto* slot, auto*) {
-    require(!state.slotEvents.empty(), CKR_FUNCTION_NOT_SUPPORTED);
-    *slot = state.slotEvents.front();
-    state.slotEvents.pop_front();
-  });
+  FUNCTION(WaitForSlotEvent, "flags %u", [](CK_ULONG, auto* slot, auto*) { *slot = state.slots.front().id; });
   FUNCTION(InitToken, "slot %x, PIN %S, label %l", [](Slot& slot, auto* pin, auto length, auto* label) {
     require(!hasSession(slot), CKR_SESSION_EXISTS);
     require(slot.soPin == view(pin, length), CKR_PIN_INCORRECT);
@@ -241,7 +238,7 @@ CK_FUNCTION_LIST functions() {
     const Slot& slot = *session.slot;
     const CK_STATE user = slot.login == CKU_SO ? CKS_RW_SO_FUNCTIONS : CKS_RW_USER_FUNCTIONS;
     *info = {slot.id, slot.login ? user : CKS_RW_PUBLIC_SESSION, CKF_SERIAL_SESSION | CKF_RW_SESSION,
-             slot.deviceError};
+             0x1'8000'0001};
   });
   SESSION(Login, ", user %u, PIN %S", [](Session& session, auto user, auto* pin, auto length) {
     Slot& slot = *session.slot;
@@ -322,7 +319,7 @@ CK_FUNCTION_LIST functions() {
           [](Session& session, auto* data, auto length, auto* signature, auto* room) {
             require(session.signingKey.has_value(), CKR_OPERATION_NOT_INITIALIZED);
             require(data != nullptr, CKR_ARGUMENTS_BAD);
-            const Bytes value = objectOf(session, *session.signingKey).sign({data, data + length});
+            const Bytes value = objectOf(session, *session.signingKey).sign(Bytes(view(data, length)));
             require(length + 11 <= value.size(), CKR_DATA_LEN_RANGE);  // the padding's least
             handOut(value, signature, room);
           });
@@ -330,17 +327,19 @@ CK_FUNCTION_LIST functions() {
           [](Session& session, auto*, auto* publicTemplate, auto publicCount, auto* privateTemplate,
              auto privateCount, auto* publicKey, auto* privateKey) {
             require(session.slot->login == CKU_USER, CKR_USER_NOT_LOGGED_IN);
-            Attributes publicHalf = attributesIn(publicTemplate, publicCount);
-            Attributes privateHalf = attributesIn(privateTemplate, privateCount);
             CK_ULONG bits = 0;
-            std::memcpy(&bits, publicHalf.at(CKA_MODULUS_BITS).data(), sizeof bits);
+            const Bytes value = attributesIn(publicTemplate, publicCount).at(CKA_MODULUS_BITS);
+            std::copy_n(value.data(), sizeof bits, reinterpret_cast<char*>(&bits));
             require(bits >= 1024 && bits <= 16384, CKR_KEY_SIZE_RANGE);
-            Bytes modulus(bits / 8, static_cast<CK_BYTE>(session.slot->objects.size()));  // differs each time
-            modulus.front() = 0xc5;
-            publicHalf.merge(mock::publicKey("", "", modulus));
-            privateHalf.merge(mock::privateKey("", "", modulus));
-            *publicKey = create(session, publicHalf);
-            *privateKey = create(session, privateHalf);
+            const Bytes modulus(bits / 8, static_cast<char>(0xc5 ^ session.slot->objects.size()));
+            const auto half = [&](CK_OBJECT_CLASS kind, const CK_ATTRIBUTE* attributes, CK_ULONG count) {
+              Attributes all = attributesIn(attributes, count);
+              all.merge(Attributes{
+                  {CKA_CLASS, number(kind)}, {CKA_KEY_TYPE, number(CKK_RSA)}, {CKA_MODULUS, modulus}});
+              return create(session, all);
+            };
+            *publicKey = half(CKO_PUBLIC_KEY, publicTemplate, publicCount);
+            *privateKey = half(CKO_PRIVATE_KEY, privateTemplate, privateCount);
           });
   return list;
 }

@@ -19,39 +19,19 @@
 
 namespace mock {
 
-using Bytes = std::vector<CK_BYTE>;
+using namespace std::string_literals;
+using Bytes = std::string;
 using Attributes = std::map<CK_ATTRIBUTE_TYPE, Bytes>;
 
 // Real modules use heap addresses as handles: none of ours fits 32 bits, none is used twice.
 constexpr CK_SESSION_HANDLE kFirstSession = 0x7e0000000501;
 constexpr CK_OBJECT_HANDLE kFirstObject = 0x7f0000000010;
 
-inline Bytes bytes(std::string_view text) { return {text.begin(), text.end()}; }
-inline Bytes number(CK_ULONG value) { return bytes({reinterpret_cast<const char*>(&value), sizeof value}); }
+inline Bytes number(CK_ULONG value) { return {reinterpret_cast<const char*>(&value), sizeof value}; }
 const Bytes kTrue{CK_TRUE};
 
-inline Attributes data(std::string_view value) {
-  return {{CKA_CLASS, number(CKO_DATA)}, {CKA_VALUE, bytes(value)}};
-}
-inline Attributes named(CK_OBJECT_CLASS kind, std::string_view id, std::string_view label, Attributes more) {
-  more.merge(Attributes{{CKA_CLASS, number(kind)}, {CKA_ID, bytes(id)}, {CKA_LABEL, bytes(label)}});
-  return more;
-}
-inline Attributes certificate(std::string_view id, std::string_view label, std::string_view value) {
-  Attributes rest = {{CKA_CERTIFICATE_TYPE, number(CKC_X_509)}, {CKA_VALUE, bytes(value)}};
-  return named(CKO_CERTIFICATE, id, label, std::move(rest));
-}
-inline Attributes publicKey(std::string_view id, std::string_view label, Bytes modulus = Bytes(256, 0xc1)) {
-  Attributes rest = {{CKA_KEY_TYPE, number(CKK_RSA)}, {CKA_MODULUS, std::move(modulus)}};
-  rest[CKA_PUBLIC_EXPONENT] = {1, 0, 1};
-  return named(CKO_PUBLIC_KEY, id, label, std::move(rest));
-}
-inline Attributes privateKey(std::string_view id, std::string_view label, Bytes modulus = Bytes(256, 0xc1)) {
-  Attributes rest = publicKey(id, label, std::move(modulus));
-  rest[CKA_CLASS] = number(CKO_PRIVATE_KEY);
-  rest[CKA_PRIVATE] = kTrue;
-  return rest;
-}
+/// The function of a call in the log.
+inline std::string nameOf(const std::string& call) { return call.substr(0, call.find('(')); }
 
 struct Object {
   CK_OBJECT_HANDLE handle;
@@ -62,24 +42,18 @@ struct Object {
   }
   /// What C_Sign answers for this key: no cryptography, but another key or other data give another signature.
   Bytes sign(const Bytes& data) const {
+    const Bytes mixed = data + static_cast<char>(handle);
     Bytes signature = attributes.at(CKA_MODULUS);
-    const std::size_t mixed = 0x51 ^ handle ^ data.size();
-    for (std::size_t i = 0; i < signature.size(); ++i)
-      signature[i] = static_cast<CK_BYTE>(mixed ^ i ^ (data.empty() ? 0 : data[i % data.size()]));
+    for (std::size_t i = 0; i < signature.size(); ++i) signature[i] ^= mixed[i % mixed.size()];
     return signature;
   }
-};
-
-struct Mechanism {
-  CK_MECHANISM_TYPE type;
-  CK_MECHANISM_INFO info;
 };
 
 struct Slot {
   CK_SLOT_ID id;
   CK_SLOT_INFO info;      // without CKF_TOKEN_PRESENT in its flags, the slot is empty
   CK_TOKEN_INFO token{};  // with CKF_PROTECTED_AUTHENTICATION_PATH, C_Login takes a null PIN
-  std::vector<Mechanism> mechanisms = {
+  std::map<CK_MECHANISM_TYPE, CK_MECHANISM_INFO> mechanisms = {
       {CKM_RSA_PKCS_KEY_PAIR_GEN, {1024, 16384, CKF_HW | CKF_GENERATE_KEY_PAIR}},
       {CKM_RSA_PKCS, {1024, 16384, CKF_HW | CKF_ENCRYPT | CKF_DECRYPT | CKF_SIGN | CKF_VERIFY}},
       {CKM_SHA1_RSA_PKCS, {1024, 16384, CKF_SIGN | CKF_VERIFY}},
@@ -88,7 +62,6 @@ struct Slot {
   std::string soPin = "12345678";
   std::vector<Object> objects;  // searches yield them in this order
   std::optional<CK_USER_TYPE> login;
-  CK_ULONG deviceError = 0;  // for C_GetSessionInfo
 
   explicit Slot(CK_SLOT_ID number = 0, CK_FLAGS flags = 0)
       : id(number), info{"Mock reader with a description of more than 32 bytes", "", flags, {}, {}} {
@@ -133,7 +106,6 @@ struct Module {
   std::vector<Slot> slots = {Slot(0x11, CKF_TOKEN_PRESENT | CKF_REMOVABLE_DEVICE),
                              Slot(0x22, CKF_REMOVABLE_DEVICE)};
   std::vector<Session> sessions;
-  std::deque<CK_SLOT_ID> slotEvents;  // for C_WaitForSlotEvent; with none left it is not supported
 
   // What the caller was told, which is not what is so when a test bends the answers.
   std::map<CK_SESSION_HANDLE, std::deque<CK_OBJECT_HANDLE>> searches;  // the active ones, with what is left
@@ -155,12 +127,8 @@ struct Module {
   /// The names in the log, with a blank between two.
   std::string names() const {
     std::string all;
-    for (const auto& line : log) all += (all.empty() ? "" : " ") + line.substr(0, line.find('('));
+    for (const auto& line : log) all += (all.empty() ? "" : " ") + nameOf(line);
     return all;
-  }
-  std::size_t callsOf(const std::string& name) const {
-    const auto isCall = [&](const std::string& line) { return line.starts_with(name + '('); };
-    return static_cast<std::size_t>(std::ranges::count_if(log, isCall));
   }
 
   /// The nth call of the function from now, the next one being 1, answers `code` and does nothing else. What
@@ -170,10 +138,20 @@ struct Module {
     faults[{name, calls[name] + nth}] = code;
   }
 
-  CK_OBJECT_HANDLE addObject(std::size_t slotIndex, Attributes attributes) {
+  CK_OBJECT_HANDLE addObject(Slot& slot, Attributes attributes) {
     attributes.try_emplace(CKA_TOKEN, kTrue);
-    slots.at(slotIndex).objects.push_back({nextObject, std::move(attributes)});
+    slot.objects.push_back({nextObject, std::move(attributes)});
     return std::exchange(nextObject, nextObject + 0x10);
+  }
+  /// A certificate, a data object, or half of an RSA key pair; its content is its value or its modulus.
+  void addObject(CK_OBJECT_CLASS kind, const Bytes& id, const Bytes& label, const Bytes& content) {
+    Attributes all = {{CKA_CLASS, number(kind)}, {CKA_ID, id}, {CKA_LABEL, label}};
+    const bool isKey = kind == CKO_PUBLIC_KEY || kind == CKO_PRIVATE_KEY;
+    all[isKey ? CKA_MODULUS : CKA_VALUE] = content;
+    if (isKey) all.merge(Attributes{{CKA_KEY_TYPE, number(CKK_RSA)}, {CKA_PUBLIC_EXPONENT, "\1\0\1"s}});
+    if (kind == CKO_CERTIFICATE) all[CKA_CERTIFICATE_TYPE] = number(CKC_X_509);
+    if (kind == CKO_PRIVATE_KEY) all[CKA_PRIVATE] = kTrue;
+    addObject(slots.at(0), all);
   }
 };
 

@@ -70,21 +70,17 @@ class Transcript : public Ground, public testing::WithParamInterface<const char*
         {"open", [&] { begin(State::kOpen); }},
         {"user", [&] { begin(State::kUser); }},
         {"fail", [&] { module.failAt(words.at(1), number(2), number(3)); }},
-        {"certificate", [&] { module.addObject(0, mock::certificate(text(1), text(2), text(3))); }},
-        {"publicKey", [&] { module.addObject(0, mock::publicKey(text(1), text(2), mock::bytes(text(3)))); }},
-        {"privateKey",
-         [&] { module.addObject(0, mock::privateKey(text(1), text(2), mock::bytes(text(3)))); }},
-        {"data", [&] { module.addObject(0, mock::data(text(1))); }},
-        {"attribute",
-         [&] { module.slots[0].objects.at(number(1) - 1).attributes[number(2)] = mock::bytes(text(3)); }},
+        {"certificate", [&] { module.addObject(CKO_CERTIFICATE, text(1), text(2), text(3)); }},
+        {"publicKey", [&] { module.addObject(CKO_PUBLIC_KEY, text(1), text(2), text(3)); }},
+        {"privateKey", [&] { module.addObject(CKO_PRIVATE_KEY, text(1), text(2), text(3)); }},
+        {"data", [&] { module.addObject(CKO_DATA, "", "", text(1)); }},
+        {"attribute", [&] { module.slots[0].objects.at(number(1) - 1).attributes[number(2)] = text(3); }},
         {"noSlots", [&] { module.slots.clear(); }},
         {"noMechanisms", [&] { module.slots[0].mechanisms.clear(); }},
         {"secondToken", [&] { module.slots[1].info.flags |= CKF_TOKEN_PRESENT; }},
         {"slotFlags", [&] { module.slots[0].info.flags = number(1); }},
         {"tokenFlags", [&] { module.slots[0].token.flags = number(1); }},
-        {"mechanismFlags", [&] { module.slots[0].mechanisms.at(1).info.flags = number(1); }},
-        {"deviceError", [&] { module.slots[0].deviceError = number(1); }},
-        {"slotEvent", [&] { module.slotEvents = {0x11}; }},
+        {"mechanismFlags", [&] { module.slots[0].mechanisms.at(CKM_RSA_PKCS).flags = number(1); }},
         {"removeLast", [&] { module.slots[0].objects.pop_back(); }},
         {"noList", [&] { module.list = nullptr; }},
         {"freshLists", [&] { module.freshListEachTime = true; }},
@@ -97,8 +93,10 @@ class Transcript : public Ground, public testing::WithParamInterface<const char*
         // When the second search of a call begins.
         {"later",
          [&] {
-           module.onCall = [this, then = Words(words.begin() + 1, words.end())](const std::string& line) {
-             if (line.starts_with("C_FindObjectsInit") && module.callsOf("C_FindObjectsInit") == 2)
+           const std::size_t begun = module.calls["C_FindObjectsInit"];
+           module.onCall = [this, begun,
+                            then = Words(words.begin() + 1, words.end())](const std::string& line) {
+             if (line.starts_with("C_FindObjectsInit") && module.calls["C_FindObjectsInit"] == begun + 1)
                direct(then);
            };
          }},

@@ -28,7 +28,7 @@ class MockTest {
         System.load(MODULE);
     }
 
-    /** As freshly loaded, with one slot, an event waiting there, and a token with the PIN "1". Not while bound. */
+    /** As freshly loaded, with one slot and a token with the PIN "1". Not while bound. */
     private static native void reset();
 
     /** Fails the nth call of a function from now, the next one being 1. */

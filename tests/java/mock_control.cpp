@@ -9,7 +9,6 @@ JNIEXPORT void JNICALL Java_MockTest_reset(JNIEnv*, jclass) {
   module.reset();
   module.slots.resize(1);
   module.slots[0].userPin = module.slots[0].soPin = "1";
-  module.slotEvents = {module.slots[0].id};
 }
 
 JNIEXPORT void JNICALL Java_MockTest_failAt(JNIEnv* env, jclass, jstring function, jint nth, jlong code) {
