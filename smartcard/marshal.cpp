@@ -14,8 +14,8 @@ T made(T result) {
   return result;
 }
 
-/// Whether the exception being handled came with a Java exception.
-bool javaKnows() {
+/// Whether the exception being handled says that the virtual machine had no memory.
+bool isJavas() {
   try {
     throw;
   } catch (const JavaOutOfMemory&) {
@@ -91,19 +91,19 @@ jobjectArray statusOnly(JNIEnv* env, jbyteArray status) {
 }
 
 jbyteArray outOfMemoryStatus(JNIEnv* env) try {
-  return javaKnows() ? nullptr : StatusArray(env).holding(CKR_HOST_MEMORY);
+  return isJavas() ? nullptr : StatusArray(env).holding(CKR_HOST_MEMORY);
 } catch (...) {
   return nullptr;
 }
 
 jintArray outOfMemoryNumbers(JNIEnv* env) try {
-  return javaKnows() ? nullptr : intArray(env, {});
+  return isJavas() ? nullptr : intArray(env, {});
 } catch (...) {
   return nullptr;
 }
 
 jobjectArray outOfMemoryList(JNIEnv* env) try {
-  return javaKnows() ? nullptr : statusOnly(env, StatusArray(env).holding(CKR_HOST_MEMORY));
+  return isJavas() ? nullptr : statusOnly(env, StatusArray(env).holding(CKR_HOST_MEMORY));
 } catch (...) {
   return nullptr;
 }

@@ -11,8 +11,9 @@
 /// The longest array that Java has. No length beyond it is believed.
 inline constexpr CK_ULONG kLongestArray = std::numeric_limits<jsize>::max();
 
-/// Thrown when the virtual machine answered null: its own OutOfMemoryError is pending then, and no more may
-/// be asked of it but to take back what it gave.
+/// Thrown when the virtual machine answered null: its own OutOfMemoryError may be pending then (HotSpot's is
+/// when it cannot make an array, not when it cannot lend one out), and no more may be asked of it but to take
+/// back what it gave.
 struct JavaOutOfMemory {};
 
 /// Whether one of these Java references is null. Asked before anything is taken: JNI defines no answer for
@@ -133,8 +134,8 @@ class ListResult {
 /// A byte[][] that holds only the status array.
 jobjectArray statusOnly(JNIEnv* env, jbyteArray status);
 
-// What an entry point returns when an exception ended it, to be called in its handler: null when the virtual
-// machine's own error is pending, else CKR_HOST_MEMORY in the entry point's own form.
+// What an entry point returns when an exception ended it, to be called in its handler: null when it was the
+// virtual machine that had no memory, else CKR_HOST_MEMORY in the entry point's own form.
 
 jbyteArray outOfMemoryStatus(JNIEnv* env);
 jintArray outOfMemoryNumbers(JNIEnv* env);

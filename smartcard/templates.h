@@ -10,11 +10,13 @@
 // Attributes. Constants have static storage and byte strings belong to the inputs, so that an attribute, and
 // a template made of attributes, may be copied freely.
 
-/// A CK_ULONG attribute of a fixed value: an object class, a key type, a certificate type.
+/// A CK_ULONG attribute of a fixed value: an object class, a key type, a certificate type. The module gets a
+/// pointer that it could write through: the value can bear it, and each template has it right again.
 template <CK_ATTRIBUTE_TYPE Type, CK_ULONG Value>
 CK_ATTRIBUTE constant() {
-  static const CK_ULONG value = Value;
-  return {Type, const_cast<CK_ULONG*>(&value), sizeof value};
+  static CK_ULONG value;
+  value = Value;
+  return {Type, &value, sizeof value};
 }
 
 template <CK_OBJECT_CLASS Class>

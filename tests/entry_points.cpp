@@ -7,6 +7,11 @@
 
 #include "com_calvenhor_vork_utils_Smartcard.h"
 
+/// Read by the address sanitizer: a length that a module makes up is refused memory, as it is elsewhere.
+extern "C" const char* __asan_default_options() {
+  return "allocator_may_return_null=1:max_allocation_size_mb=512";
+}
+
 namespace {
 
 template <class T>

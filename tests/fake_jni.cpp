@@ -64,6 +64,6 @@ void FakeJni::clear() {
   acquired_.clear();
   log.clear();
   faults.clear();
-  pending_.clear();
+  hasError_ = false;
   allocations_ = refuseAt_ = 0;
 }

@@ -40,11 +40,10 @@ class FakeJni : JNIEnv {
   /// Whether everything acquired has been released.
   bool balanced() const { return acquired_.empty(); }
 
-  /// The nth allocation from now, the next one being 1, answers null and leaves an OutOfMemoryError pending.
-  /// Allocations are the New*Array, GetByteArrayElements and GetStringUTFChars.
+  /// The nth allocation from now, the next one being 1, answers null. Allocations are the New*Array, which
+  /// also leave an OutOfMemoryError pending, and GetByteArrayElements and GetStringUTFChars, which do not.
   void refuse(std::size_t nth) { refuseAt_ = allocations_ + nth; }
   std::size_t allocations() const { return allocations_; }
-  const std::string& pendingException() const { return pending_; }  // its class, or empty
 
   /// Back in Java: the call's local references and the exception are gone, and the records begin anew. Values
   /// passed in and results can still be used by the test.
@@ -85,7 +84,7 @@ class FakeJni : JNIEnv {
     log.push_back(line + ')');
     if (onCall) onCall(log.back());
     const bool givesBack = name.starts_with("Release") || name.starts_with("Delete");
-    require(pending_.empty() || givesBack, "called while an exception is pending");
+    require(!hasError_ || givesBack, "called while an error is pending");
   }
   // An argument in the log: references by name, numbers; neither null references nor other pointers.
   std::string text(jint number) const { return std::to_string(number); }
@@ -97,11 +96,7 @@ class FakeJni : JNIEnv {
   static void require(bool holds, const char* fault) {
     if (!holds) throw fault;
   }
-  void allocate(bool tooLarge = false) {
-    if (++allocations_ != refuseAt_ && !tooLarge) return;
-    pending_ = "OutOfMemoryError";
-    require(false, nullptr);
-  }
+  bool refuses() { return ++allocations_ == refuseAt_; }
   /// References are no addresses: whoever dereferences one crashes.
   jobject add(const std::string& name, State state, Content content) {
     const auto reference = reinterpret_cast<jobject>((values_.size() + 1) * 0x10);
@@ -120,7 +115,9 @@ class FakeJni : JNIEnv {
   template <class Element>
   jobject create(const std::string& before, jsize length, const std::string& after) {
     require(length >= 0, "a negative length");
-    allocate(length > 1 << 26);  // no virtual machine has an endless heap
+    const bool isTooLong = length > 1 << 26;  // no virtual machine has an endless heap
+    hasError_ = refuses() || isTooLong;
+    require(!hasError_, nullptr);
     return add(before + text(length) + after, kLocal, Array<Element>(static_cast<std::size_t>(length)));
   }
   template <class Element>
@@ -135,7 +132,7 @@ class FakeJni : JNIEnv {
   Element* acquire(jobject from, const jboolean* isCopy) {
     require(isCopy == nullptr, "isCopy is not null");
     const auto& content = use<Element>(from);
-    allocate();
+    require(!refuses(), nullptr);
     std::shared_ptr<Element[]> copy(new Element[content.size()]);
     std::copy(content.begin(), content.end(), copy.get());
     acquired_[copy.get()] = {&content, copy};
@@ -154,7 +151,7 @@ class FakeJni : JNIEnv {
   std::map<jobject, Value> values_;
   // By address: the content and a copy of exactly its size, so that a sanitizer sees any step beyond.
   std::map<const void*, std::pair<const void*, std::shared_ptr<void>>> acquired_;
-  std::string pending_;
+  bool hasError_ = false;  // pending
   std::size_t allocations_ = 0;
   std::size_t refuseAt_ = 0;
 };

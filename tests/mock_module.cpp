@@ -3,7 +3,6 @@
 #include "mock_module.h"
 
 #include <array>
-#include <ranges>
 #include <sstream>
 
 namespace mock {
@@ -184,11 +183,11 @@ CK_OBJECT_HANDLE create(const Session& session, const Attributes& attributes) {
 }
 
 /// The protocol for a result of unknown length: only the length without a buffer, else all or nothing.
-template <class Range, class T>
-void handOut(const Range& range, T* buffer, CK_ULONG* length) {
+template <class Range, class T, class Member = std::identity>
+void handOut(const Range& range, T* buffer, CK_ULONG* length, Member member = {}) {
   const CK_ULONG room = std::exchange(*length, range.size());
   require(buffer == nullptr || room >= range.size(), CKR_BUFFER_TOO_SMALL);
-  if (buffer != nullptr) std::ranges::copy(range, buffer);
+  if (buffer != nullptr) std::ranges::transform(range, buffer, member);
 }
 
 CK_FUNCTION_LIST functions() {
@@ -206,15 +205,14 @@ CK_FUNCTION_LIST functions() {
   });
   FUNCTION(Finalize, "%p", [](CK_ULONG) {});
 
-  FUNCTION(GetSlotList, "tokenPresent %u, %R", [](CK_ULONG, auto* ids, auto* count) {
-    handOut(std::views::transform(state.slots, &Slot::id), ids, count);
-  });
+  FUNCTION(GetSlotList, "tokenPresent %u, %R",
+           [](CK_ULONG, auto* ids, auto* count) { handOut(state.slots, ids, count, &Slot::id); });
   FUNCTION(GetSlotInfo, "slot %x", [](CK_ULONG id, auto* info) {
     *info = pick(state.slots, &Slot::id, id, CKR_SLOT_ID_INVALID).info;
   });
   FUNCTION(GetTokenInfo, "slot %x", [](Slot& slot, auto* info) { *info = slot.token; });
   FUNCTION(GetMechanismList, "slot %x, %R", [](Slot& slot, auto* types, auto* count) {
-    handOut(std::views::keys(slot.mechanisms), types, count);
+    handOut(slot.mechanisms, types, count, [](auto& mechanism) { return mechanism.first; });
   });
   FUNCTION(GetMechanismInfo, "slot %x, mechanism %x", [](Slot& slot, auto type, auto* info) {
     require(slot.mechanisms.contains(type), CKR_MECHANISM_INVALID);

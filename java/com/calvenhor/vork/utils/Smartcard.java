@@ -31,7 +31,9 @@ package com.calvenhor.vork.utils;
  * slots. {@link #waitForSlotEventDLL waitForSlotEventDLL} holds its caller, and so everyone, until something happens.
  *
  * <h2>Results</h2>
- * Nothing is thrown but an {@link OutOfMemoryError} of the virtual machine. A failure comes back in one of these forms:
+ * Nothing is thrown but an {@link OutOfMemoryError} of the virtual machine; where one would be due, a virtual machine
+ * that finds no memory to lend out an array or a string may also throw nothing, and an array result is {@code null}. Any
+ * other failure comes back in one of these forms:
  * <dl>
  * <dt>A number
  * <dd>0 is success (CKR_OK), a positive number the PKCS#11 code (CK_RV) of the call that failed, and a negative one
@@ -49,10 +51,9 @@ package com.calvenhor.vork.utils;
  *     like that of an empty token.
  * </dl>
  * Codes that many methods share, in whatever form: CKR_ARGUMENTS_BAD (0x07) for a null string or array;
- * CKR_HOST_MEMORY (0x02) when the library itself finds no memory; and from
- * methods without the -1, in their own failure form, CKR_CRYPTOKI_NOT_INITIALIZED (0x190) when no module is bound, and
- * for a slot index out of range what a module says of an unknown slot or session: CKR_SLOT_ID_INVALID (0x03),
- * CKR_SESSION_HANDLE_INVALID (0xB3).
+ * CKR_HOST_MEMORY (0x02) when there is no memory for the call; and from methods without the -1 that tell the code of
+ * what failed, CKR_CRYPTOKI_NOT_INITIALIZED (0x190) when no module is bound, and for a slot index out of range what a
+ * module says of an unknown slot or session: CKR_SLOT_ID_INVALID (0x03), CKR_SESSION_HANDLE_INVALID (0xB3).
  *
  * <h2>Objects</h2>
  * A certificate and its keys belong together by an equal ID (CKA_ID), and usually carry the same label. IDs and labels
@@ -112,7 +113,8 @@ public final class Smartcard {
 
     /**
      * {@return the first 32 of the 64 bytes of the slot's description, filled up with blanks; or a status byte array}
-     * For a slot index out of range the status is the code of the last module call of any method, 0 if that succeeded.
+     * For a slot index out of range the status is the code of the last module call of any method, 0 if that succeeded;
+     * a call that the library refused in the module's place counts as one.
      *
      * @param slotIndex the slot
      */
@@ -481,9 +483,9 @@ public final class Smartcard {
     // ---- Deletion ----
 
     /**
-     * Destroys the first 20 objects of all kinds that the session sees. Call again while
-     * {@link #getObjectCountInTheTokenDLL getObjectCountInTheTokenDLL} falls: what the token refuses to destroy
-     * stays. Without a login private objects stay.
+     * Destroys the first 20 objects of all kinds that the session sees. Call again until {@link #isCardEmptyDLL
+     * isCardEmptyDLL} answers 0, but not for ever: what the token refuses to destroy stays. Without a login private
+     * objects stay.
      *
      * @param slotIndex a slot with a session
      * @return -1, or the code of ending the search: an object that could not be destroyed does not show
