@@ -55,7 +55,8 @@ std::string EntryPoint::inForm(unsigned code) const {
 
 const std::vector<EntryPoint>& entryPoints() {
 #define ENTRY(name) #name, Java_com_calvenhor_vork_utils_Smartcard_##name##DLL
-#define RSA "n", "e", "SECRET d", "SECRET p", "SECRET q", "SECRET dp", "SECRET dq", "SECRET qi"
+#define SECRET(name) "SECRET " name " SECRET"
+#define RSA "n", "e", SECRET("d"), SECRET("p"), SECRET("q"), SECRET("dp"), SECRET("dq"), SECRET("qi")
   const Argument slot(0, true);
   static const std::vector<EntryPoint> table = {
       entry(ENTRY(init), {MOCK_MODULE}, State::kUnbound),
@@ -108,12 +109,13 @@ const std::vector<EntryPoint>& entryPoints() {
       entry(ENTRY(deletePublicKey), {slot, "id"}, State::kUser, {"C_FindObjects", "C_FindObjectsFinal"}),
       entry(ENTRY(deletePrivateKey), {slot, "id"}, State::kUser, {"C_FindObjects", "C_FindObjectsFinal"}),
       entry(ENTRY(deleteAllCertificates), {slot}, State::kUser, {"C_FindObjects", "C_FindObjectsFinal#1"}),
-      entry(ENTRY(sign), {slot, "SECRET data"}, State::kUser, {"C_FindObjectsFinal"}),
-      entry(ENTRY(signWithID), {slot, "SECRET data", "id"}, State::kUser, {"C_FindObjectsFinal"}),
+      entry(ENTRY(sign), {slot, SECRET("data")}, State::kUser, {"C_FindObjectsFinal"}),
+      entry(ENTRY(signWithID), {slot, SECRET("data"), "id"}, State::kUser, {"C_FindObjectsFinal"}),
       entry(ENTRY(generateKeyPair), {slot, 1024, "e", "id", "label"}),
       entry(ENTRY(decrypt), {}),
   };
 #undef RSA
+#undef SECRET
 #undef ENTRY
   return table;
 }

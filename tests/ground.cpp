@@ -109,6 +109,13 @@ void Ground::addTraces() {
   }
 }
 
+std::vector<std::pair<std::string, std::size_t>> Ground::moduleCalls() const {
+  std::map<std::string, std::size_t> made;
+  std::vector<std::pair<std::string, std::size_t>> all;
+  for (const auto& line : module.log) all.emplace_back(mock::nameOf(line), ++made[mock::nameOf(line)]);
+  return all;
+}
+
 bool Ground::called(const std::string& text) const {
   return std::ranges::any_of(module.log, [&](const auto& line) { return line.find(text) != line.npos; });
 }

@@ -30,6 +30,9 @@ class Ground : public testing::Test {
   /// in quotes. S is the session of slot 0; O1, O2, … are the objects in the order in which they were made.
   std::vector<std::string> record;
 
+  /// The calls that the last one made to the module: the function, and the how manieth of it this is.
+  std::vector<std::pair<std::string, std::size_t>> moduleCalls() const;
+
   /// Whether the last call made one of the module's that holds this text.
   bool called(const std::string& text) const;
 

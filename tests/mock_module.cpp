@@ -160,7 +160,7 @@ void define(CK_RV (*&function)(First, Rest...), const char* text, Body) {
     CK_RV told = done;
     if (state.onAnswer) state.onAnswer(call, told, numbers);
     conclude(name, words, done, told, numbers);
-    return told;
+    return state.lastCode = told;
   };
 }
 

@@ -9,8 +9,12 @@
 
 namespace {
 
-class Output : public Ground {
+class Output : public Ground, public testing::WithParamInterface<int> {
  protected:
+  Output() {
+    if (GetParam() == _IONBF) std::setvbuf(stdout, nullptr, _IONBF, 0);
+  }
+
   /// The answers of some entry points that trace, with standard output at this file or nowhere.
   std::string answersAt(int file) {
     begin(State::kUnbound, true);
@@ -37,7 +41,7 @@ class Output : public Ground {
   }
 };
 
-TEST_F(Output, ThatIsBrokenChangesNoResultAndKillsNobody) {
+TEST_P(Output, ThatIsBrokenChangesNoResultAndKillsNobody) {
   const std::string answers = answersAt(open("/dev/null", O_WRONLY));
   EXPECT_TRUE(answers.starts_with("0 0 0 {{00} {69 64}")) << answers;
   signal(SIGPIPE, SIG_DFL);
@@ -57,6 +61,10 @@ TEST_F(Output, ThatIsBrokenChangesNoResultAndKillsNobody) {
   answersAt(brokenPipe());
   constexpr timespec atOnce = {0, 0};
   EXPECT_EQ(sigtimedwait(&signals, nullptr, &atOnce), SIGPIPE) << "the host's own signal was eaten";
+  pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
 }
+
+// Buffered, traces are written when they are flushed; unbuffered, as they are made.
+INSTANTIATE_TEST_SUITE_P(BufferedOrNot, Output, testing::Values(_IOFBF, _IONBF));
 
 }  // namespace

@@ -3,7 +3,6 @@
 // up.
 
 #include <algorithm>
-#include <map>
 
 #include "ground.h"
 
@@ -16,9 +15,14 @@ class Sweep : public Ground {
     return call(entry);
   }
 
-  /// The library as sound as before: a search can begin, at once and after another bind.
-  void expectSound() {
-    EXPECT_NE(std::to_string(CKR_OPERATION_ACTIVE), call("deletePublicKey", {0, "none"}));
+  /// The library as sound as before: `rv` is the module's last code, which a guard leaves alone; the session,
+  /// if the call was not to end it, can search; and so it can after another bind.
+  void expectSound(const EntryPoint& entry) {
+    const CK_RV last = module.lastCode;
+    EXPECT_EQ("-1", call("logout", {99}));
+    EXPECT_EQ(entryPoint("readSlotDescription").inForm(last & 0xffU), call("readSlotDescription", {99}));
+    const bool isOver = entry.name == "closeSession" || entry.name == "finalize";
+    EXPECT_EQ(entry.state < State::kOpen || isOver, call("isCardEmpty", {0}) == "-1");
     begin(State::kOpen);
     EXPECT_EQ("0", call("isCardEmpty", {0}));
   }
@@ -35,22 +39,18 @@ TEST_F(Sweep, EveryCallOfTheModuleFails) {
   for (const auto& entry : entryPoints()) {
     const std::string success = succeed(entry);
     EXPECT_NE(success, entry.inForm(CKR_GENERAL_ERROR)) << entry.name;
-    std::map<std::string, std::size_t> made;
-    const auto log = module.log;
-    for (const auto& line : log) {
-      const std::string function = mock::nameOf(line);
-      const std::size_t nth = ++made[function];
+    for (const auto& [function, nth] : moduleCalls()) {
       const bool isKept =
           entry.keptBack.contains(function) || entry.keptBack.contains(function + '#' + std::to_string(nth));
       for (const CK_RV code :
            {0x02UL, 0x30UL, 0x54UL, 0xb3UL, 0xe0UL, 0x101UL, 0x150UL, 0x191UL, 0x200UL, 0x1'8000'0001UL}) {
-        // In a listing that is as long as it should be, a status byte of 0 is success.
-        if (entry.form == "{{%}}" && (code & 0xffU) == 0) continue;
         SCOPED_TRACE(entry.name + ", " + function + ' ' + std::to_string(nth) + ", " + std::to_string(code));
         begin(entry.state, true);
         module.failAt(function, nth, code);
-        EXPECT_EQ(isKept, call(entry) == success);
-        expectSound();
+        const bool hasSucceeded = call(entry) == success;
+        // In a listing that is as long as it should be, a status byte of 0 is success.
+        EXPECT_TRUE(isKept == hasSucceeded || (entry.form == "{{%}}" && (code & 0xffU) == 0));
+        expectSound(entry);
       }
     }
   }
@@ -64,7 +64,7 @@ TEST_F(Sweep, EveryAllocationOfTheVirtualMachineIsRefused) {
       SCOPED_TRACE(entry.name + ", allocation " + std::to_string(nth));
       begin(entry.state, true);
       EXPECT_EQ(call(entry, nth), entry.form == "%" ? "2" : "null");
-      expectSound();
+      expectSound(entry);
     }
   }
 }
@@ -155,11 +155,13 @@ TEST_F(Sweep, EveryState) {
 
 TEST_F(Sweep, EveryFunctionIsMissing) {
   for (const auto& entry : entryPoints()) {
+    SCOPED_TRACE(entry.name);
+    const std::string success = succeed(entry);
+    const bool asksModule = called("C_");
     begin(entry.state, true);
     module.functions = {};
-    call(entry);
-    EXPECT_EQ(module.log.size(), entry.state == State::kUnbound ? 1U : 0U) << entry.name;
-    expectSound();
+    EXPECT_EQ(asksModule, call(entry) != success);
+    EXPECT_EQ(module.log.size(), entry.state == State::kUnbound ? 1U : 0U);
   }
 }
 
