@@ -37,6 +37,9 @@ class MockTest {
     /** The names of the functions called since the last time, with a blank between two. */
     private static native String takeCalls();
 
+    /** The objects on the token, the open sessions and the active searches. */
+    private static native long liveObjects();
+
     /** Binds a new mock module and brings it to where the method succeeds. */
     private static void prepare(String method) {
         Smartcard.finalizeDLL();
@@ -99,7 +102,7 @@ class MockTest {
             failsAfter(() -> Smartcard.closeSessionDLL(0), method, arguments);
             boolean needsModule = !method.getName().matches("(init|getSlotCount|decrypt)DLL");
             assertEquals(needsModule, failsAfter(Smartcard::finalizeDLL, method, arguments), method.getName());
-            for (String step : List.of("C_GetFunctionList", "C_Initialize", "C_GetSlotList")) {
+            for (String step : List.of("C_GetFunctionList 1", "C_Initialize 1", "C_GetSlotList 1", "C_GetSlotList 2")) {
                 assertEquals(needsModule, failsAfter(() -> failToBind(step), method, arguments), method.getName());
             }
             boolean isSecond = method.getName().equals("initDLL");
@@ -111,8 +114,10 @@ class MockTest {
 
     private static void failToBind(String step) {
         Smartcard.finalizeDLL();
-        failAt(step, 1, 0x30);
+        String[] functionAndNth = step.split(" ");
+        failAt(functionAndNth[0], Integer.parseInt(functionAndNth[1]), 0x30);
         assertEquals(0x30, Smartcard.initDLL(MODULE));
+        assertEquals(-1, Smartcard.initDLL("no such module"));
     }
 
     private static void failEachCall(Method method, Object[] arguments) throws Exception {
@@ -180,6 +185,15 @@ class MockTest {
             takeCalls();
         });
         assertEquals(List.of(), neverSucceeded);
+
+        Smartcard.closeSessionDLL(0);
+        assertEquals(0, Smartcard.openSessionDLL(0));
+        assertEquals(0, Smartcard.loginDLL(0, "1", 1));
+        while (Smartcard.isCardEmptyDLL(0) == 1) {
+            assertEquals(0, Smartcard.deleteDLL(0));
+        }
+        assertEquals(0, Smartcard.closeSessionDLL(0));
+        assertEquals(0, liveObjects());
     }
 
     @Test

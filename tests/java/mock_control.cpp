@@ -17,6 +17,11 @@ JNIEXPORT void JNICALL Java_MockTest_failAt(JNIEnv* env, jclass, jstring functio
   env->ReleaseStringUTFChars(function, name);
 }
 
+JNIEXPORT jlong JNICALL Java_MockTest_liveObjects(JNIEnv*, jclass) {
+  const mock::Module& module = *mockModule();
+  return static_cast<jlong>(module.slots[0].objects.size() + module.sessions.size() + module.searches.size());
+}
+
 JNIEXPORT jstring JNICALL Java_MockTest_takeCalls(JNIEnv* env, jclass) {
   const std::string names = mockModule()->names();
   mockModule()->log.clear();
