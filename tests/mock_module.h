@@ -90,9 +90,8 @@ struct Module {
     list = &functions;
   }
 
-  // What C_GetFunctionList hands out. A test makes one function odd by swapping its pointer for a lambda
-  // (which reaches the true one in `genuine`) or for null; functions that the library has no use for are null
-  // anyway.
+  // What C_GetFunctionList hands out. A test takes a function away by making its pointer null; those that the
+  // library has no use for are null anyway.
   CK_FUNCTION_LIST genuine;
   CK_FUNCTION_LIST functions;
   CK_FUNCTION_LIST* list = &functions;  // may be null
@@ -109,7 +108,7 @@ struct Module {
 
   // What the caller was told, which is not what is so when a test bends the answers.
   std::map<CK_SESSION_HANDLE, std::deque<CK_OBJECT_HANDLE>> searches;  // the active ones, with what is left
-  CK_RV lastCode = CKR_OK;
+  CK_RV lastCode = CKR_OK;                                             // of any call
   std::set<CK_OBJECT_HANDLE> yielded;  // by searches and key generation, until a test clears it
 
   /// Every call in order, as text with its arguments. Bytes are hexadecimal, PINs and labels are in quotes, a
