@@ -196,6 +196,7 @@ CK_FUNCTION_LIST functions() {
 #define SESSION(name, form, ...) FUNCTION(name, "session %x" form, __VA_ARGS__)
 
   FUNCTION(GetFunctionList, "%-", [](CK_ULONG address) {
+    if (state.list == nullptr) return;
     *reinterpret_cast<CK_FUNCTION_LIST**>(address) =
         state.freshListEachTime ? &state.freshLists.emplace_back(state.functions) : state.list;
   });

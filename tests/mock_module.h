@@ -94,7 +94,7 @@ struct Module {
   // library has no use for are null anyway.
   CK_FUNCTION_LIST genuine;
   CK_FUNCTION_LIST functions;
-  CK_FUNCTION_LIST* list = &functions;  // may be null
+  CK_FUNCTION_LIST* list = &functions;  // if null, nothing is handed out
   bool freshListEachTime = false;       // every C_GetFunctionList hands out another copy of `functions`
   std::deque<CK_FUNCTION_LIST> freshLists;
 
