@@ -19,13 +19,8 @@
 
 namespace mock {
 
-using namespace std::string_literals;
 using Bytes = std::string;
 using Attributes = std::map<CK_ATTRIBUTE_TYPE, Bytes>;
-
-// Real modules use heap addresses as handles: none of ours fits 32 bits, none is used twice.
-constexpr CK_SESSION_HANDLE kFirstSession = 0x7e0000000501;
-constexpr CK_OBJECT_HANDLE kFirstObject = 0x7f0000000010;
 
 inline Bytes number(CK_ULONG value) { return {reinterpret_cast<const char*>(&value), sizeof value}; }
 const Bytes kTrue{CK_TRUE};
@@ -121,15 +116,9 @@ struct Module {
 
   std::map<std::string, std::size_t> calls;  // of each function, since the last reset
   std::map<std::pair<std::string, std::size_t>, CK_RV> faults;
-  CK_SESSION_HANDLE nextSession = kFirstSession;
-  CK_OBJECT_HANDLE nextObject = kFirstObject;
-
-  /// The names in the log, with a blank between two.
-  std::string names() const {
-    std::string all;
-    for (const auto& line : log) all += (all.empty() ? "" : " ") + nameOf(line);
-    return all;
-  }
+  // Real modules use heap addresses as handles: none of ours fits 32 bits, none is used twice.
+  CK_SESSION_HANDLE nextSession = 0x7e0000000501;
+  CK_OBJECT_HANDLE nextObject = 0x7f0000000010;
 
   /// The nth call of the function from now, the next one being 1, answers `code` and does nothing else. What
   /// ends an operation ends it all the same: C_FindObjectsFinal, C_Finalize and, but for a buffer that is too
@@ -148,7 +137,8 @@ struct Module {
     Attributes all = {{CKA_CLASS, number(kind)}, {CKA_ID, id}, {CKA_LABEL, label}};
     const bool isKey = kind == CKO_PUBLIC_KEY || kind == CKO_PRIVATE_KEY;
     all[isKey ? CKA_MODULUS : CKA_VALUE] = content;
-    if (isKey) all.merge(Attributes{{CKA_KEY_TYPE, number(CKK_RSA)}, {CKA_PUBLIC_EXPONENT, "\1\0\1"s}});
+    if (isKey)
+      all.merge(Attributes{{CKA_KEY_TYPE, number(CKK_RSA)}, {CKA_PUBLIC_EXPONENT, Bytes("\1\0\1", 3)}});
     if (kind == CKO_CERTIFICATE) all[CKA_CERTIFICATE_TYPE] = number(CKC_X_509);
     if (kind == CKO_PRIVATE_KEY) all[CKA_PRIVATE] = kTrue;
     addObject(slots.at(0), all);

@@ -23,7 +23,8 @@ JNIEXPORT jlong JNICALL Java_MockTest_liveObjects(JNIEnv*, jclass) {
 }
 
 JNIEXPORT jstring JNICALL Java_MockTest_takeCalls(JNIEnv* env, jclass) {
-  const std::string names = mockModule()->names();
+  std::string names;
+  for (const auto& line : mockModule()->log) names += (names.empty() ? "" : " ") + mock::nameOf(line);
   mockModule()->log.clear();
   mockModule()->yielded.clear();
   return env->NewStringUTF(names.c_str());
