@@ -1,5 +1,4 @@
 #include <array>
-#include <span>
 
 #include "com_calvenhor_vork_utils_Smartcard.h"
 #include "marshal.h"
@@ -16,7 +15,8 @@ CK_RV destroy(Session session, CK_OBJECT_HANDLE object) {
 }
 
 /// Destroys the first object that matches, after its search has ended. Nothing to destroy is no failure.
-jlong destroyFirst(Session session, std::span<CK_ATTRIBUTE> wanted) {
+template <std::size_t N>
+jlong destroyFirst(Session session, const std::array<CK_ATTRIBUTE, N>& wanted) {
   Search search(session, wanted);
   runTraced(search, "FindObjectsInit");
   if (search.found()) {
@@ -35,8 +35,7 @@ jlong deleteKey(JNIEnv* env, jlong slotIndex, jbyteArray jId) try {
   ByteInput id(env, jId);
   id.take();
 
-  auto wanted = tokenKeySearch<Class>(id);
-  return destroyFirst(sessionAt(slotIndex), wanted);
+  return destroyFirst(sessionAt(slotIndex), tokenKeySearch<Class>(id));
 } catch (...) {
   return CKR_HOST_MEMORY;
 }
@@ -64,7 +63,7 @@ JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_deleteCertificat
   ByteInput label(env, jLabel);
   takeAll(label, id, names);
 
-  std::array wanted = {
+  const std::array wanted = {
       objectClass<CKO_CERTIFICATE>(),
       x509(),
       flag(CKA_TOKEN, yes),
@@ -100,9 +99,8 @@ JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_deleteAllCertifi
   if (!hasSession(slotIndex)) return kBadSlotIndex;
   const Session session = sessionAt(slotIndex);
 
-  std::array wanted = {objectClass<CKO_CERTIFICATE>(), x509(), flag(CKA_TOKEN, yes)};
   for (;;) {
-    Search search(session, wanted);
+    Search search(session, std::array{objectClass<CKO_CERTIFICATE>(), x509(), flag(CKA_TOKEN, yes)});
     search.next();
     if (!search.found()) return asJava(search.end());
     // The next pass would find a certificate that cannot be destroyed again, and so on for ever.

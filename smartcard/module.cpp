@@ -56,7 +56,6 @@ class LoadedModule {
 /// Takes the module's function list and initialises the module through it.
 CK_RV initialise(CK_C_GetFunctionList getFunctionList, CK_FUNCTION_LIST_PTR& list) {
   list = nullptr;
-  flushTraces();
   rv = getFunctionList(&list);
   if (rv != CKR_OK) return rv;
   trace("Got fuction list\n");

@@ -23,7 +23,7 @@ jbyteArray readValue(JNIEnv* env, jlong slotIndex, CK_ATTRIBUTE kind) {
   const Session session = sessionAt(slotIndex);
   const StatusArray status(env);
 
-  Search search(session, {&kind, 1});
+  Search search(session, std::array{kind});
   search.next();
   if (search.count() != 1) return status.holding(kNotExactlyOne);
   if (!search.found()) return status.holding(kSearchFailed);
@@ -42,7 +42,7 @@ jbyteArray readName(JNIEnv* env, jlong slotIndex, CK_ATTRIBUTE kind, CK_ATTRIBUT
   const Session session = sessionAt(slotIndex);
   const StatusArray status(env);
 
-  Search search(session, {&kind, 1});
+  Search search(session, std::array{kind});
   search.next();
   if (!search.found()) {
     search.end();
@@ -113,14 +113,13 @@ void storeGroup(JNIEnv* env, ListResult& list, CK_ULONG k, const std::array<Colu
 }
 
 /// Both key listings: counts the keys, so that the result has its final size from the start, then reads them.
-template <std::size_t N>
-jobjectArray listRsaKeys(JNIEnv* env, jlong slotIndex, CK_ATTRIBUTE kind, const char* kindName,
+template <CK_OBJECT_CLASS Class, std::size_t N>
+jobjectArray listRsaKeys(JNIEnv* env, jlong slotIndex, const char* className,
                          const std::array<Column, N>& columns) {
   const Session session = sessionAt(slotIndex);
   const StatusArray status(env);
-  std::array wanted = {kind, rsa()};
 
-  Search counting(session, wanted);
+  Search counting(session, rsaKeySearch<Class>());
   if (!counting.begun()) return statusOnly(env, status.holding(rv));
   CK_ULONG keyCount = 0;
   for (;; ++keyCount) {
@@ -128,7 +127,7 @@ jobjectArray listRsaKeys(JNIEnv* env, jlong slotIndex, CK_ATTRIBUTE kind, const 
     if (!counting.found()) break;
   }
   if (counting.end() != CKR_OK) return statusOnly(env, status.holding(rv));
-  trace("Total%sKeyCount = %d\n", kindName, dec32(keyCount));
+  trace("Total%sKeyCount = %d\n", className, dec32(keyCount));
 
   ListResult list(env, status.array(), listLength<N>(keyCount));
   list.setStatus(status.holding(0));
@@ -138,7 +137,7 @@ jobjectArray listRsaKeys(JNIEnv* env, jlong slotIndex, CK_ATTRIBUTE kind, const 
   };
   if (keyCount == 0) return list.array();
 
-  Search search(session, wanted);
+  Search search(session, rsaKeySearch<Class>());
   if (!search.begun()) return failed(rv);
   if (search.next() != CKR_OK) return failed(rv);
   for (CK_ULONG k = 1; k <= keyCount; ++k) {
@@ -195,10 +194,9 @@ Java_com_calvenhor_vork_utils_Smartcard_readAllCertificatesDLL(JNIEnv* env, jcla
   const TracedCall traced;
   const Session session = sessionAt(slotIndex);
   const StatusArray status(env);
-  std::array wanted = {x509()};
   trace("slotIndex = %d", dec32(static_cast<CK_ULONG>(slotIndex)));
 
-  Search counting(session, wanted);
+  Search counting(session, std::array{x509()});
   trace("C_FindObjectsInit = 0x%x\n", hex32(rv));
   if (!counting.begun()) return statusOnly(env, status.holding(rv));
   CK_ULONG certificateCount = 0;
@@ -220,7 +218,7 @@ Java_com_calvenhor_vork_utils_Smartcard_readAllCertificatesDLL(JNIEnv* env, jcla
   };
   if (certificateCount == 0) return list.array();
 
-  Search search(session, wanted);
+  Search search(session, std::array{x509()});
   trace("C_FindObjectsInit (2) = 0x%x\n", hex32(rv));
   if (search.next() != CKR_OK) return failedAlone(env, status, search);
   for (CK_ULONG k = 1; k <= certificateCount; ++k) {
@@ -247,7 +245,7 @@ Java_com_calvenhor_vork_utils_Smartcard_readAllCertificatesDLL(JNIEnv* env, jcla
 JNIEXPORT jobjectArray JNICALL
 Java_com_calvenhor_vork_utils_Smartcard_readAllRSAPublicKeysDLL(JNIEnv* env, jclass, jlong slotIndex) try {
   const TracedCall traced;
-  return listRsaKeys(env, slotIndex, objectClass<CKO_PUBLIC_KEY>(), "Public", kPublicKey);
+  return listRsaKeys<CKO_PUBLIC_KEY>(env, slotIndex, "Public", kPublicKey);
 } catch (...) {
   return outOfMemoryList(env);
 }
@@ -255,7 +253,7 @@ Java_com_calvenhor_vork_utils_Smartcard_readAllRSAPublicKeysDLL(JNIEnv* env, jcl
 JNIEXPORT jobjectArray JNICALL
 Java_com_calvenhor_vork_utils_Smartcard_readAllRSAPrivateKeysDLL(JNIEnv* env, jclass, jlong slotIndex) try {
   const TracedCall traced;
-  return listRsaKeys(env, slotIndex, objectClass<CKO_PRIVATE_KEY>(), "Private", kPrivateKey);
+  return listRsaKeys<CKO_PRIVATE_KEY>(env, slotIndex, "Private", kPrivateKey);
 } catch (...) {
   return outOfMemoryList(env);
 }

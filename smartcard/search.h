@@ -20,7 +20,8 @@ template <std::size_t Room = 1>
 class Search {
  public:
   /// An empty template matches every object.
-  explicit Search(Session session, std::span<CK_ATTRIBUTE> wanted = {}) : session_(session) {
+  template <std::size_t N = 0>
+  explicit Search(Session session, std::array<CK_ATTRIBUTE, N> wanted = {}) : session_(session) {
     begin_ = call(&CK_FUNCTION_LIST::C_FindObjectsInit, session_, wanted.data(), wanted.size());
     active_ = begun();
   }

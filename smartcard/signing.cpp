@@ -23,8 +23,7 @@ JNIEXPORT jbyteArray JNICALL Java_com_calvenhor_vork_utils_Smartcard_signDLL(JNI
   data.take();
   const StatusArray status(env);
 
-  std::array wanted = {objectClass<CKO_PRIVATE_KEY>()};
-  Search search(session, wanted);
+  Search search(session, std::array{objectClass<CKO_PRIVATE_KEY>()});
   search.next();
   search.end();
   if (!search.found()) return status.holding(0);
@@ -71,8 +70,7 @@ JNIEXPORT jbyteArray JNICALL Java_com_calvenhor_vork_utils_Smartcard_signWithIDD
   data.take();
   const StatusArray status(env);
 
-  std::array wanted = {objectClass<CKO_PRIVATE_KEY>(), bytes(CKA_ID, id)};
-  Search search(session, wanted);
+  Search search(session, std::array{objectClass<CKO_PRIVATE_KEY>(), bytes(CKA_ID, id)});
   trace("C_FindObjectsInit = 0x%x\n", hex32(rv));
   search.next();
   trace("C_FindObjects = 0x%x\n", hex32(rv));

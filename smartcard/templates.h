@@ -8,7 +8,8 @@
 #include "module.h"
 
 // Attributes. Constants have static storage and byte strings belong to the inputs, so that an attribute, and
-// a template made of attributes, may be copied freely.
+// a template made of attributes, may be copied freely. A template is
+// sent once: the next call gets a new one.
 
 /// A CK_ULONG attribute of a fixed value: an object class, a key type, a certificate type. The module gets a
 /// pointer that it could write through: the value can bear it, and each template has it right again.
@@ -26,7 +27,11 @@ CK_ATTRIBUTE objectClass() {
 inline CK_ATTRIBUTE rsa() { return constant<CKA_KEY_TYPE, CKK_RSA>(); }
 inline CK_ATTRIBUTE x509() { return constant<CKA_CERTIFICATE_TYPE, CKC_X_509>(); }
 
-inline CK_ATTRIBUTE flag(CK_ATTRIBUTE_TYPE type, CK_BBOOL& value) { return {type, &value, sizeof value}; }
+/// A boolean attribute: `yes` or `no`, which the module could write to as well.
+inline CK_ATTRIBUTE flag(CK_ATTRIBUTE_TYPE type, CK_BBOOL& value) {
+  value = &value == &yes ? CK_TRUE : CK_FALSE;
+  return {type, &value, sizeof value};
+}
 
 inline CK_ATTRIBUTE bytes(CK_ATTRIBUTE_TYPE type, const ByteInput& input) {
   return {type, input.data(), input.size()};
@@ -68,6 +73,12 @@ struct RsaComponents {
 };
 
 // Templates of more than one caller, one attribute a line in the order sent.
+
+/// The RSA keys of one class, on the token and of the session.
+template <CK_OBJECT_CLASS Class>
+std::array<CK_ATTRIBUTE, 2> rsaKeySearch() {
+  return {objectClass<Class>(), rsa()};
+}
 
 /// A key on the token, by its ID.
 template <CK_OBJECT_CLASS Class>

@@ -27,7 +27,7 @@ void takeTraced(const char* heading, ByteInput& input) {
 }
 
 /// Gives the key that was found its new ID and label.
-CK_RV update(Session session, const Search<>& key, std::span<CK_ATTRIBUTE> names) {
+CK_RV update(Session session, const Search<>& key, std::array<CK_ATTRIBUTE, 2> names) {
   if (!key.found()) return key.absence();
   return call(&CK_FUNCTION_LIST::C_SetAttributeValue, session, key.object(), names.data(), names.size());
 }
@@ -211,14 +211,12 @@ JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_updateKeyPairIDA
   ByteInput newId(env, jNewId);
   newId.take();
 
-  auto wantedPrivate = tokenKeySearch<CKO_PRIVATE_KEY>(id);
-  Search privateKey(session, wantedPrivate);
+  Search privateKey(session, tokenKeySearch<CKO_PRIVATE_KEY>(id));
   runTraced(privateKey, "FindObjectsInit (Priv)");
-  auto wantedPublic = tokenKeySearch<CKO_PUBLIC_KEY>(id);
-  Search publicKey(session, wantedPublic);
+  Search publicKey(session, tokenKeySearch<CKO_PUBLIC_KEY>(id));
   runTraced(publicKey, "FindObjectsInit (Public)");
 
-  std::array names = {bytes(CKA_ID, newId), bytes(CKA_LABEL, newLabel)};
+  const std::array names = {bytes(CKA_ID, newId), bytes(CKA_LABEL, newLabel)};
   trace("Private key update = %d", dec32(update(session, privateKey, names)));
   const CK_RV result = update(session, publicKey, names);
   trace("Public key update = %d", dec32(result));
@@ -235,8 +233,7 @@ JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_setCertificateLa
   if (!hasSession(slotIndex)) return kBadSlotIndex;
   const Session session = sessionAt(slotIndex);
 
-  std::array wantedKey = {objectClass<CKO_PUBLIC_KEY>()};
-  Search keys(session, wantedKey);
+  Search keys(session, std::array{objectClass<CKO_PUBLIC_KEY>()});
   keys.next();
   if (!keys.found()) return asJava(keys.absence());
   AttributeRead<1> label(session, keys.object(), {CKA_LABEL});
@@ -244,8 +241,7 @@ JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_setCertificateLa
   if (const CK_RV result = label.values(); result != CKR_OK) return asJava(result);
   keys.end();
 
-  std::array wantedCertificate = {x509()};
-  Search certificates(session, wantedCertificate);
+  Search certificates(session, std::array{x509()});
   certificates.next();
   if (!certificates.found()) return asJava(certificates.absence());
   CK_ATTRIBUTE newLabel = {CKA_LABEL, label[0].data(), label[0].size()};
