@@ -46,9 +46,10 @@ EntryPoint entry(const char* name, Result (*function)(JNIEnv*, jclass, Parameter
 
 }  // namespace
 
-std::string EntryPoint::inForm(unsigned code) const {
-  char shownCode[16];
-  std::snprintf(shownCode, sizeof shownCode, form == "%" ? "%u" : "%02x", form == "%" ? code : code & 0xffU);
+std::string EntryPoint::inForm(CK_RV code) const {
+  char shownCode[24];
+  std::snprintf(shownCode, sizeof shownCode, form == "%" ? "%lu" : "%02lx",
+                form == "%" ? code : code & 0xffU);
   const auto place = form.find('%');
   return place == std::string::npos ? form : std::string(form).replace(place, 1, shownCode);
 }

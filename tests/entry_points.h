@@ -44,7 +44,7 @@ struct EntryPoint {
   /// Answers with what came back, as the fake virtual machine shows it.
   std::function<std::string(FakeJni&, const Arguments&)> call;
 
-  std::string inForm(unsigned code) const;
+  std::string inForm(CK_RV code) const;
 };
 
 const std::vector<EntryPoint>& entryPoints();

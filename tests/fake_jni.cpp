@@ -37,6 +37,7 @@ FakeJni::FakeJni() : table_() {
     const auto found = jni.values_.find(reference);
     require(found != jni.values_.end() && found->second.state == kLocal, "not a local reference");
     found->second.state = kDeleted;
+    --jni.locals_;
   });
 }
 
@@ -65,5 +66,6 @@ void FakeJni::clear() {
   log.clear();
   faults.clear();
   hasError_ = false;
+  locals_ = 0;
   allocations_ = refuseAt_ = 0;
 }

@@ -99,6 +99,7 @@ class FakeJni : JNIEnv {
   bool refuses() { return ++allocations_ == refuseAt_; }
   /// References are no addresses: whoever dereferences one crashes.
   jobject add(const std::string& name, State state, Content content) {
+    require(state != kLocal || ++locals_ <= 16, "more local references than are promised");
     const auto reference = reinterpret_cast<jobject>((values_.size() + 1) * 0x10);
     values_[reference] = {name, state, std::move(content)};
     return reference;
@@ -152,6 +153,7 @@ class FakeJni : JNIEnv {
   // By address: the content and a copy of exactly its size, so that a sanitizer sees any step beyond.
   std::map<const void*, std::pair<const void*, std::shared_ptr<void>>> acquired_;
   bool hasError_ = false;  // pending
+  int locals_ = 0;         // local references that live
   std::size_t allocations_ = 0;
   std::size_t refuseAt_ = 0;
 };

@@ -7,6 +7,30 @@
 #include <algorithm>
 #include <cstdio>
 
+namespace {
+
+std::function<void(const std::string&)>
+    onLoad;  // told what the library asks of the loader, before it is done
+
+/// The loader's own function behind one of ours.
+template <class Function>
+Function* genuine(Function*, const char* name) {
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+// An executable's own functions come before the C library's.
+extern "C" [[gnu::visibility("default")]] void* dlopen(const char* path, int mode) noexcept {
+  if (onLoad) onLoad("dlopen(" + std::string(path) + ", " + std::to_string(mode) + ")");
+  return genuine(dlopen, "dlopen")(path, mode);
+}
+
+extern "C" [[gnu::visibility("default")]] int dlclose(void* handle) noexcept {
+  if (onLoad) onLoad("dlclose()");
+  return genuine(dlclose, "dlclose")(handle);
+}
+
 Ground::Ground()
     : output_(memfd_create("stdout", 0)),
       traced_(0),
@@ -47,6 +71,7 @@ std::string Ground::call(const std::string& name, const Arguments& arguments, st
   java.clear();
   module.log.clear();
   module.yielded.clear();
+  module.codes.clear();
   module.broken.clear();
   record.clear();
   buffer_.clear();
@@ -61,6 +86,10 @@ std::string Ground::call(const std::string& name, const Arguments& arguments, st
     add(line);
     if (onCall) onCall(line);
   };
+  onLoad = [this](const std::string& line) {
+    addTraces();  // nor here: a module's own code may run
+    add(line);
+  };
   if (refusedAllocation != 0) java.refuse(refusedAllocation);
 
   std::fflush(stdout);
@@ -72,6 +101,7 @@ std::string Ground::call(const std::string& name, const Arguments& arguments, st
   dup2(before, STDOUT_FILENO);
   close(before);
 
+  onLoad = nullptr;
   module.onCall = onCall;
   java.onCall = nullptr;
   EXPECT_EQ(java.faults, std::vector<std::string>{});

@@ -3,6 +3,7 @@
 #include "mock_module.h"
 
 #include <array>
+#include <cstring>
 #include <sstream>
 
 namespace mock {
@@ -44,7 +45,9 @@ std::string describe(std::string_view form, const CK_ULONG* words) {
     if (kind == 'u') out << std::dec << first;
     if (kind == 'p') out << (first == 0 ? "null" : "not null");
     if (kind == 'l') out << '"' << view(pointer, 32) << (view(pointer, 33).back() == 0 ? "\\0\"" : "\"");
-    if (kind == 'm') out << "0x" << std::hex << static_cast<const CK_MECHANISM*>(pointer)->mechanism;
+    if (const auto* m = static_cast<const CK_MECHANISM*>(pointer); kind == 'm')
+      out << "0x" << std::hex << m->mechanism
+          << (m->pParameter == nullptr && m->ulParameterLen == 0 ? "" : " with a parameter");
     if (std::isupper(kind) && first == 0)
       out << "null" << (second == 0 || kind == 'R' ? "" : '/' + std::to_string(second));
     if (first == 0) continue;
@@ -160,6 +163,7 @@ void define(CK_RV (*&function)(First, Rest...), const char* text, Body) {
     CK_RV told = done;
     if (state.onAnswer) state.onAnswer(call, told, numbers);
     conclude(name, words, done, told, numbers);
+    state.codes.insert(told);
     return state.lastCode = told;
   };
 }
@@ -172,8 +176,11 @@ Object& objectOf(const Session& session, CK_OBJECT_HANDLE handle) {
 
 Attributes attributesIn(const CK_ATTRIBUTE* attributes, CK_ULONG count) {
   Attributes all;
-  for (const auto* a = attributes; a != attributes + count; ++a)
-    all[a->type] = view(a->pValue, a->ulValueLen);
+  for (const auto* a = attributes; a != attributes + count; ++a) {
+    const Bytes& value = all[a->type] = view(a->pValue, a->ulValueLen);
+    const bool isConstant = value == kTrue || value == kFalse || value.size() == sizeof(CK_ULONG);
+    if (state.overwritesConstants && isConstant) std::memset(a->pValue, 0xff, a->ulValueLen);
+  }
   return all;
 }
 
@@ -219,7 +226,8 @@ CK_FUNCTION_LIST functions() {
     require(slot.mechanisms.contains(type), CKR_MECHANISM_INVALID);
     *info = slot.mechanisms.at(type);
   });
-  FUNCTION(WaitForSlotEvent, "flags %u", [](CK_ULONG, auto* slot, auto*) { *slot = state.slots.front().id; });
+  FUNCTION(WaitForSlotEvent, "flags %u, reserved %-%p",
+           [](CK_ULONG, auto* slot, auto*) { *slot = state.slots.front().id; });
   FUNCTION(InitToken, "slot %x, PIN %S, label %l", [](Slot& slot, auto* pin, auto length, auto* label) {
     require(!hasSession(slot), CKR_SESSION_EXISTS);
     require(slot.soPin == view(pin, length), CKR_PIN_INCORRECT);
@@ -227,10 +235,11 @@ CK_FUNCTION_LIST functions() {
     slot.objects.clear();
   });
 
-  FUNCTION(OpenSession, "slot %x, flags %u", [](Slot& slot, auto, auto*, auto*, auto* session) {
-    *session = state.nextSession++;
-    state.sessions.push_back({*session, &slot});
-  });
+  FUNCTION(OpenSession, "slot %x, flags %u, application %p, callback %p",
+           [](Slot& slot, auto, auto*, auto*, auto* session) {
+             *session = state.nextSession++;
+             state.sessions.push_back({*session, &slot});
+           });
   SESSION(CloseSession, "", [](Session& session) { closeSessions(&Session::handle, session.handle); });
   FUNCTION(CloseAllSessions, "slot %x", [](Slot& slot) { closeSessions(&Session::slot, &slot); });
   SESSION(GetSessionInfo, "", [](Session& session, auto* info) {
@@ -294,9 +303,9 @@ CK_FUNCTION_LIST functions() {
     if (!isFirst) state.broken.push_back("C_FindObjectsInit: a search within a search");
     require(isFirst, CKR_OPERATION_ACTIVE);
     auto& matches = state.searches[session.handle] = {};
+    const Attributes wanted = attributesIn(attributes, count);
     for (const auto& object : session.slot->objects)
-      if (session.slot->shows(object) &&
-          std::ranges::includes(object.attributes, attributesIn(attributes, count)))
+      if (session.slot->shows(object) && std::ranges::includes(object.attributes, wanted))
         matches.push_back(object.handle);
   });
   SESSION(FindObjects, ", room %-%u", [](Session& session, auto* objects, auto room, auto* count) {
@@ -309,9 +318,8 @@ CK_FUNCTION_LIST functions() {
     require(state.searches.contains(session.handle), CKR_OPERATION_NOT_INITIALIZED);
   });
 
-  SESSION(SignInit, ", mechanism %m, key %o", [](Session& session, auto* mechanism, auto key) {
+  SESSION(SignInit, ", mechanism %m, key %o", [](Session& session, auto*, auto key) {
     require(!session.signingKey, CKR_OPERATION_ACTIVE);
-    require(mechanism->pParameter == nullptr, CKR_MECHANISM_PARAM_INVALID);
     session.signingKey = objectOf(session, key).handle;
   });
   SESSION(Sign, ", data %B, at %a, room %r",
@@ -327,18 +335,18 @@ CK_FUNCTION_LIST functions() {
              auto privateCount, auto* publicKey, auto* privateKey) {
             require(session.slot->login == CKU_USER, CKR_USER_NOT_LOGGED_IN);
             CK_ULONG bits = 0;
-            const Bytes value = attributesIn(publicTemplate, publicCount).at(CKA_MODULUS_BITS);
+            const Attributes publicHalf = attributesIn(publicTemplate, publicCount);
+            const Bytes value = publicHalf.at(CKA_MODULUS_BITS);
             std::copy_n(value.data(), sizeof bits, reinterpret_cast<char*>(&bits));
             require(bits >= 1024 && bits <= 16384, CKR_KEY_SIZE_RANGE);
             const Bytes modulus(bits / 8, static_cast<char>(0xc5 ^ session.slot->objects.size()));
-            const auto half = [&](CK_OBJECT_CLASS kind, const CK_ATTRIBUTE* attributes, CK_ULONG count) {
-              Attributes all = attributesIn(attributes, count);
+            const auto half = [&](CK_OBJECT_CLASS kind, Attributes all) {
               all.merge(Attributes{
                   {CKA_CLASS, number(kind)}, {CKA_KEY_TYPE, number(CKK_RSA)}, {CKA_MODULUS, modulus}});
               return create(session, all);
             };
-            *publicKey = half(CKO_PUBLIC_KEY, publicTemplate, publicCount);
-            *privateKey = half(CKO_PRIVATE_KEY, privateTemplate, privateCount);
+            *publicKey = half(CKO_PUBLIC_KEY, publicHalf);
+            *privateKey = half(CKO_PRIVATE_KEY, attributesIn(privateTemplate, privateCount));
           });
   return list;
 }

@@ -24,6 +24,7 @@ using Attributes = std::map<CK_ATTRIBUTE_TYPE, Bytes>;
 
 inline Bytes number(CK_ULONG value) { return {reinterpret_cast<const char*>(&value), sizeof value}; }
 const Bytes kTrue{CK_TRUE};
+const Bytes kFalse{CK_FALSE};
 
 /// The function of a call in the log.
 inline std::string nameOf(const std::string& call) { return call.substr(0, call.find('(')); }
@@ -96,6 +97,8 @@ struct Module {
   bool acceptsSecondInitialize = false;  // answers CKR_OK; the module ends at the C_Finalize for the first
   int initializations = 0;
 
+  bool overwritesConstants = false;  // the flags and numbers in every template that it is given
+
   // The first holds a token, the second is empty. Not to be resized while a session is open.
   std::vector<Slot> slots = {Slot(0x11, CKF_TOKEN_PRESENT | CKF_REMOVABLE_DEVICE),
                              Slot(0x22, CKF_REMOVABLE_DEVICE)};
@@ -104,6 +107,7 @@ struct Module {
   // What the caller was told, which is not what is so when a test bends the answers.
   std::map<CK_SESSION_HANDLE, std::deque<CK_OBJECT_HANDLE>> searches;  // the active ones, with what is left
   CK_RV lastCode = CKR_OK;                                             // of any call
+  std::set<CK_RV> codes;                                               // of the calls, until a test clears it
   std::set<CK_OBJECT_HANDLE> yielded;  // by searches and key generation, until a test clears it
 
   /// Every call in order, as text with its arguments. Bytes are hexadecimal, PINs and labels are in quotes, a
