@@ -3,8 +3,10 @@
 //
 // A script is made of calls (`> sign 0 data`), stage directions (`! fail C_Sign 1 0x30`), comments and blank
 // lines. An argument is a number, `null`, a text, or `name=text` where the record shall call it by name;
-// `#0aff` is a text in hexadecimal, `*9` one of nine asterisks. The indented lines are the record. With
-// TRANSCRIPTS=write they are written anew, to be read in the difference before they are committed.
+// `#0aff` is a text in hexadecimal, `*9` one of nine asterisks. The indented lines are the record: all of it,
+// or how it departs from the longest record of the same entry point that stands in full above (`.. 5 as
+// above, to C_SignInit`: its first five lines). With TRANSCRIPTS=write they are written anew, to be read in
+// the difference before they are committed.
 
 #include <algorithm>
 #include <cstdlib>
@@ -27,6 +29,33 @@ std::string content(const std::string& word) {
   return bytes;
 }
 
+using Words = std::vector<std::string>;
+
+Words split(const std::string& text) {
+  std::istringstream words(text);
+  return {std::istream_iterator<std::string>(words), {}};
+}
+
+std::string joined(const Words& words, const char* between) {
+  std::string all;
+  for (const auto& word : words) all += (all.empty() ? "" : between) + word;
+  return all;
+}
+
+/// The same words, but one that stands there this often in a row, or more often, is counted.
+Words counted(const Words& words, std::ptrdiff_t least) {
+  Words all;
+  for (auto word = words.begin(); word != words.end();) {
+    const auto next = std::find_if(word, words.end(), [&](const auto& other) { return other != *word; });
+    if (next - word < least)
+      all.insert(all.end(), word, next);
+    else
+      all.push_back(*word + ' ' + std::to_string(next - word) + " times");
+    word = next;
+  }
+  return all;
+}
+
 Argument argument(const std::string& word) {
   if (word == "null") return {"null", std::nullopt};
   if (word == "MODULE") return {"path", MOCK_MODULE};
@@ -44,8 +73,6 @@ Argument argument(const std::string& word) {
 
 class Transcript : public Ground, public testing::WithParamInterface<const char*> {
  protected:
-  using Words = std::vector<std::string>;
-
   /// From now on a function succeeds and claims this length or count in its first call, that one in its
   /// second, and so on; C_FindObjects claims to have found so many, with the second number for its result.
   void claim(const std::string& function, CK_ULONG first, CK_ULONG second) {
@@ -105,23 +132,68 @@ class Transcript : public Ground, public testing::WithParamInterface<const char*
     directions.at(words.at(0))();
   }
 
+  /// The record as a script shows it. Traces stand behind the call that they follow, and calls of the virtual
+  /// machine in a row share a line, where one of the same name is not named again. A new array and its
+  /// filling are one event. What is said several times is counted.
+  Words lines(const std::string& answer) const {
+    Words shown;
+    std::string last;
+    for (auto event = record.begin(); event != record.end(); ++event) {
+      const bool isTrace = event->starts_with('"');
+      const bool isJava = !isTrace && !event->starts_with("C_") && !event->starts_with("dl");
+      const std::string name = isJava ? event->substr(0, event->find('(')) : "";
+      const std::string filling = "], 0, " + event->substr(event->find('(') + 1);
+      const bool isFilled = event + 1 != record.end() && event[1].ends_with(filling);
+      const std::string text =
+          (isJava && name == last ? event->substr(name.size()) : *event) + (isFilled ? " filled" : "");
+      const bool isBehind = !shown.empty() && (isTrace || (isJava && !last.empty()));
+      if (isBehind && shown.back().size() + text.size() < 108)
+        shown.back() += ' ' + text;
+      else
+        shown.push_back(*event + (isFilled ? " filled" : ""));
+      last = name;
+      if (isFilled) ++event;
+    }
+    shown.push_back("= " + joined(counted(split(answer), 9), " "));
+    return counted(shown, 2);
+  }
+
+  /// What is told of a record: all of it; or, where a third of it is as in the longest of the same entry
+  /// point that stands in full above, how far it begins and ends like that one, and what is between.
+  static std::string told(const Words& shown, Words& above) {
+    const auto name = [](const std::string& line) { return line.substr(0, line.find('(')) + '\n'; };
+    auto head = std::ranges::mismatch(shown, above).in1 - shown.begin();
+    const auto most = static_cast<std::ptrdiff_t>(std::min(shown.size(), above.size())) - head;
+    auto tail = std::mismatch(shown.rbegin(), shown.rbegin() + most, above.rbegin()).first - shown.rbegin();
+    if (head == 1) head = 0;  // as long as what would stand for it
+    if (tail == 1) tail = 0;
+    if (3 * (head + tail) < std::ssize(shown)) {
+      if (shown.size() > above.size()) above = shown;
+      return "  " + joined(shown, "\n  ") + '\n';
+    }
+    std::string text;
+    if (head > 0) text += "  .. " + std::to_string(head) + " as above, to " + name(shown.begin()[head - 1]);
+    for (auto line = shown.begin() + head; line != shown.end() - tail; ++line) text += "  " + *line + '\n';
+    if (tail > 0) text += "  .. " + std::to_string(tail) + " as above, from " + name(shown.end()[-tail]);
+    return text;
+  }
+
   /// What the script says, with the records as they come out.
   std::string play(std::istream& script) {
     std::string played;
+    std::map<std::string, Words> above;
     for (std::string line; std::getline(script, line);) {
       if (line.starts_with(' ')) continue;
       played += line + '\n';
       if (!line.starts_with('!') && !line.starts_with('>')) continue;
-      std::istringstream split(line.substr(1));
-      const Words words{std::istream_iterator<std::string>(split), {}};
+      const Words words = split(line.substr(1));
       if (line.starts_with('!')) {
         direct(words);
       } else {
         Arguments arguments;
         std::transform(words.begin() + 1, words.end(), std::back_inserter(arguments), argument);
         const std::string answer = call(words.at(0), arguments);
-        for (const auto& event : record) played += "  " + event + '\n';
-        played += "  = " + answer + '\n';
+        played += told(lines(answer), above[words.at(0)]);
       }
     }
     return played;
