@@ -1,0 +1,32 @@
+#!/usr/bin/env bash
+# Plants each fault of mutants.txt in a copy of the library and tells which native test notices it. Ends with
+# the number of those that none noticed. A fault that can no longer be planted has to be mended in the table.
+set -euo pipefail
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+copy=$root/build/mutants
+library=$copy/smartcard
+
+mkdir -p "$copy"
+cp -r "$root"/{CMakeLists.txt,cmake,java,smartcard,tests} "$copy"
+cmake -S "$copy" -B "$copy/build" -DCMAKE_BUILD_TYPE=Debug -DSMARTCARD_BUILD_BENCHMARKS=OFF >/dev/null
+cmake --build "$copy/build" --parallel --target native_tests >/dev/null
+
+survivors=0
+while IFS=$'\t' read -r file change what; do
+  case $file in '' | '#'*) continue ;; esac
+  sed -i "$change" "$library/$file"
+  if cmp --silent "$root/smartcard/$file" "$library/$file"; then
+    noticed="CANNOT BE PLANTED"
+  elif ! cmake --build "$copy/build" --parallel --target smartcard >"$copy/log" 2>&1; then
+    noticed="DOES NOT COMPILE"
+  else # each test in a process of its own
+    ctest --test-dir "$copy/build" --exclude-regex 'java|valgrind|binary' --parallel "$(nproc)" --timeout 60 \
+      >"$copy/log" 2>&1 </dev/null || true
+    noticed=$(sed -n '0,/.*Test *#[0-9]*: \([^ ]*\) .*\*\*\*.*/s//\1/p' "$copy/log")
+  fi
+  case ${noticed:=NOBODY} in CANNOT* | DOES* | NOBODY) survivors=$((survivors + 1)) ;; esac
+  printf '%-60s %s\n' "$what" "$noticed"
+  cp "$root/smartcard/$file" "$library/$file"
+done <"$root/tests/mutants.txt"
+echo "$survivors not noticed"
+exit "$survivors"
