@@ -84,15 +84,20 @@ public final class Smartcard {
     /**
      * Loads and initialises a PKCS#11 module and reads its slots, with or without a token in them. The list is not
      * read again: a slot that appears later is seen after {@link #finalizeDLL finalizeDLL} and another call.
-     * While a module is bound a further call changes nothing, whatever it answers.
+     * While a module is bound a further call changes nothing, whatever it answers: 0x191 for another module and from
+     * the same one, but 0 from one that lets itself be initialised twice, and -1 or -2 as ever.
      *
      * @param modulePath path of the module, or a file name for the system's library search
      * @return 0; -1 if the file cannot be loaded; -2 if it has no C_GetFunctionList; -3 if the module has no slot; or
-     *         the module's code, CKR_CRYPTOKI_ALREADY_INITIALIZED (0x191) while a module is bound
+     *         the module's code, CKR_CRYPTOKI_ALREADY_INITIALIZED (0x191) if it is in use already, by this class or by
+     *         anything else in the process
      */
     public static native long initDLL(String modulePath);
 
-    /** {@return the number of slots that the last {@code initDLL} read; 0 before the first one} */
+    /**
+     * {@return the number of slots, as last read from a module: 0 before the first {@code initDLL}; after one that
+     * failed before it read it, and after {@code finalizeDLL}, still the earlier one}
+     */
     public static native long getSlotCountDLL();
 
     /**
@@ -113,8 +118,9 @@ public final class Smartcard {
 
     /**
      * {@return the first 32 of the 64 bytes of the slot's description, filled up with blanks; or a status byte array}
-     * For a slot index out of range the status is the code of the last module call of any method, 0 if that succeeded;
-     * a call that the library refused in the module's place counts as one.
+     * For a slot index out of range, as every index is while no module is bound, the status is the code of the last
+     * module call of any method, 0 if that succeeded or there was none. What the library refused in the module's place
+     * counts as a call, but a {@code finalizeDLL} without a module does not.
      *
      * @param slotIndex the slot
      */
@@ -264,8 +270,9 @@ public final class Smartcard {
     // ---- What is on the token ----
 
     /**
-     * {@return 0 if the session sees no object, 1 if it sees some, -1 for a bad slot index or a search that
-     * cannot be begun or ended} Note the sense of the numbers. Private objects are seen only after a login.
+     * {@return 0 if the session sees no object, 1 if it sees some, -1 for a bad slot index or a search that cannot be
+     * ended, as one is that could not be begun} Note the sense of the numbers. A search that is begun and ended but
+     * fails between reads like an empty token: 0. Private objects are seen only after a login.
      *
      * @param slotIndex a slot with a session
      */
@@ -310,8 +317,8 @@ public final class Smartcard {
      * its label at {@code 4k - 2}, its modulus at {@code 4k - 1} and its public exponent at {@code 4k}.
      *
      * @param slotIndex a slot with a session
-     * @return the status and 4 elements a key; a failure while the keys are counted gives the status alone, a later one
-     *         keeps the keys read before it
+     * @return the status and 4 elements a key; a failure while the keys are counted, and a lack of memory at any time,
+     *         gives the status alone, a later failure keeps the keys read before it
      */
     public static native byte[][] readAllRSAPublicKeysDLL(long slotIndex);
 
