@@ -107,8 +107,8 @@ void closeSessions(Member member, Value value) {
 
 /// The failure that a test has ordered for this call, or CKR_OK.
 CK_RV orderedFault(const std::string& name) {
-  const auto fault = state.faults.find({name, ++state.calls[name]});
-  return fault == state.faults.end() ? CKR_OK : fault->second;
+  const auto fault = state.faults.extract({name, ++state.calls[name]});
+  return fault ? fault.mapped() : CKR_OK;
 }
 
 using Words = std::array<CK_ULONG, 8>;  // the arguments of a call

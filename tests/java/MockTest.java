@@ -5,13 +5,15 @@ import java.lang.reflect.Method;
 import java.lang.reflect.Modifier;
 import java.nio.file.Files;
 import java.nio.file.Path;
-import java.util.ArrayList;
 import java.util.Arrays;
-import java.util.Collections;
 import java.util.List;
 import java.util.Random;
+import java.util.Set;
+import java.util.TreeSet;
+import java.util.concurrent.ConcurrentSkipListSet;
+import java.util.concurrent.ThreadFactory;
+import java.util.stream.Collectors;
 import java.util.stream.IntStream;
-import org.junit.jupiter.api.BeforeAll;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.function.Executable;
 
@@ -19,8 +21,8 @@ import org.junit.jupiter.api.function.Executable;
 class MockTest {
     private static final String MODULE = System.getProperty("mock");
     private static final byte[] NAME = "mock".getBytes(); // whatever is written and searched for
-    private static final List<Long> BAD_SLOTS = List.of(-1L, 1L, 1L << 31, 1L << 32, Long.MAX_VALUE, Long.MIN_VALUE);
-    private static final List<?> NULL = Collections.singletonList(null);
+    private static final long[] BAD_NUMBERS = {-1, 1, 1L << 31, 1L << 32, Long.MAX_VALUE, Long.MIN_VALUE};
+    private static final long[] CODES = {0x02, 0x30, 0xB3, 0x150, 0x200, 0x1_8000_0123L};
     private static final List<Method> NATIVES = Arrays.stream(Smartcard.class.getDeclaredMethods())
             .filter(method -> Modifier.isNative(method.getModifiers())).toList();
 
@@ -34,28 +36,26 @@ class MockTest {
     /** Fails the nth call of a function from now, the next one being 1. */
     private static native void failAt(String function, int nth, long code);
 
-    /** The names of the functions called since the last time, with a blank between two. */
+    /** Forgets what was called, and tells by which functions, with a blank between two. */
     private static native String takeCalls();
 
     /** The objects on the token, the open sessions and the active searches. */
     private static native long liveObjects();
 
-    /** Binds a new mock module and brings it to where the method succeeds. */
-    private static void prepare(String method) {
+    /** A bound module whose token has one of each kind of object, and the user logged in. */
+    private static void begin() {
         Smartcard.finalizeDLL();
         reset();
-        assertEquals(0, Smartcard.initDLL(MODULE));
-        assertEquals(0, Smartcard.openSessionDLL(0));
-        assertEquals(0, Smartcard.loginDLL(0, "1", method.equals("initUserPINDLL") ? 0 : 1));
-        Smartcard.generateKeyPairDLL(0, 1024, NAME, NAME, NAME); // not as the security officer
-        assertEquals(0, Smartcard.writeCertificateDLL(0, NAME, NAME, NAME, NAME, NAME, NAME));
-        assertEquals(0, Smartcard.writeAttributeCertificateDLL(0, NAME));
-        switch (method) {
-            case "initDLL" -> Smartcard.finalizeDLL();
-            case "initTokenDLL" -> Smartcard.closeSessionDLL(0);
-            case "loginDLL" -> Smartcard.logoutDLL(0);
-        }
-        takeCalls();
+        bind(1);
+    }
+
+    private static void bind(long userType) {
+        Smartcard.initDLL(MODULE);
+        Smartcard.openSessionDLL(0);
+        Smartcard.loginDLL(0, "1", userType);
+        Smartcard.generateKeyPairDLL(0, 1024, NAME, NAME, NAME);
+        Smartcard.writeCertificateDLL(0, NAME, NAME, NAME, NAME, NAME, NAME);
+        Smartcard.writeAttributeCertificateDLL(0, NAME);
     }
 
     /** The first number of a method is its slot index; 1 is the user, the PIN's length and CKM_RSA_PKCS. */
@@ -67,93 +67,57 @@ class MockTest {
                 : method.getName().equals("generateKeyPairDLL") ? 1024L : 1L).toArray();
     }
 
-    /** Whether it fails, in its own form of failure; nothing that succeeds here is as short as a status. */
-    private static boolean fails(Method method, Object... arguments) throws ReflectiveOperationException {
+    /** Whether it succeeds, in its own form of success; nothing that succeeds here is as short as a status. */
+    private static boolean succeeds(Method method, Object... arguments) throws ReflectiveOperationException {
         Object result = method.invoke(null, arguments);
-        return result instanceof byte[] bytes ? bytes.length == 1
-                : result instanceof byte[][] listing ? listing[0][0] != 0
-                : result instanceof int[] numbers ? numbers.length == 0 || numbers[1] == -1
-                : method.getName().matches("get.*|isCardEmptyDLL|decryptDLL") ? (long) result <= 0 : (long) result != 0;
+        return result instanceof byte[] bytes ? bytes.length != 1
+                : result instanceof byte[][] listing ? listing[0][0] == 0
+                : result instanceof int[] numbers ? numbers.length > 0 && numbers[1] != -1
+                : method.getName().matches("get.*|isCardEmptyDLL|decryptDLL") ? (long) result > 0 : (long) result == 0;
     }
 
-    /** Whether it fails after this event; either way the next search works: none was left active. */
-    private static boolean failsAfter(Runnable event, Method method, Object... arguments) throws Exception {
-        prepare(method.getName());
-        event.run();
-        boolean fails = fails(method, arguments);
-        assertTrue(Smartcard.isSessionOpenDLL(0) != 0 || Smartcard.readAllCertificatesDLL(0)[0][0] == 0,
-                method.getName());
-        return fails;
-    }
-
-    @BeforeAll
-    static void neverBound() throws Exception {
-        for (Method method : NATIVES) {
-            if (!method.getName().equals("initDLL")) {
-                assertEquals(!method.getName().equals("decryptDLL"), fails(method, arguments(method)), method.getName());
+    /** Calls, of any kind and in any order, some with bad arguments, some failing in the module. */
+    private static void callAnything(int times, Random random, Set<String> succeeded) throws Exception {
+        for (int i = 0; i < times; i++) {
+            Method method = NATIVES.get(random.nextInt(NATIVES.size()));
+            Object[] arguments = arguments(method);
+            if (random.nextInt(4) == 0 && arguments.length > 0) {
+                int bad = random.nextInt(arguments.length);
+                arguments[bad] = arguments[bad] instanceof Long ? BAD_NUMBERS[random.nextInt(BAD_NUMBERS.length)] : null;
+            }
+            synchronized (Smartcard.class) { // the mock is everybody's
+                String[] calls = takeCalls().split(" ");
+                if (random.nextInt(4) == 0 && !calls[0].isEmpty()) {
+                    failAt(calls[0], 1 + random.nextInt(3), CODES[random.nextInt(CODES.length)]);
+                }
+            }
+            if (succeeds(method, arguments)) {
+                succeeded.add(method.getName());
+            }
+            if (Smartcard.isSessionOpenDLL(0) != 0 && random.nextBoolean()) {
+                bind(random.nextInt(2));
             }
         }
     }
 
     @Test
-    void faults() throws Exception {
-        for (Method method : NATIVES) {
-            Object[] arguments = arguments(method);
-            failsAfter(() -> Smartcard.closeSessionDLL(0), method, arguments);
-            boolean needsModule = !method.getName().matches("(init|getSlotCount|decrypt)DLL");
-            assertEquals(needsModule, failsAfter(Smartcard::finalizeDLL, method, arguments), method.getName());
-            for (String step : List.of("C_GetFunctionList 1", "C_Initialize 1", "C_GetSlotList 1", "C_GetSlotList 2")) {
-                assertEquals(needsModule, failsAfter(() -> failToBind(step), method, arguments), method.getName());
-            }
-            boolean isSecond = method.getName().equals("initDLL");
-            assertEquals(isSecond, failsAfter(() -> Smartcard.initDLL(MODULE), method, arguments), method.getName());
-            failEachCall(method, arguments);
-            passBadArguments(method, arguments);
+    void anythingFromFourThreads() throws Throwable {
+        begin();
+        Set<String> succeeded = new ConcurrentSkipListSet<>();
+        for (ThreadFactory kind : Threads.kinds()) {
+            assertFlat(2, () -> Threads.run(kind, 4, thread -> callAnything(20_000, new Random(thread), succeeded)));
         }
-    }
+        assertEquals(NATIVES.stream().map(Method::getName).collect(Collectors.toCollection(TreeSet::new)), succeeded);
 
-    private static void failToBind(String step) {
-        Smartcard.finalizeDLL();
-        String[] functionAndNth = step.split(" ");
-        failAt(functionAndNth[0], Integer.parseInt(functionAndNth[1]), 0x30);
-        assertEquals(0x30, Smartcard.initDLL(MODULE));
-        assertEquals(-1, Smartcard.initDLL("no such module"));
-    }
-
-    private static void failEachCall(Method method, Object[] arguments) throws Exception {
-        prepare(method.getName());
-        assertFalse(fails(method, arguments), method.getName());
-        List<String> calls = List.of(takeCalls().split(" "));
-        boolean noticed = false;
-        for (int i = 0; i < calls.size(); i++) {
-            String function = calls.get(i);
-            int nth = Collections.frequency(calls.subList(0, i + 1), function);
-            noticed |= failsAfter(() -> failAt(function, nth, 0x30), method, arguments);
-            noticed |= failsAfter(() -> failAt(function, nth, 0x1_8000_0123L), method, arguments);
-        }
-        assertEquals(!calls.contains(""), noticed, method.getName());
-    }
-
-    private static void passBadArguments(Method method, Object[] arguments) throws Exception {
-        Object[] nulls = arguments.clone();
-        boolean nullsFail = false;
-        for (int i = 0; i < arguments.length; i++) {
-            boolean isNumber = arguments[i] instanceof Long;
-            boolean isUsed = !(method.getName() + i).matches("(waitForSlotEvent|setCertificateLabel)DLL0");
-            for (Object bad : arguments[i].equals(0L) ? BAD_SLOTS : isNumber ? List.of() : NULL) {
-                Object[] changed = arguments.clone();
-                changed[i] = bad;
-                assertEquals(isUsed, failsAfter(() -> { }, method, changed), method.getName() + " with " + bad);
-            }
-            nulls[i] = isNumber ? arguments[i] : null;
-            nullsFail |= isUsed && !isNumber;
-        }
-        assertEquals(nullsFail, failsAfter(() -> { }, method, nulls), method.getName() + " with nulls");
+        begin();
+        assertEquals(0, Smartcard.deleteDLL(0));
+        assertEquals(0, Smartcard.closeSessionDLL(0));
+        assertEquals(0, liveObjects());
     }
 
     @Test
     void manyObjects() {
-        prepare("deleteDLL");
+        begin();
         assertEquals(0, Smartcard.deleteDLL(0));
         for (int k = 0; k < 1000; k++) {
             byte[] v = ("value " + k).getBytes();
@@ -169,31 +133,6 @@ class MockTest {
         for (int i = 1; i < listing.length; i++) {
             assertEquals("value " + (i - 1) / valuesPerObject, new String(listing[i]));
         }
-    }
-
-    @Test
-    void mixedCalls() throws Throwable {
-        prepare("signDLL");
-        List<Method> methods = NATIVES.stream().filter(method -> !method.getName().matches("(init|final).*")).toList();
-        List<Method> neverSucceeded = new ArrayList<>(methods);
-        Random random = new Random(1);
-        assertFlat(200_000, () -> {
-            Method method = methods.get(random.nextInt(methods.size()));
-            if (!fails(method, arguments(method))) {
-                neverSucceeded.remove(method);
-            }
-            takeCalls();
-        });
-        assertEquals(List.of(), neverSucceeded);
-
-        Smartcard.closeSessionDLL(0);
-        assertEquals(0, Smartcard.openSessionDLL(0));
-        assertEquals(0, Smartcard.loginDLL(0, "1", 1));
-        while (Smartcard.isCardEmptyDLL(0) == 1) {
-            assertEquals(0, Smartcard.deleteDLL(0));
-        }
-        assertEquals(0, Smartcard.closeSessionDLL(0));
-        assertEquals(0, liveObjects());
     }
 
     @Test

@@ -6,6 +6,7 @@ import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.Arrays;
 import java.util.List;
+import java.util.concurrent.ThreadFactory;
 import org.junit.jupiter.api.BeforeEach;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.io.TempDir;
@@ -51,6 +52,22 @@ class SoftTokenTest {
         assertOk(Smartcard.loginDLL(SLOT, "567890", 1), Smartcard.deletePrivateKeyDLL(SLOT, ID));
         assertEquals(1, Smartcard.isCardEmptyDLL(SLOT));
         assertOk(Smartcard.deletePublicKeyDLL(SLOT, ID), Smartcard.isCardEmptyDLL(SLOT));
+    }
+
+    @Test
+    void anyThread() throws Exception {
+        byte[] modulus = Smartcard.generateKeyPairDLL(SLOT, 2048, EXPONENT, ID, LABEL);
+        for (ThreadFactory kind : Threads.kinds()) {
+            Threads.run(kind, 4, thread -> {
+                for (int i = 0; i < 50; i++) {
+                    assertSigned(modulus, Smartcard.signWithIDDLL(SLOT, DATA, ID));
+                    assertArrayEquals(modulus, Smartcard.readAllRSAPublicKeysDLL(SLOT)[3]);
+                    assertSigned(modulus, Smartcard.signDLL(SLOT, DATA));
+                    assertOk(Smartcard.isSessionOpenDLL(SLOT), Smartcard.getSlotInfoDLL(SLOT) - 1);
+                    assertOk(Smartcard.writeAttributeCertificateDLL(SLOT, DATA));
+                }
+            });
+        }
     }
 
     @Test

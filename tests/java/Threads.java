@@ -1,0 +1,36 @@
+import java.util.List;
+import java.util.concurrent.FutureTask;
+import java.util.concurrent.ThreadFactory;
+import java.util.stream.IntStream;
+
+/** Several threads at once, of each kind that the JDK has. */
+final class Threads {
+    interface Task {
+        void run(int thread) throws Exception;
+    }
+
+    /** Platform threads, and virtual ones from JDK 21 up. */
+    static List<ThreadFactory> kinds() throws ReflectiveOperationException {
+        if (Runtime.version().feature() < 21) {
+            return List.of(Thread::new);
+        }
+        Object virtual = Thread.class.getMethod("ofVirtual").invoke(null);
+        Object factory = Class.forName("java.lang.Thread$Builder").getMethod("factory").invoke(virtual);
+        return List.of(Thread::new, (ThreadFactory) factory);
+    }
+
+    /** Ends when all have; the first failure is the caller's. */
+    static void run(ThreadFactory kind, int count, Task task) throws Exception {
+        List<FutureTask<Void>> tasks = IntStream.range(0, count).mapToObj(thread -> new FutureTask<Void>(() -> {
+            task.run(thread);
+            return null;
+        })).toList();
+        tasks.forEach(started -> kind.newThread(started).start());
+        for (FutureTask<Void> started : tasks) {
+            started.get();
+        }
+    }
+
+    private Threads() {
+    }
+}
