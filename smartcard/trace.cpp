@@ -11,12 +11,15 @@
 namespace {
 
 bool waiting = false;
+bool brokenPipeKills = true;  // until the host has been asked
 
 /// While it lives, writing to a pipe that nobody reads fails instead of killing the process. Only this
-/// thread's signal mask changes, and only for that time: handlers belong to the host.
+/// thread's signal mask changes, and only for that time: handlers belong to the host. Where the host has one,
+/// nothing is done.
 class BrokenPipeTolerated {
  public:
   BrokenPipeTolerated() noexcept {
+    if (!brokenPipeKills) return;
     sigemptyset(&brokenPipe_);
     sigaddset(&brokenPipe_, SIGPIPE);
     pthread_sigmask(SIG_BLOCK, &brokenPipe_, &before_);
@@ -27,6 +30,7 @@ class BrokenPipeTolerated {
   BrokenPipeTolerated(const BrokenPipeTolerated&) = delete;
   BrokenPipeTolerated& operator=(const BrokenPipeTolerated&) = delete;
   ~BrokenPipeTolerated() {
+    if (!brokenPipeKills) return;
     // Reporting a trace that could not be written is nobody's job: no result may depend on it.
     constexpr timespec atOnce = {0, 0};
     if (failed_ && !hostsOwn_) sigtimedwait(&brokenPipe_, nullptr, &atOnce);
@@ -44,6 +48,11 @@ class BrokenPipeTolerated {
 
 }  // namespace
 
+void askAboutBrokenPipes() noexcept {
+  struct sigaction action = {};
+  brokenPipeKills = sigaction(SIGPIPE, nullptr, &action) != 0 || action.sa_handler == SIG_DFL;
+}
+
 void trace(const char* format, ...) noexcept {
   BrokenPipeTolerated output;
   va_list values;
@@ -55,14 +64,17 @@ void trace(const char* format, ...) noexcept {
 
 void traceBytes(const char* heading, std::span<const CK_BYTE> bytes) {
   constexpr char digits[] = "0123456789abcdef";
-  std::string text;
-  text.reserve(3 * bytes.size());
+  std::string text = heading;
+  text.reserve(text.size() + 3 * bytes.size() + 1);
   for (const CK_BYTE byte : bytes) {
     if (byte > 0xf) text += digits[byte >> 4U];
     text += digits[byte & 0xfU];
     text += ' ';
   }
-  trace("%s%s\n", heading, text.c_str());
+  text += '\n';
+  BrokenPipeTolerated output;
+  output.wrote(std::fputs(text.c_str(), stdout));
+  waiting = true;
 }
 
 void flushTraces() noexcept {
