@@ -1,5 +1,6 @@
 #include <array>
 #include <span>
+#include <utility>
 
 #include "com_calvenhor_vork_utils_Smartcard.h"
 #include "marshal.h"
@@ -8,6 +9,21 @@
 #include "templates.h"
 
 namespace {
+
+std::array<CK_ATTRIBUTE, 9> certificateTemplate(const ByteInput& certificate, const CertificateNames& names,
+                                                const ByteInput& id, const ByteInput& label) {
+  return {
+      objectClass<CKO_CERTIFICATE>(),
+      x509(),
+      flag(CKA_TOKEN, yes),
+      bytes(CKA_LABEL, label),
+      bytes(CKA_SERIAL_NUMBER, names.serialNumber),
+      bytes(CKA_ISSUER, names.issuer),
+      bytes(CKA_SUBJECT, names.subject),
+      bytes(CKA_ID, id),
+      bytes(CKA_VALUE, certificate),
+  };
+}
 
 /// Creates a token object. Its handle is not kept.
 CK_RV create(Session session, std::span<CK_ATTRIBUTE> object) {
@@ -45,17 +61,7 @@ JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_writeCertificate
   ByteInput label(env, jLabel);
   takeAll(label, id, certificate, names);
 
-  std::array object = {
-      objectClass<CKO_CERTIFICATE>(),
-      x509(),
-      flag(CKA_TOKEN, yes),
-      bytes(CKA_LABEL, label),
-      bytes(CKA_SERIAL_NUMBER, names.serialNumber),
-      bytes(CKA_ISSUER, names.issuer),
-      bytes(CKA_SUBJECT, names.subject),
-      bytes(CKA_ID, id),
-      bytes(CKA_VALUE, certificate),
-  };
+  auto object = certificateTemplate(certificate, names, id, label);
   create(sessionAt(slotIndex), object);
 
   releaseAll(certificate, names, id, label);
@@ -178,18 +184,8 @@ JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_writeCertificate
   createTraced(session, "Private Key", privateKey);
   auto publicKey = rsaPublicKeyTemplate(key.modulus, key.publicExponent, id, label);
   createTraced(session, "Public Key", publicKey);
-  // Not the order of writeCertificateDLL: here the label precedes CKA_TOKEN.
-  std::array object = {
-      objectClass<CKO_CERTIFICATE>(),
-      x509(),
-      bytes(CKA_LABEL, label),
-      flag(CKA_TOKEN, yes),
-      bytes(CKA_SERIAL_NUMBER, names.serialNumber),
-      bytes(CKA_ISSUER, names.issuer),
-      bytes(CKA_SUBJECT, names.subject),
-      bytes(CKA_ID, id),
-      bytes(CKA_VALUE, certificate),
-  };
+  auto object = certificateTemplate(certificate, names, id, label);
+  std::swap(object[2], object[3]);  // here the label precedes CKA_TOKEN
   createTraced(session, "Cert", object);
 
   releaseAll(certificate, names, key, id, label);
