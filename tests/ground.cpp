@@ -40,6 +40,8 @@ Ground::Ground()
   // it.
   static char buffer[1 << 16];
   std::setvbuf(stdout, buffer, _IOFBF, sizeof buffer);
+  static const std::string beforeAll = entryPoint("getSlotCount").call(java, {});
+  EXPECT_EQ("0", beforeAll);
 }
 
 Ground::~Ground() {

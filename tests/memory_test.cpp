@@ -17,6 +17,7 @@ std::size_t allocations = 0;
 std::size_t firstRefused = 0;
 std::size_t lastRefused = 0;
 std::size_t freedSecrets = 0;
+std::pair<std::size_t, std::size_t> lastSizes;  // of the last two zeroed blocks that were asked for
 
 bool isLibrary(const void* caller) {
   Dl_info object;
@@ -40,7 +41,9 @@ void* malloc(std::size_t size) noexcept {
 }
 
 void* calloc(std::size_t count, std::size_t size) noexcept {
-  return refuses(__builtin_return_address(0)) ? nullptr : __libc_calloc(count, size);
+  if (isLibrary(__builtin_return_address(0))) lastSizes = {lastSizes.second, count * size};
+  // No address for no elements, as the standard allows.
+  return count == 0 || refuses(__builtin_return_address(0)) ? nullptr : __libc_calloc(count, size);
 }
 
 void free(void* memory) noexcept {
@@ -106,6 +109,7 @@ TEST_F(Memory, ASignatureBufferIsTriedTwiceOnly) {
   begin(State::kUser, true);
   EXPECT_EQ("{02}", watch(entryPoint("signWithID"), 3, 2)) << "after the copies of the ID and the data";
   EXPECT_EQ(1, std::ranges::count(record, "\"new for result returns null\\n\""));
+  EXPECT_EQ(std::pair(1025UL, 1025UL), lastSizes);
 }
 
 }  // namespace

@@ -57,10 +57,12 @@ TEST_P(Output, ThatIsBrokenChangesNoResultAndKillsNobody) {
   sigemptyset(&signals);
   sigaddset(&signals, SIGPIPE);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  raise(SIGPIPE);
+  pthread_sigqueue(pthread_self(), SIGPIPE, {.sival_int = 7});
   answersAt(brokenPipe());
   constexpr timespec atOnce = {0, 0};
-  EXPECT_EQ(sigtimedwait(&signals, nullptr, &atOnce), SIGPIPE) << "the host's own signal was eaten";
+  siginfo_t left = {};
+  EXPECT_EQ(sigtimedwait(&signals, &left, &atOnce), SIGPIPE) << "the host's own signal was eaten";
+  EXPECT_EQ(left.si_value.sival_int, 7) << "and another left in its place";
   pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
 }
 
