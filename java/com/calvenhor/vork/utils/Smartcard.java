@@ -90,17 +90,17 @@ public final class Smartcard {
      * @return 0; -1 if the file cannot be loaded; -2 if it has no C_GetFunctionList; -3 if the module has no slot; or
      *         the module's code, CKR_CRYPTOKI_ALREADY_INITIALIZED (0x191) while a module is bound
      */
-    public static native long initDLL(String modulePath);
+    public static synchronized native long initDLL(String modulePath);
 
     /** {@return the number of slots that the last {@code initDLL} read; 0 before the first one} */
-    public static native long getSlotCountDLL();
+    public static synchronized native long getSlotCountDLL();
 
     /**
      * Ends all sessions and logins and unloads the module.
      *
      * @return 0 or the module's code; CKR_CRYPTOKI_NOT_INITIALIZED (0x190) if none is bound
      */
-    public static native long finalizeDLL();
+    public static synchronized native long finalizeDLL();
 
     // ---- Slots and tokens ----
 
@@ -109,7 +109,7 @@ public final class Smartcard {
      *
      * @param slotIndex the slot
      */
-    public static native long getSlotInfoDLL(long slotIndex);
+    public static synchronized native long getSlotInfoDLL(long slotIndex);
 
     /**
      * {@return the first 32 of the 64 bytes of the slot's description, filled up with blanks; or a status byte array}
@@ -118,7 +118,7 @@ public final class Smartcard {
      *
      * @param slotIndex the slot
      */
-    public static native byte[] readSlotDescriptionDLL(long slotIndex);
+    public static synchronized native byte[] readSlotDescriptionDLL(long slotIndex);
 
     /**
      * {@return the token's flags, such as 4 CKF_LOGIN_REQUIRED, 8 CKF_USER_PIN_INITIALIZED, 0x400 CKF_TOKEN_INITIALIZED
@@ -126,21 +126,21 @@ public final class Smartcard {
      *
      * @param slotIndex the slot
      */
-    public static native long getTokenInfoDLL(long slotIndex);
+    public static synchronized native long getTokenInfoDLL(long slotIndex);
 
     /**
      * {@return the token's label, 32 bytes filled up with blanks; or a status byte array}
      *
      * @param slotIndex the slot
      */
-    public static native byte[] readCardLabelDLL(long slotIndex);
+    public static synchronized native byte[] readCardLabelDLL(long slotIndex);
 
     /**
      * {@return the token's serial number, 16 bytes filled up with blanks; or a status byte array}
      *
      * @param slotIndex the slot
      */
-    public static native byte[] readCardSerialNumberDLL(long slotIndex);
+    public static synchronized native byte[] readCardSerialNumberDLL(long slotIndex);
 
     /**
      * Blocks until a token is put into some slot or taken out; which one is not told. No other method may be called
@@ -149,7 +149,7 @@ public final class Smartcard {
      * @param ignored any value
      * @return 0 or the module's code; CKR_FUNCTION_NOT_SUPPORTED (0x54) from a module without slot events
      */
-    public static native long waitForSlotEventDLL(long ignored);
+    public static synchronized native long waitForSlotEventDLL(long ignored);
 
     // ---- Mechanisms ----
 
@@ -160,7 +160,7 @@ public final class Smartcard {
      * @param slotIndex the slot
      * @param mechanismType a CKM_ value, such as 1 for CKM_RSA_PKCS
      */
-    public static native long getMechanismInfoDLL(long slotIndex, long mechanismType);
+    public static synchronized native long getMechanismInfoDLL(long slotIndex, long mechanismType);
 
     /**
      * {@return the types (CKM_ values) of the token's mechanisms in the module's order; empty if it cannot tell how
@@ -169,7 +169,7 @@ public final class Smartcard {
      *
      * @param slotIndex the slot
      */
-    public static native int[] getSupportedMechanismListDLL(long slotIndex);
+    public static synchronized native int[] getSupportedMechanismListDLL(long slotIndex);
 
     // ---- Sessions ----
 
@@ -179,7 +179,7 @@ public final class Smartcard {
      * @param slotIndex the slot
      * @return 0, -1 or the module's code, such as CKR_TOKEN_NOT_PRESENT (0xE0)
      */
-    public static native long openSessionDLL(long slotIndex);
+    public static synchronized native long openSessionDLL(long slotIndex);
 
     /**
      * Closes every session of this application <em>on every slot</em>, and so ends the logins.
@@ -187,7 +187,7 @@ public final class Smartcard {
      * @param slotIndex a slot that had a session
      * @return -1, or the code of closing the last slot's sessions; no other failure shows
      */
-    public static native long closeSessionDLL(long slotIndex);
+    public static synchronized native long closeSessionDLL(long slotIndex);
 
     /**
      * {@return 0 if the slot's session is open; -1 if it never had one; otherwise the module's code,
@@ -195,7 +195,7 @@ public final class Smartcard {
      *
      * @param slotIndex the slot
      */
-    public static native long isSessionOpenDLL(long slotIndex);
+    public static synchronized native long isSessionOpenDLL(long slotIndex);
 
     /**
      * {@return four numbers: state (CKS_: 2 public, 3 user, 4 security officer), flags, the module's slot ID, device
@@ -203,7 +203,7 @@ public final class Smartcard {
      *
      * @param slotIndex the slot
      */
-    public static native int[] getSessionInfoDLL(long slotIndex);
+    public static synchronized native int[] getSessionInfoDLL(long slotIndex);
 
     // ---- Login and PINs ----
 
@@ -216,7 +216,7 @@ public final class Smartcard {
      * @return 0, -1 or the module's code, such as CKR_PIN_INCORRECT (0xA0), CKR_PIN_LOCKED (0xA4) or
      *         CKR_USER_ALREADY_LOGGED_IN (0x100)
      */
-    public static native long loginDLL(long slotIndex, String pin, long userType);
+    public static synchronized native long loginDLL(long slotIndex, String pin, long userType);
 
     /**
      * Logs out from the token, for all its sessions.
@@ -224,7 +224,7 @@ public final class Smartcard {
      * @param slotIndex a slot with a session
      * @return 0, -1 or the module's code
      */
-    public static native long logoutDLL(long slotIndex);
+    public static synchronized native long logoutDLL(long slotIndex);
 
     /**
      * Changes the PIN of whoever is logged in; the user's when nobody is.
@@ -236,7 +236,7 @@ public final class Smartcard {
      * @param newPinLength bytes of {@code newPin} to use
      * @return 0, -1 or the module's code
      */
-    public static native long changePINDLL(long slotIndex, String oldPin, long oldPinLength, String newPin,
+    public static synchronized native long changePINDLL(long slotIndex, String oldPin, long oldPinLength, String newPin,
             long newPinLength);
 
     /**
@@ -249,7 +249,7 @@ public final class Smartcard {
      * @param soPinLength bytes of {@code soPin} to use
      * @return 0, -1 or the module's code, such as CKR_SESSION_EXISTS (0xB6)
      */
-    public static native long initTokenDLL(long slotIndex, String soPin, long soPinLength);
+    public static synchronized native long initTokenDLL(long slotIndex, String soPin, long soPinLength);
 
     /**
      * Sets the user's PIN, after a login as security officer.
@@ -259,7 +259,7 @@ public final class Smartcard {
      * @param pinLength bytes of {@code pin} to use
      * @return 0, -1 or the module's code
      */
-    public static native long initUserPINDLL(long slotIndex, String pin, long pinLength);
+    public static synchronized native long initUserPINDLL(long slotIndex, String pin, long pinLength);
 
     // ---- What is on the token ----
 
@@ -269,7 +269,7 @@ public final class Smartcard {
      *
      * @param slotIndex a slot with a session
      */
-    public static native long isCardEmptyDLL(long slotIndex);
+    public static synchronized native long isCardEmptyDLL(long slotIndex);
 
     /**
      * {@return the number of objects that the session sees, 20 at most; -1 for a bad slot index} A failing module is
@@ -277,7 +277,7 @@ public final class Smartcard {
      *
      * @param slotIndex a slot with a session
      */
-    public static native long getObjectCountInTheTokenDLL(long slotIndex);
+    public static synchronized native long getObjectCountInTheTokenDLL(long slotIndex);
 
     /**
      * {@return the first X.509 certificate, DER; or a status byte array: 2 there is none or the search failed (or
@@ -285,7 +285,7 @@ public final class Smartcard {
      *
      * @param slotIndex a slot with a session
      */
-    public static native byte[] readCertificateDLL(long slotIndex);
+    public static synchronized native byte[] readCertificateDLL(long slotIndex);
 
     /**
      * {@return the value of the first data object, which is where {@link #writeAttributeCertificateDLL} puts an
@@ -293,7 +293,7 @@ public final class Smartcard {
      *
      * @param slotIndex a slot with a session
      */
-    public static native byte[] readAttributeCertificateDLL(long slotIndex);
+    public static synchronized native byte[] readAttributeCertificateDLL(long slotIndex);
 
     /**
      * Lists the X.509 certificates, three elements for each: certificate {@code k}, counted from 1, has its ID at
@@ -303,7 +303,7 @@ public final class Smartcard {
      * @return the status and 3 elements a certificate; a certificate whose values cannot be read, or that is gone
      *         since they were counted, leaves those read before it; any other failure gives the status alone
      */
-    public static native byte[][] readAllCertificatesDLL(long slotIndex);
+    public static synchronized native byte[][] readAllCertificatesDLL(long slotIndex);
 
     /**
      * Lists the RSA public keys, four elements for each: key {@code k}, counted from 1, has its ID at {@code 4k - 3},
@@ -313,7 +313,7 @@ public final class Smartcard {
      * @return the status and 4 elements a key; a failure while the keys are counted gives the status alone, a later one
      *         keeps the keys read before it
      */
-    public static native byte[][] readAllRSAPublicKeysDLL(long slotIndex);
+    public static synchronized native byte[][] readAllRSAPublicKeysDLL(long slotIndex);
 
     /**
      * Lists the RSA private keys, two elements for each: key {@code k}, counted from 1, has its ID at {@code 2k - 1}
@@ -322,7 +322,7 @@ public final class Smartcard {
      * @param slotIndex a slot with a session
      * @return the status and 2 elements a key; failures as in {@link #readAllRSAPublicKeysDLL}
      */
-    public static native byte[][] readAllRSAPrivateKeysDLL(long slotIndex);
+    public static synchronized native byte[][] readAllRSAPrivateKeysDLL(long slotIndex);
 
     /**
      * {@return the ID of the first X.509 certificate; or a status byte array: 0 there is none or the search failed, 1
@@ -330,21 +330,21 @@ public final class Smartcard {
      *
      * @param slotIndex a slot with a session
      */
-    public static native byte[] readCertificateIDDLL(long slotIndex);
+    public static synchronized native byte[] readCertificateIDDLL(long slotIndex);
 
     /**
      * {@return the label of the first X.509 certificate; or a status byte array as in {@link #readCertificateIDDLL}}
      *
      * @param slotIndex a slot with a session
      */
-    public static native byte[] readCertificateLabelDLL(long slotIndex);
+    public static synchronized native byte[] readCertificateLabelDLL(long slotIndex);
 
     /**
      * {@return the ID of the first public key of any type; or a status byte array as in {@link #readCertificateIDDLL}}
      *
      * @param slotIndex a slot with a session
      */
-    public static native byte[] readPublicKeyIDDLL(long slotIndex);
+    public static synchronized native byte[] readPublicKeyIDDLL(long slotIndex);
 
     /**
      * {@return the label of the first public key of any type; or a status byte array as in {@link
@@ -352,14 +352,14 @@ public final class Smartcard {
      *
      * @param slotIndex a slot with a session
      */
-    public static native byte[] readPublicKeyLabelDLL(long slotIndex);
+    public static synchronized native byte[] readPublicKeyLabelDLL(long slotIndex);
 
     /**
      * {@return the ID of the first private key of any type; or a status byte array as in {@link #readCertificateIDDLL}}
      *
      * @param slotIndex a slot with a session
      */
-    public static native byte[] readPrivateKeyIDDLL(long slotIndex);
+    public static synchronized native byte[] readPrivateKeyIDDLL(long slotIndex);
 
     /**
      * {@return the label of the first private key of any type; or a status byte array as in {@link
@@ -367,7 +367,7 @@ public final class Smartcard {
      *
      * @param slotIndex a slot with a session
      */
-    public static native byte[] readPrivateKeyLabelDLL(long slotIndex);
+    public static synchronized native byte[] readPrivateKeyLabelDLL(long slotIndex);
 
     // ---- Writing ----
 
@@ -383,7 +383,7 @@ public final class Smartcard {
      * @param label its label
      * @return 0, -1 or the module's code
      */
-    public static native long writeCertificateDLL(long slotIndex, byte[] certificate, byte[] subject, byte[] issuer,
+    public static synchronized native long writeCertificateDLL(long slotIndex, byte[] certificate, byte[] subject, byte[] issuer,
             byte[] serialNumber, byte[] id, byte[] label);
 
     /**
@@ -393,7 +393,7 @@ public final class Smartcard {
      * @param attributeCertificate the attribute certificate, DER
      * @return 0, -1 or the module's code
      */
-    public static native long writeAttributeCertificateDLL(long slotIndex, byte[] attributeCertificate);
+    public static synchronized native long writeAttributeCertificateDLL(long slotIndex, byte[] attributeCertificate);
 
     /**
      * Puts an RSA public key on the token.
@@ -405,7 +405,7 @@ public final class Smartcard {
      * @param label the key's label
      * @return 0, -1 or the module's code
      */
-    public static native long writePublicKeyDLL(long slotIndex, byte[] modulus, byte[] publicExponent, byte[] id,
+    public static synchronized native long writePublicKeyDLL(long slotIndex, byte[] modulus, byte[] publicExponent, byte[] id,
             byte[] label);
 
     /**
@@ -426,7 +426,7 @@ public final class Smartcard {
      * @param label the label of both keys
      * @return -1, or the code of creating the public key
      */
-    public static native long writePrivateKeyDLL(long slotIndex, byte[] modulus, byte[] publicExponent,
+    public static synchronized native long writePrivateKeyDLL(long slotIndex, byte[] modulus, byte[] publicExponent,
             byte[] privateExponent, byte[] prime1, byte[] prime2, byte[] exponent1, byte[] exponent2,
             byte[] coefficient, byte[] id, byte[] label);
 
@@ -451,7 +451,7 @@ public final class Smartcard {
      * @param label the label of all three objects
      * @return -1, or the code of creating the certificate
      */
-    public static native long writeCertificateAndPrivateKeyDLL(long slotIndex, byte[] certificate, byte[] subject,
+    public static synchronized native long writeCertificateAndPrivateKeyDLL(long slotIndex, byte[] certificate, byte[] subject,
             byte[] issuer, byte[] serialNumber, byte[] modulus, byte[] publicExponent, byte[] privateExponent,
             byte[] prime1, byte[] prime2, byte[] exponent1, byte[] exponent2, byte[] coefficient, byte[] id,
             byte[] label);
@@ -465,7 +465,7 @@ public final class Smartcard {
      *         they could not be looked for or the label not be read; otherwise that of ending the search, 0 even if
      *         the token refused the label
      */
-    public static native long setCertificateLabelDLL(byte[] ignored, long slotIndex);
+    public static synchronized native long setCertificateLabelDLL(byte[] ignored, long slotIndex);
 
     /**
      * Gives the token's first private key and first public key of an ID a new ID and label. A certificate keeps its
@@ -478,7 +478,7 @@ public final class Smartcard {
      * @return -1, or the code of changing the public key, CKR_OBJECT_HANDLE_INVALID (0x82) if there is none, or the
      *         code with which it could not be looked for; how the private key fared does not show
      */
-    public static native long updateKeyPairIDAndLabelDLL(long slotIndex, byte[] id, byte[] newId, byte[] newLabel);
+    public static synchronized native long updateKeyPairIDAndLabelDLL(long slotIndex, byte[] id, byte[] newId, byte[] newLabel);
 
     // ---- Deletion ----
 
@@ -490,7 +490,7 @@ public final class Smartcard {
      * @param slotIndex a slot with a session
      * @return -1, or the code of ending the search: an object that could not be destroyed does not show
      */
-    public static native long deleteDLL(long slotIndex);
+    public static synchronized native long deleteDLL(long slotIndex);
 
     /**
      * Destroys the first X.509 certificate of the token that has all five values, byte for byte.
@@ -503,7 +503,7 @@ public final class Smartcard {
      * @param label its label
      * @return 0 also if there is none; -1 or the module's code
      */
-    public static native long deleteCertificateDLL(long slotIndex, byte[] subject, byte[] issuer, byte[] serialNumber,
+    public static synchronized native long deleteCertificateDLL(long slotIndex, byte[] subject, byte[] issuer, byte[] serialNumber,
             byte[] id, byte[] label);
 
     /**
@@ -513,7 +513,7 @@ public final class Smartcard {
      * @param id its ID
      * @return 0 also if there is none; -1 or the module's code
      */
-    public static native long deletePublicKeyDLL(long slotIndex, byte[] id);
+    public static synchronized native long deletePublicKeyDLL(long slotIndex, byte[] id);
 
     /**
      * Destroys the first private key of the token that has the ID, after a login.
@@ -522,7 +522,7 @@ public final class Smartcard {
      * @param id its ID
      * @return 0 also if there is none; -1 or the module's code
      */
-    public static native long deletePrivateKeyDLL(long slotIndex, byte[] id);
+    public static synchronized native long deletePrivateKeyDLL(long slotIndex, byte[] id);
 
     /**
      * Destroys all X.509 certificates of the token, up to the first that cannot be destroyed.
@@ -530,7 +530,7 @@ public final class Smartcard {
      * @param slotIndex a slot with a session
      * @return 0, -1 or the module's code
      */
-    public static native long deleteAllCertificatesDLL(long slotIndex);
+    public static synchronized native long deleteAllCertificatesDLL(long slotIndex);
 
     // ---- Keys at work ----
 
@@ -543,7 +543,7 @@ public final class Smartcard {
      * @return the signature, as long as the modulus; or a status byte array: 0 there is no key or the search failed,
      *         otherwise the module's code
      */
-    public static native byte[] signDLL(long slotIndex, byte[] data);
+    public static synchronized native byte[] signDLL(long slotIndex, byte[] data);
 
     /**
      * Signs like {@link #signDLL}, with the first private key that has the ID.
@@ -554,7 +554,7 @@ public final class Smartcard {
      * @return the signature, as long as the modulus; or a status byte array: 0 there is no such key, otherwise the
      *         module's code, CKR_OPERATION_NOT_INITIALIZED (0x91) if the key was refused
      */
-    public static native byte[] signWithIDDLL(long slotIndex, byte[] data, byte[] id);
+    public static synchronized native byte[] signWithIDDLL(long slotIndex, byte[] data, byte[] id);
 
     /**
      * Generates an RSA key pair on the token, after a login. The private key is private, sensitive and not extractable.
@@ -567,9 +567,9 @@ public final class Smartcard {
      * @return the modulus; or a status byte array with the module's code. A pair may have come into being all the same,
      *         when only its modulus could not be read
      */
-    public static native byte[] generateKeyPairDLL(long slotIndex, long modulusBits, byte[] publicExponent, byte[] id,
+    public static synchronized native byte[] generateKeyPairDLL(long slotIndex, long modulusBits, byte[] publicExponent, byte[] id,
             byte[] label);
 
     /** {@return always 1: the library does not decrypt} */
-    public static native long decryptDLL();
+    public static synchronized native long decryptDLL();
 }
