@@ -150,6 +150,7 @@ class KeyStoreTest {
 
     /** MODULE#SLOT for the token with the label. */
     private static String token(String label) {
+        Smartcard.finalizeDLL();
         assertEquals(0, Smartcard.initDLL(MODULE));
         int slot = new String(Smartcard.readCardLabelDLL(0)).strip().equals(label) ? 0 : 1;
         Smartcard.finalizeDLL();
