@@ -56,31 +56,32 @@ final class SmartcardKeyStore extends KeyStoreSpi {
         if (stream != null) {
             throw new IOException("the entries are on the token: load with null in place of the stream");
         }
-        List<Item> read;
+        SmartcardSlot slot;
+        List<byte[][]> privateKeys;
+        List<byte[][]> certificates;
         synchronized (Smartcard.class) {
-            read = read(configured.open(pin));
+            slot = configured.open(pin);
+            privateKeys = slot.privateKeys();
+            certificates = slot.certificates();
         }
-        items = byAlias(read);
-    }
-
-    private static List<Item> read(SmartcardSlot slot) throws IOException, CertificateException {
-        Set<ByteBuffer> keyIds = slot.privateKeys().stream().map(row -> ByteBuffer.wrap(row[0]))
+        // Objects without an ID do not belong together for that.
+        Set<ByteBuffer> keyIds = privateKeys.stream().map(row -> ByteBuffer.wrap(row[0]))
                 .filter(ByteBuffer::hasRemaining).collect(Collectors.toSet());
         CertificateFactory factory = CertificateFactory.getInstance("X.509");
-        List<Item> items = new ArrayList<>();
-        for (byte[][] row : slot.certificates()) {
+        List<Item> found = new ArrayList<>();
+        for (byte[][] row : certificates) {
             try {
                 X509Certificate certificate =
                         (X509Certificate) factory.generateCertificate(new ByteArrayInputStream(row[2]));
-                boolean hasKey = keyIds.contains(ByteBuffer.wrap(row[0]));
-                items.add(new Item(SmartcardSlot.text(row[1]), certificate,
-                        hasKey && certificate.getPublicKey() instanceof RSAPublicKey publicKey
-                                ? new SmartcardKey(slot, row[0], publicKey) : null));
+                SmartcardKey key = keyIds.contains(ByteBuffer.wrap(row[0]))
+                        && certificate.getPublicKey() instanceof RSAPublicKey publicKey
+                        ? new SmartcardKey(slot, row[0], publicKey) : null;
+                found.add(new Item(SmartcardSlot.text(row[1]), certificate, key));
             } catch (CertificateException e) {
-                continue; // One that is broken must not keep the others away.
+                continue; // one that cannot be read must not keep the others away
             }
         }
-        return items;
+        items = byAlias(found);
     }
 
     /** A label that stands for several certificates, or for none, is told apart by the certificate. */

@@ -78,12 +78,6 @@ public final class SmartcardProvider extends Provider {
         return new SmartcardProvider(SmartcardSlot.named(argument));
     }
 
-    /** {@return whether it names a token, as only the providers do that {@link #configure configure} returns} */
-    @Override
-    public boolean isConfigured() {
-        return slot != null;
-    }
-
     private final class TokenService extends Service {
         TokenService(String type, String algorithm, Class<?> spi, Map<String, String> attributes) {
             super(SmartcardProvider.this, type, algorithm, spi.getName(), null, attributes);

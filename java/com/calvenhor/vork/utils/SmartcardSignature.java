@@ -35,14 +35,14 @@ final class SmartcardSignature extends SignatureSpi {
         }
     }
 
-    private final byte[] prefix;
-    private final MessageDigest digest; // null: what is signed is kept as it is
+    private final Algorithm algorithm;
+    private final MessageDigest digest; // null: what is to be signed is kept as it is
     private final ByteArrayOutputStream data = new ByteArrayOutputStream();
     private SmartcardKey key;
     private RSAPublicKey publicKey;
 
     SmartcardSignature(Algorithm algorithm) throws NoSuchAlgorithmException {
-        prefix = algorithm.prefix;
+        this.algorithm = algorithm;
         digest = algorithm.digest == null ? null : MessageDigest.getInstance(algorithm.digest);
     }
 
@@ -52,7 +52,7 @@ final class SmartcardSignature extends SignatureSpi {
             throw new InvalidKeyException("a key from a KeyStore of the type Smartcard is expected");
         }
         key = smartcardKey;
-        initialise(key.publicKey());
+        start(key.publicKey());
     }
 
     @Override
@@ -60,12 +60,12 @@ final class SmartcardSignature extends SignatureSpi {
         if (!(publicKey instanceof RSAPublicKey rsaPublicKey)) {
             throw new InvalidKeyException("an RSA public key is expected");
         }
-        initialise(rsaPublicKey);
+        start(rsaPublicKey);
     }
 
-    private void initialise(RSAPublicKey rsaPublicKey) {
-        publicKey = rsaPublicKey;
-        digestInfo();
+    private void start(RSAPublicKey verifyingKey) {
+        publicKey = verifyingKey;
+        digestInfo(); // and forget it: something may be left of a signature that was never finished
     }
 
     @Override
@@ -85,7 +85,7 @@ final class SmartcardSignature extends SignatureSpi {
     /** What is signed, after which all is as it was in the beginning. */
     private byte[] digestInfo() {
         if (digest != null) {
-            data.writeBytes(prefix);
+            data.writeBytes(algorithm.prefix);
             data.writeBytes(digest.digest());
         }
         byte[] digestInfo = data.toByteArray();

@@ -7,6 +7,7 @@ import java.security.UnrecoverableKeyException;
 import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.List;
+import java.util.function.LongFunction;
 
 /**
  * A slot and its session, and the only caller of the natives. Steps that belong together hold the natives' lock.
@@ -96,15 +97,15 @@ record SmartcardSlot(String module, long index) {
         }
     }
 
-    private void logIn(char[] pin) throws IOException {
-        boolean isGiven = pin != null && pin.length > 0;
+    private void logIn(char[] pinGiven) throws IOException {
+        String pin = pinGiven == null || pinGiven.length == 0 ? null : new String(pinGiven);
         boolean hasPinPad = (Smartcard.getTokenInfoDLL(index) & 0x100) != 0; // CKF_PROTECTED_AUTHENTICATION_PATH
-        if (isUser(Smartcard.getSessionInfoDLL(index)) || !isGiven && !hasPinPad) {
+        if (isUser(Smartcard.getSessionInfoDLL(index)) || pin == null && !hasPinPad) {
             return;
         }
-        // Modified UTF-8, in which strings reach the module, is not UTF-8 in these: the token would count a wrong PIN.
-        boolean isAltered = isGiven && new String(pin).chars().anyMatch(c -> c == 0 || Character.isSurrogate((char) c));
-        long code = isAltered ? PIN_INVALID : Smartcard.loginDLL(index, isGiven ? new String(pin) : null, 1); // as user
+        // Strings reach the module in modified UTF-8, which differs from UTF-8 in these: a wrong PIN, and counted.
+        boolean isAltered = pin != null && pin.chars().anyMatch(c -> c == 0 || Character.isSurrogate((char) c));
+        long code = isAltered ? PIN_INVALID : Smartcard.loginDLL(index, pin, 1); // as user
         if (code != 0) {
             IOException failure = new SmartcardException("loginDLL in slot " + index, code,
                     isAltered ? "; a NUL or a character above U+FFFF cannot be sent, and the token was not asked" : "");
@@ -115,28 +116,27 @@ record SmartcardSlot(String module, long index) {
 
     /** The X.509 certificates that the session sees, each with its ID, its label and its DER encoding. */
     List<byte[][]> certificates() throws IOException {
-        synchronized (Smartcard.class) {
-            return rows("readAllCertificatesDLL", Smartcard.readAllCertificatesDLL(index), 3);
-        }
+        return rows("readAllCertificatesDLL", Smartcard::readAllCertificatesDLL, 3);
     }
 
     /** The RSA private keys that the session sees, each with its ID and its label. */
     List<byte[][]> privateKeys() throws IOException {
-        synchronized (Smartcard.class) {
-            return rows("readAllRSAPrivateKeysDLL", Smartcard.readAllRSAPrivateKeysDLL(index), 2);
-        }
+        return rows("readAllRSAPrivateKeysDLL", Smartcard::readAllRSAPrivateKeysDLL, 2);
     }
 
-    private List<byte[][]> rows(String call, byte[][] listing, int width) throws IOException {
-        // A code whose low 8 bits are 0 passes for success: only the missing values show it.
-        if (listing == null || listing[0][0] != 0 || Arrays.asList(listing).contains(null)) {
-            throw failure(call, listing == null ? null : listing[0], FUNCTION_REJECTED);
+    private List<byte[][]> rows(String call, LongFunction<byte[][]> list, int width) throws IOException {
+        synchronized (Smartcard.class) {
+            byte[][] listing = list.apply(index);
+            // A code whose low 8 bits are 0 passes for success: only the missing values show it.
+            if (listing == null || listing[0][0] != 0 || Arrays.asList(listing).contains(null)) {
+                throw failure(call, listing == null ? null : listing[0], FUNCTION_REJECTED);
+            }
+            List<byte[][]> rows = new ArrayList<>();
+            for (int i = 1; i < listing.length; i += width) {
+                rows.add(Arrays.copyOfRange(listing, i, i + width));
+            }
+            return rows;
         }
-        List<byte[][]> rows = new ArrayList<>();
-        for (int i = 1; i < listing.length; i += width) {
-            rows.add(Arrays.copyOfRange(listing, i, i + width));
-        }
-        return rows;
     }
 
     /** Signs with the first private key that has the ID, by CKM_RSA_PKCS. */
