@@ -3,57 +3,21 @@ import static org.junit.jupiter.api.Assertions.*;
 import com.calvenhor.vork.utils.Smartcard;
 import com.calvenhor.vork.utils.SmartcardException;
 import com.calvenhor.vork.utils.SmartcardProvider;
-import java.io.ByteArrayInputStream;
-import java.io.ByteArrayOutputStream;
-import java.io.IOException;
-import java.io.InputStream;
-import java.io.NotSerializableException;
-import java.io.ObjectOutputStream;
-import java.io.OutputStream;
+import java.io.*;
 import java.nio.file.Files;
 import java.nio.file.Path;
-import java.security.InvalidKeyException;
-import java.security.InvalidParameterException;
-import java.security.KeyPair;
-import java.security.KeyPairGenerator;
-import java.security.KeyStore;
-import java.security.KeyStoreException;
-import java.security.MessageDigest;
-import java.security.PrivateKey;
-import java.security.Provider;
-import java.security.Security;
-import java.security.Signature;
-import java.security.SignatureException;
-import java.security.UnrecoverableKeyException;
+import java.security.*;
 import java.security.cert.Certificate;
 import java.security.cert.X509Certificate;
 import java.security.interfaces.RSAKey;
-import java.util.ArrayList;
-import java.util.Arrays;
-import java.util.Collections;
-import java.util.HexFormat;
-import java.util.List;
-import java.util.concurrent.Callable;
-import java.util.concurrent.CompletableFuture;
-import java.util.concurrent.ExecutorService;
-import java.util.concurrent.Executors;
-import java.util.concurrent.Future;
+import java.util.*;
+import java.util.concurrent.*;
 import javax.crypto.Cipher;
-import javax.net.ssl.KeyManagerFactory;
-import javax.net.ssl.SSLContext;
-import javax.net.ssl.SSLException;
-import javax.net.ssl.SSLServerSocket;
-import javax.net.ssl.SSLSocket;
-import javax.net.ssl.TrustManagerFactory;
+import javax.net.ssl.*;
 import javax.xml.crypto.KeySelector;
-import javax.xml.crypto.dsig.CanonicalizationMethod;
-import javax.xml.crypto.dsig.DigestMethod;
-import javax.xml.crypto.dsig.Transform;
-import javax.xml.crypto.dsig.XMLSignatureFactory;
-import javax.xml.crypto.dsig.dom.DOMSignContext;
-import javax.xml.crypto.dsig.dom.DOMValidateContext;
-import javax.xml.crypto.dsig.spec.C14NMethodParameterSpec;
-import javax.xml.crypto.dsig.spec.TransformParameterSpec;
+import javax.xml.crypto.dsig.*;
+import javax.xml.crypto.dsig.dom.*;
+import javax.xml.crypto.dsig.spec.*;
 import javax.xml.parsers.DocumentBuilderFactory;
 import org.junit.jupiter.api.BeforeAll;
 import org.junit.jupiter.api.BeforeEach;
@@ -575,13 +539,9 @@ class KeyStoreTest {
     /** A tool of the JDK under test, with the token in place of a file. */
     private static String tool(String command, String argument) throws Exception {
         String jar = Path.of(Smartcard.class.getProtectionDomain().getCodeSource().getLocation().toURI()).toString();
-        List<String> words = new ArrayList<>(List.of(command.split(" ")));
-        words.set(0, JDK + words.get(0));
-        words.addAll(words.size() > 1 && words.get(1).equals("-sigalg") ? 1 : 2, List.of(("-keystore NONE -storetype "
-                + "Smartcard -storepass 1234 -providerClass " + SmartcardProvider.class.getName() + " -providerArg "
-                + argument + " -J-cp -J" + jar + " -J-Djava.library.path=" + System.getProperty("java.library.path"))
-                .split(" ")));
-        return run(words.toArray(new String[0]));
+        return run((JDK + command + " -keystore NONE -storetype Smartcard -storepass 1234 -providerClass "
+                + SmartcardProvider.class.getName() + " -providerArg " + argument + " -J-cp -J" + jar
+                + " -J-Djava.library.path=" + System.getProperty("java.library.path")).split(" "));
     }
 
     @Test

@@ -25,24 +25,24 @@ import java.util.Map;
  *
  * <h2>Loading</h2>
  * {@code load} binds the module, opens the slot's session and logs in, as far as the application has not done so;
- * nothing is closed or logged out, which is the application's to do. Without a PIN, or with an empty one, the
- * certificates that are public are there, and a token with a PIN pad is asked to log in. Where another module is bound
- * than the one named, {@code load} refuses. A failure with a PKCS#11 code is a {@link SmartcardException}; a wrong PIN
+ * nothing is closed or logged out, which is the application's to do. Without a PIN, or with an empty one, a token with
+ * a PIN pad asks for it, and of any other the public certificates are there. Where another module is bound than the
+ * one named, {@code load} refuses. A failure with a PKCS#11 code is a {@link SmartcardException}; a wrong PIN
  * has an {@link java.security.UnrecoverableKeyException} as its cause.
  *
  * <p>After the card was out and in again, {@code load} once more: the keys obtained before work again as well.
  *
  * <h2>Entries</h2>
  * Each X.509 certificate is an entry: a key entry, with the chain that the token holds, if an RSA private key has its
- * ID, which must not be empty. The alias is the label; one that is empty or shared is followed by "/" and the first
- * four bytes of the certificate's SHA-256 in hexadecimal. Key passwords are not used. Entries cannot be changed; the
- * natives of {@link Smartcard} do that.
+ * ID, which must not be empty. The alias is the label; where that is empty, or the label of several certificates, with
+ * "/" and the first four bytes of the certificate's SHA-256 in hexadecimal. Key passwords are not used. Entries cannot
+ * be changed: the natives of {@link Smartcard} do that.
  *
  * <h2>Keys</h2>
  * A key is a slot and an ID. Each signature is verified with the certificate before it is returned, so that one by
  * another key of the same ID, or by another card, is a {@link java.security.SignatureException}.
  *
- * <p>All of it can be used by several threads, also beside calls of {@link Smartcard}.
+ * <p>Several threads may use all of it at once, also beside calls of {@link Smartcard}, which share its lock.
  */
 public final class SmartcardProvider extends Provider {
     private static final long serialVersionUID = 1;
