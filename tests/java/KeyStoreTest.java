@@ -81,16 +81,16 @@ class KeyStoreTest {
     }
 
     @BeforeEach
-    void unbind() {
+    void startAnew() {
         Smartcard.finalizeDLL();
         MockTest.reset();
+        Security.removeProvider("Smartcard");
     }
 
     /** What a command prints; it has to succeed. */
     private static String run(String... command) throws Exception {
         ProcessBuilder builder = new ProcessBuilder(command).directory(folder.toFile()).redirectErrorStream(true);
         builder.environment().put("MODULE", MODULE);
-        builder.environment().put("LC_ALL", "C.UTF-8");
         Process process = builder.start();
         String output = new String(process.getInputStream().readAllBytes());
         assertEquals(0, process.waitFor(), output);
@@ -287,20 +287,17 @@ class KeyStoreTest {
         KeyStore store = load(token("First"), "1234");
         PrivateKey software = KeyPairGenerator.getInstance("RSA").generateKeyPair().getPrivate();
         for (int position : new int[] {1, 100}) {
+            Security.removeProvider("Smartcard");
             Security.insertProviderAt(store.getProvider(), position);
-            try {
-                for (boolean isOurs : new boolean[] {true, false}) {
-                    Signature signature = Signature.getInstance("SHA256withRSA");
-                    signature.initSign(isOurs ? key(store, "Köy") : software);
-                    assertEquals(isOurs, signature.getProvider() == store.getProvider());
-                }
-                Signature pss = Signature.getInstance("RSASSA-PSS");
-                assertThrows(InvalidKeyException.class, () -> pss.initSign(key(store, "Köy")));
-                Cipher cipher = Cipher.getInstance("RSA/ECB/PKCS1Padding");
-                assertThrows(InvalidKeyException.class, () -> cipher.init(Cipher.DECRYPT_MODE, key(store, "Köy")));
-            } finally {
-                Security.removeProvider("Smartcard");
+            for (boolean isOurs : new boolean[] {true, false}) {
+                Signature signature = Signature.getInstance("SHA256withRSA");
+                signature.initSign(isOurs ? key(store, "Köy") : software);
+                assertEquals(isOurs, signature.getProvider() == store.getProvider());
             }
+            Signature pss = Signature.getInstance("RSASSA-PSS");
+            assertThrows(InvalidKeyException.class, () -> pss.initSign(key(store, "Köy")));
+            Cipher cipher = Cipher.getInstance("RSA/ECB/PKCS1Padding");
+            assertThrows(InvalidKeyException.class, () -> cipher.init(Cipher.DECRYPT_MODE, key(store, "Köy")));
         }
     }
 
@@ -548,29 +545,25 @@ class KeyStoreTest {
     void xmlSignature() throws Exception {
         KeyStore store = load(token("First"), "1234");
         Security.addProvider(store.getProvider());
-        try {
-            DocumentBuilderFactory builders = DocumentBuilderFactory.newInstance();
-            builders.setNamespaceAware(true);
-            Document document = builders.newDocumentBuilder().parse(new ByteArrayInputStream("<a>1</a>".getBytes()));
-            XMLSignatureFactory factory = XMLSignatureFactory.getInstance("DOM");
-            Transform enveloped = factory.newTransform(Transform.ENVELOPED, (TransformParameterSpec) null);
-            var reference = factory.newReference("", factory.newDigestMethod(DigestMethod.SHA256, null),
-                    List.of(enveloped), null, null);
-            var information = factory.newSignedInfo(
-                    factory.newCanonicalizationMethod(CanonicalizationMethod.INCLUSIVE, (C14NMethodParameterSpec) null),
-                    factory.newSignatureMethod("http://www.w3.org/2001/04/xmldsig-more#rsa-sha256", null),
-                    List.of(reference));
-            factory.newXMLSignature(information, null)
-                    .sign(new DOMSignContext(key(store, "Köy"), document.getDocumentElement()));
-            for (boolean isRight : new boolean[] {true, false}) {
-                DOMValidateContext context = new DOMValidateContext(
-                        KeySelector.singletonKeySelector(store.getCertificate("Köy").getPublicKey()),
-                        document.getElementsByTagNameNS("*", "Signature").item(0));
-                assertEquals(isRight, factory.unmarshalXMLSignature(context).validate(context));
-                document.getDocumentElement().getFirstChild().setTextContent("2");
-            }
-        } finally {
-            Security.removeProvider("Smartcard");
+        DocumentBuilderFactory builders = DocumentBuilderFactory.newInstance();
+        builders.setNamespaceAware(true);
+        Document document = builders.newDocumentBuilder().parse(new ByteArrayInputStream("<a>1</a>".getBytes()));
+        XMLSignatureFactory factory = XMLSignatureFactory.getInstance("DOM");
+        Transform enveloped = factory.newTransform(Transform.ENVELOPED, (TransformParameterSpec) null);
+        var reference = factory.newReference("", factory.newDigestMethod(DigestMethod.SHA256, null),
+                List.of(enveloped), null, null);
+        var information = factory.newSignedInfo(
+                factory.newCanonicalizationMethod(CanonicalizationMethod.INCLUSIVE, (C14NMethodParameterSpec) null),
+                factory.newSignatureMethod("http://www.w3.org/2001/04/xmldsig-more#rsa-sha256", null),
+                List.of(reference));
+        factory.newXMLSignature(information, null)
+                .sign(new DOMSignContext(key(store, "Köy"), document.getDocumentElement()));
+        for (boolean isRight : new boolean[] {true, false}) {
+            DOMValidateContext context = new DOMValidateContext(
+                    KeySelector.singletonKeySelector(store.getCertificate("Köy").getPublicKey()),
+                    document.getElementsByTagNameNS("*", "Signature").item(0));
+            assertEquals(isRight, factory.unmarshalXMLSignature(context).validate(context));
+            document.getDocumentElement().getFirstChild().setTextContent("2");
         }
     }
 
@@ -583,15 +576,11 @@ class KeyStoreTest {
         KeyStore client = load(token("First"), "1234");
         trusted.setCertificateEntry("root", client.getCertificate("Root"));
         Security.addProvider(client.getProvider());
-        try {
-            SSLContext clients = context(client, null, trusted);
-            SSLContext servers = context(server, "pw".toCharArray(), trusted);
-            assertEquals("CN=leaf", handshake(clients, servers, "TLSv1.2"));
-            assertFails(SSLException.class, "No supported CertificateVerify signature algorithm",
-                    () -> handshake(clients, servers, "TLSv1.3"));
-        } finally {
-            Security.removeProvider("Smartcard");
-        }
+        SSLContext clients = context(client, null, trusted);
+        SSLContext servers = context(server, "pw".toCharArray(), trusted);
+        assertEquals("CN=leaf", handshake(clients, servers, "TLSv1.2"));
+        assertFails(SSLException.class, "No supported CertificateVerify signature algorithm",
+                () -> handshake(clients, servers, "TLSv1.3"));
     }
 
     private static SSLContext context(KeyStore keys, char[] password, KeyStore trusted) throws Exception {
