@@ -29,6 +29,7 @@ public final class SmartcardException extends IOException {
         }
     }
 
+    /** The CK_RV. */
     private final long code;
 
     SmartcardException(String step, long code, String advice) {

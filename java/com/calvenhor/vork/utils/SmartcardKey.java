@@ -8,8 +8,11 @@ import java.security.spec.AlgorithmParameterSpec;
 import java.util.HexFormat;
 
 /**
- * A private key by its place, slot and ID. It holds no handle, so it outlives its session, and no secret. Algorithms
- * are chosen by its size, which it has from its certificate.
+ * A private key by its place: no handle, so that it outlives its session, and no secret.
+ *
+ * @param slot where it is
+ * @param id its ID there
+ * @param publicKey its certificate's: it verifies each signature, and algorithms are chosen by its size
  */
 record SmartcardKey(SmartcardSlot slot, byte[] id, RSAPublicKey publicKey) implements PrivateKey, RSAKey {
     @Override

@@ -159,11 +159,11 @@ final class SmartcardKeyStore extends KeyStoreSpi {
         return chain.toArray(new Certificate[0]);
     }
 
-    /** Of several with the issuer's name and key, the one that is valid longest; null if there is none. */
+    /** Of several with the issuer's name and key, the one that is valid longest; null for a root, and if there is none. */
     private X509Certificate issuer(X509Certificate certificate) {
         X500Principal name = certificate.getIssuerX500Principal();
-        return items.values().stream().map(Item::certificate)
-                .filter(other -> !name.equals(certificate.getSubjectX500Principal()))
+        return name.equals(certificate.getSubjectX500Principal()) ? null
+                : items.values().stream().map(Item::certificate)
                 .filter(other -> name.equals(other.getSubjectX500Principal()) && isSigned(certificate, other))
                 .max(Comparator.comparing(X509Certificate::getNotAfter)).orElse(null);
     }
