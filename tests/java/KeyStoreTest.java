@@ -294,6 +294,9 @@ class KeyStoreTest {
                 signature.initSign(isOurs ? key(store, "Köy") : software);
                 assertEquals(isOurs, signature.getProvider() == store.getProvider());
             }
+            Signature verifier = Signature.getInstance("SHA256withRSA");
+            verifier.initVerify(store.getCertificate("Köy"));
+            assertNotSame(store.getProvider(), verifier.getProvider());
             Signature pss = Signature.getInstance("RSASSA-PSS");
             assertThrows(InvalidKeyException.class, () -> pss.initSign(key(store, "Köy")));
             Cipher cipher = Cipher.getInstance("RSA/ECB/PKCS1Padding");
@@ -501,14 +504,20 @@ class KeyStoreTest {
         String first = token("First");
         KeyStore store = load(first, "1234");
         ExecutorService threads = Executors.newFixedThreadPool(6);
-        List<Callable<Boolean>> tasks = new ArrayList<>();
-        for (int i = 0; i < 40; i++) {
-            tasks.add(() -> verifies("SHA256withRSA", store.getCertificate("Köy"), sign(store, "Köy")));
-            tasks.add(() -> { store.load(null, "1234".toCharArray()); return store.size() == 12; });
-            tasks.add(() -> Smartcard.readAllCertificatesDLL(slot(first)).length == 37);
-        }
-        for (Future<Boolean> result : threads.invokeAll(tasks)) {
-            assertTrue(result.get());
+        List<Callable<Boolean>> use = List.of(
+                () -> verifies("SHA256withRSA", store.getCertificate("Köy"), sign(store, "Köy")),
+                () -> load(first, "1234").size() == 12,
+                () -> Smartcard.readAllCertificatesDLL(slot(first)).length == 37);
+        // No one logs out between the login of a load and its reading.
+        List<Callable<Boolean>> loadAndLogOut = List.of(
+                () -> load(first, "1234").isKeyEntry("Köy"),
+                () -> Smartcard.logoutDLL(slot(first)) != -1);
+        for (List<Callable<Boolean>> tasks : List.of(use, loadAndLogOut)) {
+            List<Callable<Boolean>> repeated = new ArrayList<>();
+            Collections.nCopies(40, tasks).forEach(repeated::addAll);
+            for (Future<Boolean> result : threads.invokeAll(repeated)) {
+                assertTrue(result.get());
+            }
         }
         threads.shutdown();
     }

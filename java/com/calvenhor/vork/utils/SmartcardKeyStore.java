@@ -159,7 +159,7 @@ final class SmartcardKeyStore extends KeyStoreSpi {
         return chain.toArray(new Certificate[0]);
     }
 
-    /** Of several with the issuer's name and key, the one that is valid longest; null for a root, and if there is none. */
+    /** The issuer's, of several the one that is valid longest; null if there is none, or for a root. */
     private X509Certificate issuer(X509Certificate certificate) {
         X500Principal name = certificate.getIssuerX500Principal();
         return name.equals(certificate.getSubjectX500Principal()) ? null
