@@ -2,20 +2,8 @@ import java.util.HashMap;
 import java.util.Map;
 import java.util.StringJoiner;
 
-/** The names that PKCS#11 gives to its numbers, without their prefixes; a number without one here is shown in hex. */
+/** PKCS#11's names of mechanisms and flags, without their prefixes; a number without one here is shown in hex. */
 final class Names {
-    private static final Map<Long, String> RESULTS = table("""
-            0 OK  1 CANCEL  2 HOST_MEMORY  3 SLOT_ID_INVALID  5 GENERAL_ERROR  6 FUNCTION_FAILED  7 ARGUMENTS_BAD
-            12 ATTRIBUTE_TYPE_INVALID  13 ATTRIBUTE_VALUE_INVALID  20 DATA_INVALID  21 DATA_LEN_RANGE
-            30 DEVICE_ERROR  31 DEVICE_MEMORY  32 DEVICE_REMOVED  54 FUNCTION_NOT_SUPPORTED  60 KEY_HANDLE_INVALID
-            62 KEY_SIZE_RANGE  63 KEY_TYPE_INCONSISTENT  68 KEY_FUNCTION_NOT_PERMITTED  70 MECHANISM_INVALID
-            82 OBJECT_HANDLE_INVALID  90 OPERATION_ACTIVE  91 OPERATION_NOT_INITIALIZED  a0 PIN_INCORRECT
-            a1 PIN_INVALID  a2 PIN_LEN_RANGE  a3 PIN_EXPIRED  a4 PIN_LOCKED  b0 SESSION_CLOSED
-            b3 SESSION_HANDLE_INVALID  b5 SESSION_READ_ONLY  b6 SESSION_EXISTS  d0 TEMPLATE_INCOMPLETE
-            d1 TEMPLATE_INCONSISTENT  e0 TOKEN_NOT_PRESENT  e1 TOKEN_NOT_RECOGNIZED  e2 TOKEN_WRITE_PROTECTED
-            100 USER_ALREADY_LOGGED_IN  101 USER_NOT_LOGGED_IN  102 USER_PIN_NOT_INITIALIZED  103 USER_TYPE_INVALID
-            150 BUFFER_TOO_SMALL  190 CRYPTOKI_NOT_INITIALIZED  191 CRYPTOKI_ALREADY_INITIALIZED
-            """);
     private static final Map<Long, String> MECHANISMS = table("""
             0 RSA_PKCS_KEY_PAIR_GEN  1 RSA_PKCS  3 RSA_X_509  5 MD5_RSA_PKCS  6 SHA1_RSA_PKCS  9 RSA_PKCS_OAEP
             d RSA_PKCS_PSS  e SHA1_RSA_PKCS_PSS  10 DSA_KEY_PAIR_GEN  11 DSA  12 DSA_SHA1  13 DSA_SHA224
@@ -50,10 +38,6 @@ final class Names {
             """);
 
     private Names() {
-    }
-
-    static String result(long code) {
-        return name(RESULTS, code);
     }
 
     static String mechanism(int type) {

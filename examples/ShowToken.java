@@ -1,4 +1,5 @@
 import com.calvenhor.vork.utils.Smartcard;
+import com.calvenhor.vork.utils.SmartcardException;
 import java.nio.file.Path;
 import java.security.GeneralSecurityException;
 import java.security.cert.X509Certificate;
@@ -61,7 +62,7 @@ public final class ShowToken {
         lines.add("  flags: " + Names.slotFlags(Smartcard.getSlotInfoDLL(slot)));
         byte[] label = Smartcard.readCardLabelDLL(slot);
         if (label.length == 1) {
-            lines.add("  no token: " + Names.result(label[0] & 0xFF));
+            lines.add("  no token: " + SmartcardException.nameOf(label[0] & 0xFF));
             return;
         }
         byte[] serialNumber = Token.data(Smartcard.readCardSerialNumberDLL(slot), "readCardSerialNumberDLL");

@@ -1,4 +1,5 @@
 import com.calvenhor.vork.utils.Smartcard;
+import com.calvenhor.vork.utils.SmartcardException;
 import java.io.ByteArrayInputStream;
 import java.math.BigInteger;
 import java.nio.charset.StandardCharsets;
@@ -221,7 +222,7 @@ final class Token implements AutoCloseable {
 
     /** Goes on only after a success. */
     static void check(long code, String call) throws Failure {
-        require(code == 0, call + ": " + (code < 0 ? String.valueOf(code) : "CKR_" + Names.result(code)));
+        require(code == 0, call + ": " + (code < 0 ? String.valueOf(code) : SmartcardException.nameOf(code)));
     }
 
     /** Goes on only with data, not with the status that is returned in its place. */

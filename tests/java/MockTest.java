@@ -31,13 +31,16 @@ class MockTest {
     }
 
     /** As freshly loaded, with one slot and a token with the PIN "1". Not while bound. */
-    private static native void reset();
+    static native void reset();
 
     /** Fails the nth call of a function from now, the next one being 1. */
-    private static native void failAt(String function, int nth, long code);
+    static native void failAt(String function, int nth, long code);
+
+    /** Such as 0x100, CKF_PROTECTED_AUTHENTICATION_PATH. */
+    static native void setTokenFlags(long flags);
 
     /** Forgets what was called, and tells by which functions, with a blank between two. */
-    private static native String takeCalls();
+    static native String takeCalls();
 
     /** The objects on the token, the open sessions and the active searches. */
     private static native long liveObjects();

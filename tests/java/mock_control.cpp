@@ -17,6 +17,10 @@ JNIEXPORT void JNICALL Java_MockTest_failAt(JNIEnv* env, jclass, jstring functio
   env->ReleaseStringUTFChars(function, name);
 }
 
+JNIEXPORT void JNICALL Java_MockTest_setTokenFlags(JNIEnv*, jclass, jlong flags) {
+  mockModule()->slots[0].token.flags = static_cast<CK_FLAGS>(flags);
+}
+
 JNIEXPORT jlong JNICALL Java_MockTest_liveObjects(JNIEnv*, jclass) {
   const mock::Module& module = *mockModule();
   return static_cast<jlong>(module.slots[0].objects.size() + module.sessions.size() + module.searches.size());

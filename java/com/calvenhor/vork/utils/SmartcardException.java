@@ -1,0 +1,53 @@
+package com.calvenhor.vork.utils;
+
+import java.io.IOException;
+import java.util.HashMap;
+import java.util.Map;
+
+/** A step failed with a PKCS#11 code. {@link java.security.Signature Signature} has it as the cause of its own. */
+public final class SmartcardException extends IOException {
+    private static final long serialVersionUID = 1;
+
+    private static final Map<Long, String> NAMES = new HashMap<>();
+
+    static {
+        String[] codesAndNames = """
+            0 OK  1 CANCEL  2 HOST_MEMORY  3 SLOT_ID_INVALID  5 GENERAL_ERROR  6 FUNCTION_FAILED  7 ARGUMENTS_BAD
+            12 ATTRIBUTE_TYPE_INVALID  13 ATTRIBUTE_VALUE_INVALID  20 DATA_INVALID  21 DATA_LEN_RANGE
+            30 DEVICE_ERROR  31 DEVICE_MEMORY  32 DEVICE_REMOVED  50 FUNCTION_CANCELED  54 FUNCTION_NOT_SUPPORTED
+            60 KEY_HANDLE_INVALID  62 KEY_SIZE_RANGE  63 KEY_TYPE_INCONSISTENT  68 KEY_FUNCTION_NOT_PERMITTED
+            70 MECHANISM_INVALID  82 OBJECT_HANDLE_INVALID  90 OPERATION_ACTIVE  91 OPERATION_NOT_INITIALIZED
+            a0 PIN_INCORRECT  a1 PIN_INVALID  a2 PIN_LEN_RANGE  a3 PIN_EXPIRED  a4 PIN_LOCKED  b0 SESSION_CLOSED
+            b3 SESSION_HANDLE_INVALID  b5 SESSION_READ_ONLY  b6 SESSION_EXISTS  d0 TEMPLATE_INCOMPLETE
+            d1 TEMPLATE_INCONSISTENT  e0 TOKEN_NOT_PRESENT  e1 TOKEN_NOT_RECOGNIZED  e2 TOKEN_WRITE_PROTECTED
+            100 USER_ALREADY_LOGGED_IN  101 USER_NOT_LOGGED_IN  102 USER_PIN_NOT_INITIALIZED  103 USER_TYPE_INVALID
+            104 USER_ANOTHER_ALREADY_LOGGED_IN  150 BUFFER_TOO_SMALL  190 CRYPTOKI_NOT_INITIALIZED
+            191 CRYPTOKI_ALREADY_INITIALIZED  200 FUNCTION_REJECTED
+            """.strip().split("\\s+");
+        for (int i = 0; i < codesAndNames.length; i += 2) {
+            NAMES.put(Long.parseLong(codesAndNames[i], 16), "CKR_" + codesAndNames[i + 1]);
+        }
+    }
+
+    /** The CK_RV. */
+    private final long code;
+
+    SmartcardException(String step, long code, String advice) {
+        super(step + ": " + nameOf(code) + " (0x" + Long.toHexString(code) + ")" + advice);
+        this.code = code;
+    }
+
+    /** {@return the code (CK_RV) of what failed} */
+    public long code() {
+        return code;
+    }
+
+    /**
+     * {@return the name that PKCS#11 gives to a code, such as CKR_PIN_INCORRECT; in hexadecimal, if it has none here}
+     *
+     * @param code a CK_RV
+     */
+    public static String nameOf(long code) {
+        return NAMES.getOrDefault(code, "0x" + Long.toHexString(code));
+    }
+}

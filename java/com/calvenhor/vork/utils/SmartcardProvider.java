@@ -1,0 +1,92 @@
+package com.calvenhor.vork.utils;
+
+import com.calvenhor.vork.utils.SmartcardSignature.Algorithm;
+import java.security.NoSuchAlgorithmException;
+import java.security.Provider;
+import java.util.Map;
+
+/**
+ * A token as a {@link java.security.KeyStore KeyStore} of the type {@code Smartcard}, whose keys sign by {@link
+ * java.security.Signature Signature}: {@code NONEwithRSA} (over a DigestInfo that the caller gives) and {@code SHA1},
+ * {@code SHA224}, {@code SHA256}, {@code SHA384} and {@code SHA512withRSA}, all of PKCS #1 v1.5. What CKM_RSA_PKCS
+ * alone cannot do, it does not offer: PSS, and so no TLS 1.3 client authentication (limit the client to TLS 1.2); EC
+ * keys; decryption; keys that want a PIN for each signature.
+ *
+ * <p>It is not a trust store: every certificate on the token would be an anchor. Traces go to standard output, as with
+ * {@link Smartcard}; let tools write with an option such as {@code -file}.
+ *
+ * <pre>{@code
+ * Provider provider = new SmartcardProvider().configure("/usr/lib/vendor/pkcs11.so");
+ * KeyStore store = KeyStore.getInstance("Smartcard", provider);
+ * store.load(null, pin);
+ * Signature signature = Signature.getInstance("SHA256withRSA", provider);
+ * signature.initSign((PrivateKey) store.getKey(alias, null));
+ * }</pre>
+ *
+ * <h2>Loading</h2>
+ * {@code load} binds the module, opens the slot's session and logs in, as far as the application has not done so;
+ * nothing is closed or logged out, which is the application's to do. Without a PIN, or with an empty one, a token with
+ * a PIN pad asks for it, and of any other the public certificates are there. Where another module is bound than the
+ * one named, {@code load} refuses. A failure with a PKCS#11 code is a {@link SmartcardException}; a wrong PIN
+ * has an {@link java.security.UnrecoverableKeyException} as its cause.
+ *
+ * <p>After the card was out and in again, {@code load} once more: the keys obtained before work again as well.
+ *
+ * <h2>Entries</h2>
+ * Each X.509 certificate is an entry: a key entry, with the chain that the token holds, if an RSA private key has its
+ * ID, which must not be empty. The alias is the label; where that is empty, or the label of several certificates, with
+ * "/" and the first four bytes of the certificate's SHA-256 in hexadecimal. Key passwords are not used. Entries cannot
+ * be changed: the natives of {@link Smartcard} do that.
+ *
+ * <h2>Keys</h2>
+ * A key is a slot and an ID. Each signature is verified with the certificate before it is returned, so that one by
+ * another key of the same ID, or by another card, is a {@link java.security.SignatureException}.
+ *
+ * <p>Several threads may use all of it at once, also beside calls of {@link Smartcard}, which share its lock.
+ */
+public final class SmartcardProvider extends Provider {
+    private static final long serialVersionUID = 1;
+
+    private final transient SmartcardSlot slot;
+
+    /** A provider that names no token yet: see {@link #configure configure}. */
+    public SmartcardProvider() {
+        this(null);
+    }
+
+    private SmartcardProvider(SmartcardSlot slot) {
+        super("Smartcard", "1.0", "RSA keys and certificates of smart cards, through PKCS#11");
+        this.slot = slot;
+        putService(new TokenService("KeyStore", "Smartcard", SmartcardKeyStore.class, Map.of()));
+        // Asked for one of these without a provider, the JDK chooses it by the key's class.
+        Map<String, String> keys = Map.of("SupportedKeyClasses", SmartcardKey.class.getName());
+        for (Algorithm algorithm : Algorithm.values()) {
+            putService(new TokenService("Signature", algorithm.name(), SmartcardSignature.class, keys));
+        }
+    }
+
+    /**
+     * {@return a provider for one token}
+     *
+     * @param argument {@code MODULE#SLOT}, the path of a PKCS#11 module and a slot index; {@code MODULE}, for the only
+     *        token that it has; or {@code SLOT}, for a slot of the module that the application has bound
+     * @throws NullPointerException if it is null
+     * @throws java.security.InvalidParameterException if it is none of these
+     */
+    @Override
+    public Provider configure(String argument) {
+        return new SmartcardProvider(SmartcardSlot.named(argument));
+    }
+
+    private final class TokenService extends Service {
+        TokenService(String type, String algorithm, Class<?> spi, Map<String, String> attributes) {
+            super(SmartcardProvider.this, type, algorithm, spi.getName(), null, attributes);
+        }
+
+        @Override
+        public Object newInstance(Object parameter) throws NoSuchAlgorithmException {
+            return getType().equals("KeyStore") ? new SmartcardKeyStore(slot)
+                    : new SmartcardSignature(Algorithm.valueOf(getAlgorithm()));
+        }
+    }
+}

@@ -1,0 +1,152 @@
+package com.calvenhor.vork.utils;
+
+import java.io.ByteArrayOutputStream;
+import java.io.IOException;
+import java.math.BigInteger;
+import java.security.InvalidKeyException;
+import java.security.InvalidParameterException;
+import java.security.MessageDigest;
+import java.security.NoSuchAlgorithmException;
+import java.security.PrivateKey;
+import java.security.PublicKey;
+import java.security.SignatureException;
+import java.security.SignatureSpi;
+import java.security.interfaces.RSAPublicKey;
+import java.util.Arrays;
+import java.util.HexFormat;
+
+/** RSA signatures of PKCS #1 v1.5: made by the token, verified here. */
+final class SmartcardSignature extends SignatureSpi {
+    /** The algorithms by their names, each with its digest and the DER encoding of DigestInfo up to the digest. */
+    enum Algorithm {
+        NONEwithRSA(null, ""), // the caller gives the DigestInfo
+        SHA1withRSA("SHA-1", "3021300906052b0e03021a05000414"),
+        SHA224withRSA("SHA-224", "302d300d06096086480165030402040500041c"),
+        SHA256withRSA("SHA-256", "3031300d060960864801650304020105000420"),
+        SHA384withRSA("SHA-384", "3041300d060960864801650304020205000430"),
+        SHA512withRSA("SHA-512", "3051300d060960864801650304020305000440");
+
+        private final String digest;
+        private final byte[] prefix;
+
+        Algorithm(String digest, String prefix) {
+            this.digest = digest;
+            this.prefix = HexFormat.of().parseHex(prefix);
+        }
+    }
+
+    private final Algorithm algorithm;
+    private final MessageDigest digest; // null: what is to be signed is kept as it is
+    private final ByteArrayOutputStream data = new ByteArrayOutputStream();
+    private SmartcardKey key;
+    private RSAPublicKey publicKey;
+
+    SmartcardSignature(Algorithm algorithm) throws NoSuchAlgorithmException {
+        this.algorithm = algorithm;
+        digest = algorithm.digest == null ? null : MessageDigest.getInstance(algorithm.digest);
+    }
+
+    @Override
+    protected void engineInitSign(PrivateKey privateKey) throws InvalidKeyException {
+        if (!(privateKey instanceof SmartcardKey smartcardKey)) {
+            throw new InvalidKeyException("a key from a KeyStore of the type Smartcard is expected");
+        }
+        key = smartcardKey;
+        start(key.publicKey());
+    }
+
+    @Override
+    protected void engineInitVerify(PublicKey publicKey) throws InvalidKeyException {
+        if (!(publicKey instanceof RSAPublicKey rsaPublicKey)) {
+            throw new InvalidKeyException("an RSA public key is expected");
+        }
+        start(rsaPublicKey);
+    }
+
+    private void start(RSAPublicKey verifyingKey) {
+        publicKey = verifyingKey;
+        digestInfo(); // and forget it: something may be left of a signature that was never finished
+    }
+
+    @Override
+    protected void engineUpdate(byte b) {
+        engineUpdate(new byte[] {b}, 0, 1);
+    }
+
+    @Override
+    protected void engineUpdate(byte[] bytes, int offset, int length) {
+        if (digest != null) {
+            digest.update(bytes, offset, length);
+        } else {
+            data.write(bytes, offset, length);
+        }
+    }
+
+    /** What is signed, after which all is as it was in the beginning. */
+    private byte[] digestInfo() {
+        if (digest != null) {
+            data.writeBytes(algorithm.prefix);
+            data.writeBytes(digest.digest());
+        }
+        byte[] digestInfo = data.toByteArray();
+        data.reset();
+        return digestInfo;
+    }
+
+    @Override
+    protected byte[] engineSign() throws SignatureException {
+        byte[] digestInfo = digestInfo();
+        byte[] block = block(digestInfo);
+        byte[] signature;
+        try {
+            signature = key.slot().sign(digestInfo, key.id());
+        } catch (IOException e) {
+            throw new SignatureException(e.getMessage(), e);
+        }
+        if (!opens(signature, block)) {
+            throw new SignatureException("the certificate does not verify what the " + key
+                    + " has signed: they do not belong together, or another card is in the slot");
+        }
+        return signature;
+    }
+
+    @Override
+    protected boolean engineVerify(byte[] signature) throws SignatureException {
+        return opens(signature, block(digestInfo()));
+    }
+
+    /** The padded block that a signature opens to: as long as the modulus. */
+    private byte[] block(byte[] digestInfo) throws SignatureException {
+        byte[] block = new byte[(publicKey.getModulus().bitLength() + 7) / 8];
+        int start = block.length - digestInfo.length;
+        if (start < 11) {
+            throw new SignatureException("this key takes at most " + (block.length - 11) + " bytes, not "
+                    + digestInfo.length);
+        }
+        Arrays.fill(block, 2, start - 1, (byte) 0xFF);
+        block[1] = 1;
+        System.arraycopy(digestInfo, 0, block, start, digestInfo.length);
+        return block;
+    }
+
+    private boolean opens(byte[] signature, byte[] block) {
+        BigInteger modulus = publicKey.getModulus();
+        BigInteger number = new BigInteger(1, signature);
+        return signature.length == block.length && number.compareTo(modulus) < 0
+                && number.modPow(publicKey.getPublicExponent(), modulus).equals(new BigInteger(1, block));
+    }
+
+    // ---- There are no parameters ----
+
+    @Override
+    @Deprecated
+    protected void engineSetParameter(String name, Object value) {
+        throw new InvalidParameterException("there is no parameter " + name);
+    }
+
+    @Override
+    @Deprecated
+    protected Object engineGetParameter(String name) {
+        throw new InvalidParameterException("there is no parameter " + name);
+    }
+}

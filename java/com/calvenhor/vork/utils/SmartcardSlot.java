@@ -1,0 +1,197 @@
+package com.calvenhor.vork.utils;
+
+import java.io.IOException;
+import java.nio.charset.StandardCharsets;
+import java.security.InvalidParameterException;
+import java.security.UnrecoverableKeyException;
+import java.util.ArrayList;
+import java.util.Arrays;
+import java.util.List;
+import java.util.function.LongFunction;
+
+/**
+ * A slot and its session, and the only caller of the natives. Steps that belong together hold the natives' lock.
+ *
+ * @param module the module to bind; null for the one that the application has bound
+ * @param index the slot index; {@link #ONLY} for the only slot that has a token
+ */
+record SmartcardSlot(String module, long index) {
+    private static final long ONLY = -1;
+    private static final long NO_SLOT = -1;
+    private static final long OBJECT_HANDLE_INVALID = 0x82;
+    private static final long PIN_INVALID = 0xA1;
+    private static final long SESSION_HANDLE_INVALID = 0xB3;
+    private static final long USER_NOT_LOGGED_IN = 0x101;
+    private static final long CRYPTOKI_NOT_INITIALIZED = 0x190;
+    private static final long FUNCTION_REJECTED = 0x200;
+
+    /** The slot that MODULE, MODULE#SLOT or SLOT names. */
+    static SmartcardSlot named(String argument) {
+        int hash = argument.lastIndexOf('#');
+        String last = argument.substring(hash + 1);
+        boolean isSlot = last.matches("\\d{1,9}");
+        if (argument.isEmpty() || hash == 0 || hash > 0 && !isSlot) {
+            throw new InvalidParameterException("MODULE, MODULE#SLOT or SLOT is expected, with the path of a PKCS#11 "
+                    + "module and a slot index from 0, not " + argument);
+        }
+        return new SmartcardSlot(isSlot ? hash < 0 ? null : argument.substring(0, hash) : argument,
+                isSlot ? Long.parseLong(last) : ONLY);
+    }
+
+    /**
+     * Binds the module, opens a session and logs in, as far as each is not done yet.
+     *
+     * @param pin null or empty for none: then the token asks for it, if it has a PIN pad
+     * @return the slot, with its index
+     */
+    SmartcardSlot open(char[] pin) throws IOException {
+        synchronized (Smartcard.class) {
+            bind();
+            SmartcardSlot slot = index == ONLY ? new SmartcardSlot(module, onlyToken()) : this;
+            slot.openSession();
+            slot.logIn(pin);
+            return slot;
+        }
+    }
+
+    private void bind() throws IOException {
+        boolean isBound = Smartcard.getSessionInfoDLL(NO_SLOT)[0] != CRYPTOKI_NOT_INITIALIZED;
+        if (module == null) {
+            require(isBound, "no module is bound: call Smartcard.initDLL, or configure MODULE#SLOT");
+            return;
+        }
+        long code = Smartcard.initDLL(module);
+        require(code != -1, module + " cannot be loaded");
+        require(code != -2, module + " is not a PKCS#11 module: it has no C_GetFunctionList");
+        require(code != -3, module + " has no slot: connect the reader");
+        if (!isBound) {
+            check(code, "initDLL of " + module);
+            return;
+        }
+        // Whichever module is bound, the answer is 0x191. But only the bound one is called: where it is another, the
+        // last code is still that of the question above.
+        require((Smartcard.readSlotDescriptionDLL(NO_SLOT)[0] & 0xFF) != SESSION_HANDLE_INVALID, "not " + module
+                + " is bound but another module: call Smartcard.finalizeDLL first, or configure SLOT alone to use it");
+    }
+
+    private long onlyToken() throws IOException {
+        List<String> tokens = new ArrayList<>();
+        long found = NO_SLOT;
+        for (long slot = 0; slot < Smartcard.getSlotCountDLL(); slot++) {
+            long flags = Smartcard.getTokenInfoDLL(slot);
+            if (flags > 0 && (flags & 0x400) != 0) { // CKF_TOKEN_INITIALIZED
+                tokens.add(slot + " \"" + text(Smartcard.readCardLabelDLL(slot)) + '"');
+                found = slot;
+            }
+        }
+        require(!tokens.isEmpty(), module + " sees no token: put the card in");
+        require(tokens.size() == 1, "several tokens, configure " + module + "#SLOT: " + String.join(", ", tokens));
+        return found;
+    }
+
+    private void openSession() throws IOException {
+        if (Smartcard.isSessionOpenDLL(index) != 0) {
+            long code = Smartcard.openSessionDLL(index);
+            require(code != -1, "there is no slot " + index + ": the last is " + (Smartcard.getSlotCountDLL() - 1));
+            check(code, "openSessionDLL in slot " + index);
+        }
+    }
+
+    private void logIn(char[] pinGiven) throws IOException {
+        String pin = pinGiven == null || pinGiven.length == 0 ? null : new String(pinGiven);
+        boolean hasPinPad = (Smartcard.getTokenInfoDLL(index) & 0x100) != 0; // CKF_PROTECTED_AUTHENTICATION_PATH
+        if (isUser(Smartcard.getSessionInfoDLL(index)) || pin == null && !hasPinPad) {
+            return;
+        }
+        // Strings reach the module in modified UTF-8, which differs from UTF-8 in these: a wrong PIN, and counted.
+        boolean isAltered = pin != null && pin.chars().anyMatch(c -> c == 0 || Character.isSurrogate((char) c));
+        long code = isAltered ? PIN_INVALID : Smartcard.loginDLL(index, pin, 1); // as user
+        if (code != 0) {
+            IOException failure = new SmartcardException("loginDLL in slot " + index, code,
+                    isAltered ? "; a NUL or a character above U+FFFF cannot be sent, and the token was not asked" : "");
+            boolean isWrong = 0xA0 <= code && code <= 0xA2; // CKR_PIN_INCORRECT, CKR_PIN_INVALID, CKR_PIN_LEN_RANGE
+            throw isWrong ? (IOException) failure.initCause(new UnrecoverableKeyException("wrong PIN")) : failure;
+        }
+    }
+
+    /** The X.509 certificates that the session sees, each with its ID, its label and its DER encoding. */
+    List<byte[][]> certificates() throws IOException {
+        return rows("readAllCertificatesDLL", Smartcard::readAllCertificatesDLL, 3);
+    }
+
+    /** The RSA private keys that the session sees, each with its ID and its label. */
+    List<byte[][]> privateKeys() throws IOException {
+        return rows("readAllRSAPrivateKeysDLL", Smartcard::readAllRSAPrivateKeysDLL, 2);
+    }
+
+    private List<byte[][]> rows(String call, LongFunction<byte[][]> list, int width) throws IOException {
+        synchronized (Smartcard.class) {
+            byte[][] listing = list.apply(index);
+            // A code whose low 8 bits are 0 passes for success: only the missing values show it.
+            if (listing == null || listing[0][0] != 0 || Arrays.asList(listing).contains(null)) {
+                throw failure(call, listing == null ? null : listing[0], FUNCTION_REJECTED);
+            }
+            List<byte[][]> rows = new ArrayList<>();
+            for (int i = 1; i < listing.length; i += width) {
+                rows.add(Arrays.copyOfRange(listing, i, i + width));
+            }
+            return rows;
+        }
+    }
+
+    /** Signs with the first private key that has the ID, by CKM_RSA_PKCS. */
+    byte[] sign(byte[] digestInfo, byte[] id) throws IOException {
+        synchronized (Smartcard.class) {
+            byte[] signature = Smartcard.signWithIDDLL(index, digestInfo, id);
+            if (signature == null || signature.length == 1) {
+                throw failure("signWithIDDLL", signature, OBJECT_HANDLE_INVALID);
+            }
+            return signature;
+        }
+    }
+
+    /**
+     * The failure of a call whose status keeps 8 bits: the session is asked before the status is believed.
+     *
+     * @param zero what a status of 0 stands for
+     */
+    private SmartcardException failure(String call, byte[] status, long zero) {
+        long code = Smartcard.isSessionOpenDLL(index);
+        int[] session = Smartcard.getSessionInfoDLL(index);
+        String advice = "; put the card in and load the KeyStore once more";
+        if (code == -1) { // no module, or one bound since, which has no session here
+            code = Integer.toUnsignedLong(session[0]);
+        } else if (code == 0) {
+            code = status == null ? 2 : status[0] == 0 ? zero : status[0] & 0xFF; // 2: CKR_HOST_MEMORY
+            advice = "";
+            if (code == 1 || code == OBJECT_HANDLE_INVALID && !isUser(session)) {
+                code = USER_NOT_LOGGED_IN;
+                advice = isUser(session) ? "; a key that wants a PIN each time cannot be used"
+                        : "; load the KeyStore with the PIN";
+            }
+        }
+        return new SmartcardException(call + " in slot " + index, code, advice);
+    }
+
+    /** Whether the state is CKS_RO_USER_FUNCTIONS or CKS_RW_USER_FUNCTIONS. */
+    private static boolean isUser(int[] session) {
+        return session[1] != -1 && (session[0] == 1 || session[0] == 3);
+    }
+
+    /** As a label is meant: what a token holds may be filled up, and may be anything. */
+    static String text(byte[] bytes) {
+        return new String(bytes, StandardCharsets.UTF_8).replaceAll("\\p{Cntrl}", "").strip();
+    }
+
+    private static void check(long code, String step) throws IOException {
+        if (code != 0) {
+            throw new SmartcardException(step, code, "");
+        }
+    }
+
+    private static void require(boolean condition, String otherwise) throws IOException {
+        if (!condition) {
+            throw new IOException(otherwise);
+        }
+    }
+}

@@ -1,0 +1,627 @@
+import static org.junit.jupiter.api.Assertions.*;
+
+import com.calvenhor.vork.utils.Smartcard;
+import com.calvenhor.vork.utils.SmartcardException;
+import com.calvenhor.vork.utils.SmartcardProvider;
+import java.io.*;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.security.*;
+import java.security.cert.Certificate;
+import java.security.cert.X509Certificate;
+import java.security.interfaces.RSAKey;
+import java.util.*;
+import java.util.concurrent.*;
+import javax.crypto.Cipher;
+import javax.net.ssl.*;
+import javax.xml.crypto.KeySelector;
+import javax.xml.crypto.dsig.*;
+import javax.xml.crypto.dsig.dom.*;
+import javax.xml.crypto.dsig.spec.*;
+import javax.xml.parsers.DocumentBuilderFactory;
+import org.junit.jupiter.api.BeforeAll;
+import org.junit.jupiter.api.BeforeEach;
+import org.junit.jupiter.api.Test;
+import org.junit.jupiter.api.function.Executable;
+import org.junit.jupiter.api.io.TempDir;
+import org.w3c.dom.Document;
+
+/** The KeyStore: on tokens that another maker's tool has filled, and on the mock module for what goes wrong. */
+class KeyStoreTest {
+    private static final String MODULE = System.getProperty("softhsm2");
+    private static final String MOCK = System.getProperty("mock");
+    private static final String OTHER = System.getProperty("other");
+    private static final String JDK = System.getProperty("java.home") + "/bin/";
+    private static final byte[] DATA = "a document".getBytes();
+
+    /** Two tokens. On the first, each certificate's name tells what is odd about it or its key. */
+    private static final String FILL = """
+            softhsm2-util --init-token --free --label First --so-pin 12345678 --pin 1234
+            softhsm2-util --init-token --free --label Second --so-pin 12345678 --pin şifre1
+            for name in root ca leaf a b; do
+              openssl genrsa -out $name.pem 2048
+              openssl pkey -in $name.pem -outform DER -out $name.key
+            done
+            req() { openssl req -new -subj "/CN=$1" -key $1.pem "${@:2}"; }
+            for name in root a b; do req $name -x509 -outform DER -out $name.crt; done
+            echo basicConstraints=critical,CA:TRUE >ca.ext
+            req ca | openssl x509 -req -CA root.crt -CAkey root.pem -extfile ca.ext -outform DER -out ca.crt
+            req leaf | openssl x509 -req -CA ca.crt -CAkey ca.pem -outform DER -out leaf.crt
+            openssl req -new -x509 -days 9999 -subj /CN=ca -key b.pem -outform DER -out other-ca.crt
+            openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout ec.pem -subj /CN=ec \\
+              -outform DER -out ec.crt
+            put() { pkcs11-tool --module $MODULE --token-label $token --login --pin $pin --write-object "$@"; }
+            key() { put $1.key --type privkey "${@:2}"; }
+            crt() { put $1.crt --type cert "${@:2}"; }
+            token=First pin=1234
+            key leaf --id 01 --label other; crt leaf --id 01 --label Köy
+            crt ca --label CA; crt root --label Root; crt other-ca --label other-ca
+            key a --id 0202; key b --id 0203; crt a --id 0202 --label twin; crt b --id 0203 --label twin
+            key a --id 0404; key b --id 0404; crt a --id 0404 --label one-of-two; crt b --id 0404 --label two-of-two
+            key a --id 0505; crt b --id 0505 --label wrong
+            key a; crt a --label without-id
+            key b --id 0606; crt b --id 0606
+            key a --id 0707; crt ec --id 0707 --label other-algorithm
+            token=Second pin=şifre1
+            key a --id 0909; crt a --id 0909 --label x/01234567
+            """;
+
+    @TempDir
+    static Path folder;
+
+    @BeforeAll
+    static void fillTokens() throws Exception {
+        useTokens(Files.createDirectory(folder.resolve("tokens")));
+        run("bash", "-eo", "pipefail", "-c", FILL);
+    }
+
+    private static void useTokens(Path tokens) throws Exception {
+        Smartcard.finalizeDLL();
+        Files.writeString(Path.of(System.getenv("SOFTHSM2_CONF")), "directories.tokendir = " + tokens + "\n");
+    }
+
+    @BeforeEach
+    void startAnew() {
+        Smartcard.finalizeDLL();
+        MockTest.reset();
+        Security.removeProvider("Smartcard");
+    }
+
+    /** What a command prints; it has to succeed. */
+    private static String run(String... command) throws Exception {
+        ProcessBuilder builder = new ProcessBuilder(command).directory(folder.toFile()).redirectErrorStream(true);
+        builder.environment().put("MODULE", MODULE);
+        Process process = builder.start();
+        String output = new String(process.getInputStream().readAllBytes());
+        assertEquals(0, process.waitFor(), output);
+        return output;
+    }
+
+    // ---- What the tests are made of ----
+
+    private static KeyStore store(String argument) throws Exception {
+        return KeyStore.getInstance("Smartcard", new SmartcardProvider().configure(argument));
+    }
+
+    private static KeyStore load(String argument, String pin) throws Exception {
+        KeyStore store = store(argument);
+        store.load(null, pin == null ? null : pin.toCharArray());
+        return store;
+    }
+
+    private static PrivateKey key(KeyStore store, String alias) throws Exception {
+        return (PrivateKey) store.getKey(alias, null);
+    }
+
+    /** MODULE#SLOT for the token with the label. */
+    private static String token(String label) {
+        Smartcard.finalizeDLL();
+        assertEquals(0, Smartcard.initDLL(MODULE));
+        int slot = new String(Smartcard.readCardLabelDLL(0)).strip().equals(label) ? 0 : 1;
+        Smartcard.finalizeDLL();
+        return MODULE + "#" + slot;
+    }
+
+    private static long slot(String argument) {
+        return Long.parseLong(argument.split("#")[1]);
+    }
+
+    private static byte[] sign(KeyStore store, String alias) throws Exception {
+        return sign(store.getProvider(), "SHA256withRSA", key(store, alias), DATA);
+    }
+
+    private static byte[] sign(Provider provider, String algorithm, PrivateKey key, byte[] data) throws Exception {
+        Signature signature = Signature.getInstance(algorithm, provider);
+        signature.initSign(key);
+        signature.update(data[0]);
+        signature.update(data, 1, data.length - 1);
+        return signature.sign();
+    }
+
+    /** Whether the JDK's own provider takes it for a signature over DATA. */
+    private static boolean verifies(String algorithm, Certificate certificate, byte[] signature) throws Exception {
+        Signature verifier = Signature.getInstance(algorithm, "SunRsaSign");
+        verifier.initVerify(certificate);
+        verifier.update(DATA);
+        return verifier.verify(signature);
+    }
+
+    /** The code that a load, or a signature, fails with. */
+    private static long code(Executable step) {
+        Exception failure = assertThrows(Exception.class, step);
+        Throwable cause = failure instanceof SignatureException ? failure.getCause() : failure;
+        SmartcardException told = assertInstanceOf(SmartcardException.class, cause, failure::toString);
+        assertTrue(told.getMessage().contains("(0x" + Long.toHexString(told.code()) + ")"), told.getMessage());
+        return told.code();
+    }
+
+    private static void assertFails(Class<? extends Exception> expected, String sentence, Executable step) {
+        String message = assertThrows(expected, step).getMessage();
+        assertTrue(sentence == null || message.contains(sentence), message);
+    }
+
+    /** Puts the certificate of "a" on the mock, with each ID and label given, a key with the ID "key", and junk. */
+    private static void fillMock(String... idsAndLabels) throws Exception {
+        Smartcard.finalizeDLL();
+        MockTest.reset();
+        Smartcard.initDLL(MOCK);
+        Smartcard.openSessionDLL(0);
+        Smartcard.loginDLL(0, "1", 1);
+        byte[] der = Files.readAllBytes(folder.resolve("a.crt"));
+        byte[] junk = {1, 2};
+        Smartcard.writeCertificateDLL(0, junk, junk, junk, junk, "key".getBytes(), junk);
+        for (int i = 0; i < idsAndLabels.length; i += 2) {
+            Smartcard.writeCertificateDLL(0, der, der, der, der, idsAndLabels[i].getBytes(),
+                    idsAndLabels[i + 1].getBytes());
+        }
+        Smartcard.generateKeyPairDLL(0, 2048, new byte[] {1, 0, 1}, "key".getBytes(), new byte[2]);
+        Smartcard.finalizeDLL();
+        MockTest.takeCalls();
+    }
+
+    // ---- Entries and signatures ----
+
+    @Test
+    void entries() throws Exception {
+        KeyStore store = load(token("First"), "1234");
+        List<String> found = new ArrayList<>();
+        for (String alias : Collections.list(store.aliases())) {
+            Certificate certificate = store.getCertificate(alias);
+            String hash = HexFormat.of().formatHex(MessageDigest.getInstance("SHA-256").digest(
+                    certificate.getEncoded()), 0, 4);
+            String entry = alias.replace(hash, "HASH").replaceAll("(one|two)-of", "any-of") + ": ";
+            assertEquals(store.isKeyEntry(alias), store.entryInstanceOf(alias, KeyStore.PrivateKeyEntry.class));
+            assertNotEquals(store.isKeyEntry(alias), store.isCertificateEntry(alias));
+            assertTrue(store.containsAlias(alias));
+            assertEquals(((X509Certificate) certificate).getNotBefore(), store.getCreationDate(alias));
+            if (store.getEntry(alias, null) instanceof KeyStore.PrivateKeyEntry key) {
+                assertSame(store.getKey(alias, "any".toCharArray()), key.getPrivateKey());
+                assertArrayEquals(store.getCertificateChain(alias), key.getCertificateChain());
+                entry += "key, chain of " + key.getCertificateChain().length;
+                try {
+                    entry += verifies("SHA256withRSA", certificate, sign(store, alias)) ? ", signs" : ", WRONG";
+                } catch (SignatureException e) {
+                    entry += ", refuses";
+                    assertNull(e.getCause(), e.toString());
+                }
+            } else {
+                assertNull(store.getKey(alias, null));
+                assertNull(store.getCertificateChain(alias));
+                entry += "certificate";
+            }
+            found.add(entry);
+        }
+        assertEquals(store.size(), found.size());
+        Collections.sort(found);
+        assertEquals("""
+                /HASH: key, chain of 1, signs
+                CA: certificate
+                Köy: key, chain of 3, signs
+                Root: certificate
+                any-of-two: key, chain of 1, refuses
+                any-of-two: key, chain of 1, signs
+                other-algorithm: certificate
+                other-ca: certificate
+                twin/HASH: key, chain of 1, signs
+                twin/HASH: key, chain of 1, signs
+                without-id: certificate
+                wrong: key, chain of 1, refuses
+                """, String.join("\n", found) + "\n");
+        assertEquals(List.of("CN=leaf", "CN=ca", "CN=root"), Arrays.stream(store.getCertificateChain("Köy"))
+                .map(each -> ((X509Certificate) each).getSubjectX500Principal().getName()).toList());
+    }
+
+    @Test
+    void copies() throws Exception {
+        fillMock("key", "X", "none", "X");
+        KeyStore first = load(MOCK, "1");
+        fillMock("none", "X", "key", "X");
+        KeyStore second = load(MOCK, "1");
+        for (KeyStore store : List.of(first, second)) {
+            assertEquals(List.of("X"), Collections.list(store.aliases()));
+            assertTrue(store.isKeyEntry("X"));
+        }
+        fillMock("none", "X", "key", "Y");
+        KeyStore third = load(MOCK, "1");
+        assertEquals("Y", third.getCertificateAlias(third.getCertificate("X")));
+    }
+
+    @Test
+    void algorithms() throws Exception {
+        KeyStore store = load(token("First"), "1234");
+        PrivateKey key = key(store, "Köy");
+        Certificate certificate = store.getCertificate("Köy");
+        byte[] digestInfo = HexFormat.of().parseHex("3031300d060960864801650304020105000420"
+                + HexFormat.of().formatHex(MessageDigest.getInstance("SHA-256").digest(DATA)));
+        Provider provider = store.getProvider();
+        assertTrue(verifies("SHA256withRSA", certificate, sign(provider, "NONEwithRSA", key, digestInfo)));
+        for (String digest : List.of("SHA1", "SHA224", "SHA256", "SHA384", "SHA512")) {
+            String algorithm = digest + "withRSA";
+            byte[] signed = sign(provider, algorithm, key, DATA);
+            assertTrue(verifies(algorithm, certificate, signed), algorithm);
+
+            Signature signature = Signature.getInstance(algorithm, provider);
+            signature.initSign(key);
+            signature.update(DATA); // which the next line forgets
+            signature.initVerify(certificate);
+            for (boolean isRight : new boolean[] {true, false}) {
+                signature.update(DATA);
+                assertEquals(isRight, signature.verify(signed), algorithm);
+                signed[20] ^= 1;
+            }
+            signature.update(DATA);
+            assertFalse(signature.verify(new byte[1]));
+        }
+        assertArrayEquals(sign(provider, "NONEwithRSA", key, new byte[245]),
+                sign(provider, "NONEwithRSA", key, new byte[245]));
+        assertFails(SignatureException.class, "245", () -> sign(provider, "NONEwithRSA", key, new byte[246]));
+        assertEquals(2048, ((RSAKey) key).getModulus().bitLength());
+        assertNull(((RSAKey) key).getParams());
+        assertFails(NotSerializableException.class, null,
+                () -> new ObjectOutputStream(new ByteArrayOutputStream()).writeObject(key));
+    }
+
+    /** Asked without a provider, the JDK chooses by the key, wherever this provider stands. */
+    @Test
+    void choiceOfProvider() throws Exception {
+        KeyStore store = load(token("First"), "1234");
+        PrivateKey software = KeyPairGenerator.getInstance("RSA").generateKeyPair().getPrivate();
+        for (int position : new int[] {1, 100}) {
+            Security.removeProvider("Smartcard");
+            Security.insertProviderAt(store.getProvider(), position);
+            for (boolean isOurs : new boolean[] {true, false}) {
+                Signature signature = Signature.getInstance("SHA256withRSA");
+                signature.initSign(isOurs ? key(store, "Köy") : software);
+                assertEquals(isOurs, signature.getProvider() == store.getProvider());
+            }
+            Signature verifier = Signature.getInstance("SHA256withRSA");
+            verifier.initVerify(store.getCertificate("Köy"));
+            assertNotSame(store.getProvider(), verifier.getProvider());
+            Signature pss = Signature.getInstance("RSASSA-PSS");
+            assertThrows(InvalidKeyException.class, () -> pss.initSign(key(store, "Köy")));
+            Cipher cipher = Cipher.getInstance("RSA/ECB/PKCS1Padding");
+            assertThrows(InvalidKeyException.class, () -> cipher.init(Cipher.DECRYPT_MODE, key(store, "Köy")));
+        }
+    }
+
+    // ---- PINs, modules and sessions ----
+
+    @Test
+    void pins() throws Exception {
+        String first = token("First");
+        KeyStore open = load(first, null);
+        assertEquals(12, open.size());
+        for (String alias : Collections.list(open.aliases())) {
+            assertTrue(open.isCertificateEntry(alias), alias);
+        }
+        assertWrongPin(0xA0, first, "4321");
+        KeyStore.Builder builder = KeyStore.Builder.newInstance("Smartcard", store(first).getProvider(),
+                new KeyStore.PasswordProtection("1234".toCharArray()));
+        assertEquals(12, builder.getKeyStore().size());
+
+        KeyStore second = load(token("Second"), "şifre1");
+        String alias = second.aliases().nextElement(); // its label could be another's alias
+        assertTrue(alias.matches("x/01234567/[0-9a-f]{8}"), alias);
+        assertTrue(verifies("SHA256withRSA", second.getCertificate(alias), sign(second, alias)));
+
+        for (String altered : List.of("1😀", "1\0", "1\uD83D")) {
+            fillMock();
+            assertWrongPin(0xA1, MOCK, altered);
+            assertFalse(MockTest.takeCalls().contains("C_Login"), altered);
+        }
+        assertWrongPin(0xA0, MOCK, "2");
+        MockTest.failAt("C_Login", 1, 0xA4);
+        assertNull(assertThrows(SmartcardException.class, () -> load(MOCK, "1")).getCause()); // locked, not wrong
+    }
+
+    private static void assertWrongPin(long code, String argument, String pin) {
+        assertEquals(code, code(() -> load(argument, pin)));
+        assertInstanceOf(UnrecoverableKeyException.class,
+                assertThrows(IOException.class, () -> load(argument, pin)).getCause());
+    }
+
+    @Test
+    void logins() throws Exception {
+        fillMock("key", "X");
+        assertLoads(null, false, "C_OpenSession");
+        assertLoads("", false, "");
+        assertLoads("1", true, "C_Login");
+        assertLoads("not needed", true, "");
+        Smartcard.logoutDLL(0);
+        MockTest.setTokenFlags(0x50D); // with a PIN pad
+        assertLoads(null, true, "C_Login");
+        assertLoads(null, true, "");
+        Smartcard.logoutDLL(0);
+        Smartcard.loginDLL(0, "1", 0); // as security officer
+        assertEquals(0x100, code(() -> load(MOCK, "1")));
+    }
+
+    private static void assertLoads(String pin, boolean withKey, String calls) throws Exception {
+        MockTest.takeCalls();
+        assertEquals(withKey, load(MOCK, pin).isKeyEntry("X"));
+        assertEquals(calls, MockTest.takeCalls().replaceAll("\\b(?!C_Login|C_OpenSession)\\w+", "").strip());
+    }
+
+    @Test
+    void modules() throws Exception {
+        fillMock("key", "X");
+        assertFails(IOException.class, "no module is bound", () -> load("0", "1"));
+        assertEquals(1, load(MOCK, "1").size());
+        Smartcard.finalizeDLL();
+        Smartcard.initDLL(OTHER); // its PIN is 1234
+        Smartcard.openSessionDLL(0);
+        for (String argument : List.of(MOCK, MOCK + "#0")) {
+            assertFails(IOException.class, "another module", () -> load(argument, "1234"));
+        }
+        assertEquals(2, Smartcard.getSessionInfoDLL(0)[0]); // public: the PIN went nowhere
+        load("0", "1234");
+        load(Files.createSymbolicLink(folder.resolve("link"), Path.of(OTHER)) + "#0", "1234");
+        assertEquals(3, Smartcard.getSessionInfoDLL(0)[0]);
+        Smartcard.finalizeDLL();
+
+        assertFails(IOException.class, "cannot be loaded", () -> load("no such module", "1"));
+        assertFails(IOException.class, "C_GetFunctionList", () -> load("libc.so.6", "1"));
+        assertFails(IOException.class, "no slot 1: the last is 0", () -> load(MOCK + "#1", "1"));
+        Smartcard.finalizeDLL();
+        for (String label : List.of("First", "Second")) {
+            assertFails(IOException.class, '"' + label + '"', () -> load(MODULE, "1234"));
+        }
+        useTokens(Files.createDirectory(folder.resolve("none")));
+        assertFails(IOException.class, "no token", () -> load(MODULE, "1234"));
+        useTokens(folder.resolve("tokens"));
+    }
+
+    @Test
+    void sessionsLostAndFound() throws Throwable {
+        String first = token("First");
+        KeyStore store = load(first, "1234");
+        PrivateKey old = key(store, "Köy");
+        List<Executable> losses = List.of(() -> Smartcard.closeSessionDLL(slot(first)), Smartcard::finalizeDLL,
+                () -> { Smartcard.finalizeDLL(); Smartcard.initDLL(MODULE); });
+        for (Executable loss : losses) {
+            loss.execute();
+            assertTrue(List.of(0xB3L, 0x190L).contains(code(() -> sign(store, "Köy"))));
+            store.load(null, "1234".toCharArray());
+            for (PrivateKey key : List.of(old, key(store, "Köy"))) {
+                byte[] signed = sign(store.getProvider(), "SHA256withRSA", key, DATA);
+                assertTrue(verifies("SHA256withRSA", store.getCertificate("Köy"), signed));
+            }
+        }
+
+        fillMock("key", "X");
+        KeyStore away = load(MOCK, "1");
+        Smartcard.closeSessionDLL(0);
+        MockTest.failAt("C_OpenSession", 1, 0xE0);
+        assertEquals(0xE0, code(() -> away.load(null, "1".toCharArray())));
+        assertEquals(0xB3, code(() -> sign(away, "X")));
+        away.load(null, "1".toCharArray());
+        assertFails(SignatureException.class, "do not belong together", () -> sign(away, "X")); // no cryptography there
+    }
+
+    @Test
+    void codes() throws Throwable {
+        for (String row : """
+                load C_GetFunctionList 1 30    30
+                load C_Initialize      1 191   191
+                load C_OpenSession     1 180000123 180000123
+                load C_Login           1 100   100
+                load C_FindObjectsInit 1 101   101
+                load C_FindObjectsInit 2 5     5
+                load C_GetAttributeValue 2 200 200
+                load C_GetAttributeValue 4 200 200
+                sign C_Sign            1 32    32
+                sign C_Sign            1 101   101
+                sign C_FindObjects     1 30    30
+                sign C_FindObjects     1 100   82
+                """.lines().toList()) {
+            String[] cells = row.split(" +");
+            fillMock("key", "X");
+            KeyStore store = store(MOCK);
+            Executable load = () -> store.load(null, "1".toCharArray());
+            if (cells[0].equals("sign")) {
+                load.execute();
+            }
+            MockTest.failAt(cells[1], Integer.parseInt(cells[2]), Long.parseLong(cells[3], 16));
+            assertEquals(Long.parseLong(cells[4], 16), code(cells[0].equals("load") ? load : () -> sign(store, "X")),
+                    row);
+        }
+        // The session is asked first, and tells more than 8 bits.
+        fillMock("key", "X");
+        KeyStore store = load(MOCK, "1");
+        MockTest.failAt("C_Sign", 1, 5);
+        MockTest.failAt("C_GetSessionInfo", 1, 0x1_8000_0123L);
+        assertEquals(0x1_8000_0123L, code(() -> sign(store, "X")));
+        Smartcard.logoutDLL(0);
+        assertEquals(0x101, code(() -> sign(store, "X")));
+        load(MOCK, "1");
+        Smartcard.deletePrivateKeyDLL(0, "key".getBytes());
+        assertEquals(0x82, code(() -> sign(store, "X")));
+        assertEquals("CKR_PIN_INCORRECT", SmartcardException.nameOf(0xA0));
+        assertEquals("0x80000001", SmartcardException.nameOf(0x8000_0001L));
+    }
+
+    @Test
+    void badInput() throws Exception {
+        Provider provider = new SmartcardProvider();
+        for (String argument : List.of("", "#0", MOCK + "#", MOCK + "#-1", MOCK + "#x", MOCK + "#9999999999")) {
+            assertFails(InvalidParameterException.class, "SLOT is expected", () -> provider.configure(argument));
+        }
+        assertThrows(NullPointerException.class, () -> provider.configure(null));
+        assertFails(IOException.class, "configure",
+                () -> KeyStore.getInstance("Smartcard", provider).load(null, null));
+
+        fillMock("key", "X");
+        assertThrows(KeyStoreException.class, () -> store(MOCK).aliases());
+        assertFails(IOException.class, "null", () -> store(MOCK).load(InputStream.nullInputStream(), null));
+        KeyStore store = load(MOCK, "1");
+        for (String alias : new String[] {null, "x"}) {
+            assertFalse(store.containsAlias(alias) || store.isKeyEntry(alias) || store.isCertificateEntry(alias));
+            assertNull(store.getKey(alias, null));
+            assertNull(store.getCertificate(alias));
+            assertNull(store.getCertificateChain(alias));
+            assertNull(store.getCreationDate(alias));
+        }
+        assertNull(store.getEntry("x", null));
+        assertNull(store.getCertificateAlias(null));
+
+        Certificate certificate = store.getCertificate("X");
+        Certificate[] chain = {certificate};
+        for (Executable change : List.<Executable>of(() -> store.setKeyEntry("Y", key(store, "X"), null, chain),
+                () -> store.setKeyEntry("Y", new byte[1], chain), () -> store.setCertificateEntry("Y", certificate),
+                () -> store.setEntry("Y", store.getEntry("X", null), null), () -> store.deleteEntry("X"),
+                () -> store.store(OutputStream.nullOutputStream(), null), () -> store.store(null))) {
+            assertFails(UnsupportedOperationException.class, "Smartcard.write", change);
+        }
+        Signature signature = Signature.getInstance("SHA256withRSA", provider);
+        KeyPair software = KeyPairGenerator.getInstance("EC").generateKeyPair();
+        assertFails(InvalidKeyException.class, "KeyStore", () -> signature.initSign(software.getPrivate()));
+        assertFails(InvalidKeyException.class, "RSA", () -> signature.initVerify(software.getPublic()));
+        assertThrows(InvalidKeyException.class, () -> signature.initSign(null));
+    }
+
+    @Test
+    void threads() throws Exception {
+        String first = token("First");
+        KeyStore store = load(first, "1234");
+        ExecutorService threads = Executors.newFixedThreadPool(6);
+        List<Callable<Boolean>> use = List.of(
+                () -> verifies("SHA256withRSA", store.getCertificate("Köy"), sign(store, "Köy")),
+                () -> load(first, "1234").size() == 12,
+                () -> Smartcard.readAllCertificatesDLL(slot(first)).length == 37);
+        // No one logs out between the login of a load and its reading.
+        List<Callable<Boolean>> loadAndLogOut = List.of(
+                () -> load(first, "1234").isKeyEntry("Köy"),
+                () -> Smartcard.logoutDLL(slot(first)) != -1);
+        for (List<Callable<Boolean>> tasks : List.of(use, loadAndLogOut)) {
+            List<Callable<Boolean>> repeated = new ArrayList<>();
+            Collections.nCopies(40, tasks).forEach(repeated::addAll);
+            for (Future<Boolean> result : threads.invokeAll(repeated)) {
+                assertTrue(result.get());
+            }
+        }
+        threads.shutdown();
+    }
+
+    // ---- Clients ----
+
+    @Test
+    void keytoolAndJarsigner() throws Exception {
+        String argument = token("First");
+        assertTrue(tool("keytool -list", argument).contains("contains 12 entries"));
+        tool("keytool -exportcert -rfc -alias Köy -file exported", argument);
+        assertEquals(run("openssl", "x509", "-noout", "-fingerprint", "-in", "leaf.crt"),
+                run("openssl", "x509", "-noout", "-fingerprint", "-in", "exported"));
+        tool("keytool -certreq -alias Köy -file request", argument);
+        assertTrue(run("openssl", "req", "-verify", "-noout", "-subject", "-in", "request").contains("CN = leaf"));
+        for (String digest : List.of("SHA256", "SHA512")) {
+            run(JDK + "jar", "cf", "signed.jar", "leaf.crt");
+            String signed = tool("jarsigner -sigalg " + digest + "withRSA signed.jar Köy", argument);
+            assertTrue(signed.contains("jar signed"), signed);
+            String verified = run(JDK + "jarsigner", "-verify", "-verbose:summary", "-certs", "signed.jar");
+            assertTrue(verified.contains("jar verified") && verified.contains(digest + "withRSA"), verified);
+        }
+    }
+
+    /** A tool of the JDK under test, with the token in place of a file. */
+    private static String tool(String command, String argument) throws Exception {
+        String jar = Path.of(Smartcard.class.getProtectionDomain().getCodeSource().getLocation().toURI()).toString();
+        return run((JDK + command + " -keystore NONE -storetype Smartcard -storepass 1234 -providerClass "
+                + SmartcardProvider.class.getName() + " -providerArg " + argument + " -J-cp -J" + jar
+                + " -J-Djava.library.path=" + System.getProperty("java.library.path")).split(" "));
+    }
+
+    @Test
+    void xmlSignature() throws Exception {
+        KeyStore store = load(token("First"), "1234");
+        Security.addProvider(store.getProvider());
+        DocumentBuilderFactory builders = DocumentBuilderFactory.newInstance();
+        builders.setNamespaceAware(true);
+        Document document = builders.newDocumentBuilder().parse(new ByteArrayInputStream("<a>1</a>".getBytes()));
+        XMLSignatureFactory factory = XMLSignatureFactory.getInstance("DOM");
+        Transform enveloped = factory.newTransform(Transform.ENVELOPED, (TransformParameterSpec) null);
+        var reference = factory.newReference("", factory.newDigestMethod(DigestMethod.SHA256, null),
+                List.of(enveloped), null, null);
+        var information = factory.newSignedInfo(
+                factory.newCanonicalizationMethod(CanonicalizationMethod.INCLUSIVE, (C14NMethodParameterSpec) null),
+                factory.newSignatureMethod("http://www.w3.org/2001/04/xmldsig-more#rsa-sha256", null),
+                List.of(reference));
+        factory.newXMLSignature(information, null)
+                .sign(new DOMSignContext(key(store, "Köy"), document.getDocumentElement()));
+        for (boolean isRight : new boolean[] {true, false}) {
+            DOMValidateContext context = new DOMValidateContext(
+                    KeySelector.singletonKeySelector(store.getCertificate("Köy").getPublicKey()),
+                    document.getElementsByTagNameNS("*", "Signature").item(0));
+            assertEquals(isRight, factory.unmarshalXMLSignature(context).validate(context));
+            document.getDocumentElement().getFirstChild().setTextContent("2");
+        }
+    }
+
+    @Test
+    void clientAuthentication() throws Exception {
+        run("bash", "-ec", "openssl x509 -in ca.crt | openssl pkcs12 -export -inkey ca.pem -passout pass:pw -out p12");
+        KeyStore server = KeyStore.getInstance(folder.resolve("p12").toFile(), "pw".toCharArray());
+        KeyStore trusted = KeyStore.getInstance("PKCS12");
+        trusted.load(null, null);
+        KeyStore client = load(token("First"), "1234");
+        trusted.setCertificateEntry("root", client.getCertificate("Root"));
+        Security.addProvider(client.getProvider());
+        SSLContext clients = context(client, null, trusted);
+        SSLContext servers = context(server, "pw".toCharArray(), trusted);
+        assertEquals("CN=leaf", handshake(clients, servers, "TLSv1.2"));
+        assertFails(SSLException.class, "No supported CertificateVerify signature algorithm",
+                () -> handshake(clients, servers, "TLSv1.3"));
+    }
+
+    private static SSLContext context(KeyStore keys, char[] password, KeyStore trusted) throws Exception {
+        KeyManagerFactory keyManagers = KeyManagerFactory.getInstance("PKIX");
+        keyManagers.init(keys, password);
+        TrustManagerFactory trustManagers = TrustManagerFactory.getInstance("PKIX");
+        trustManagers.init(trusted);
+        SSLContext context = SSLContext.getInstance("TLS");
+        context.init(keyManagers.getKeyManagers(), trustManagers.getTrustManagers(), null);
+        return context;
+    }
+
+    /** Whom the server takes the client for. */
+    private static String handshake(SSLContext clients, SSLContext servers, String version) throws Exception {
+        try (SSLServerSocket listener = (SSLServerSocket) servers.getServerSocketFactory().createServerSocket(0)) {
+            listener.setNeedClientAuth(true);
+            CompletableFuture<String> peer = CompletableFuture.supplyAsync(() -> {
+                try (SSLSocket socket = (SSLSocket) listener.accept()) {
+                    socket.startHandshake();
+                    socket.getOutputStream().write(1);
+                    return socket.getSession().getPeerPrincipal().getName();
+                } catch (IOException e) {
+                    return e.toString();
+                }
+            });
+            try (SSLSocket socket = (SSLSocket) clients.getSocketFactory().createSocket("localhost",
+                    listener.getLocalPort())) {
+                socket.setEnabledProtocols(new String[] {version});
+                socket.setSoTimeout(10_000);
+                assertEquals(1, socket.getInputStream().read());
+            }
+            return peer.get();
+        }
+    }
+}
