@@ -418,6 +418,21 @@ class KeyStoreTest {
         assertFails(SignatureException.class, "do not belong together", () -> sign(away, "X")); // no cryptography there
     }
 
+    /** A handle that was the first slot's is the second's now: no PIN goes there. */
+    @Test
+    void sessionOfAnotherSlot() throws Exception {
+        MockTest.addSlot();
+        Smartcard.initDLL(MOCK);
+        Smartcard.openSessionDLL(0);
+        Smartcard.closeSessionDLL(0);
+        MockTest.reuseHandles();
+        Smartcard.openSessionDLL(1);
+        assertEquals(0, Smartcard.isSessionOpenDLL(0));
+        load(MOCK + "#0", "1");
+        assertEquals(3, Smartcard.getSessionInfoDLL(0)[0]);
+        assertEquals(2, Smartcard.getSessionInfoDLL(1)[0]); // public
+    }
+
     @Test
     void codes() throws Throwable {
         for (String row : """

@@ -36,6 +36,12 @@ class MockTest {
     /** Fails the nth call of a function from now, the next one being 1. */
     static native void failAt(String function, int nth, long code);
 
+    /** A second slot, with a token whose PIN is "2". Not while bound. */
+    static native void addSlot();
+
+    /** Gives the handles of earlier sessions, all closed, to the next ones. */
+    static native void reuseHandles();
+
     /** Such as 0x100, CKF_PROTECTED_AUTHENTICATION_PATH. */
     static native void setTokenFlags(long flags);
 

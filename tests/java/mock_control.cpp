@@ -21,6 +21,16 @@ JNIEXPORT void JNICALL Java_MockTest_setTokenFlags(JNIEnv*, jclass, jlong flags)
   mockModule()->slots[0].token.flags = static_cast<CK_FLAGS>(flags);
 }
 
+JNIEXPORT void JNICALL Java_MockTest_addSlot(JNIEnv*, jclass) {
+  mock::Slot second(0x22, CKF_TOKEN_PRESENT);
+  second.userPin = "2";
+  mockModule()->slots.push_back(second);
+}
+
+JNIEXPORT void JNICALL Java_MockTest_reuseHandles(JNIEnv*, jclass) {
+  mockModule()->nextSession = mock::Module(mockModule()->genuine).nextSession;
+}
+
 JNIEXPORT jlong JNICALL Java_MockTest_liveObjects(JNIEnv*, jclass) {
   const mock::Module& module = *mockModule();
   return static_cast<jlong>(module.slots[0].objects.size() + module.sessions.size() + module.searches.size());

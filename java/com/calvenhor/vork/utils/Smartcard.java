@@ -1,7 +1,8 @@
 package com.calvenhor.vork.utils;
 
 /**
- * Smart cards and USB tokens, through the PKCS#11 module of the card's vendor.
+ * Smart cards and USB tokens, through the PKCS#11 module of the card's vendor. For {@code java.security}, and so for
+ * {@code keytool}, {@code jarsigner} and libraries that sign PDF or XML, see {@link SmartcardProvider}.
  *
  * <h2>Order of use</h2>
  * {@link #initDLL initDLL} loads the vendor's module and reads its slots, once. From then on a slot is named by its
@@ -96,8 +97,9 @@ public final class Smartcard {
     /**
      * Loads and initialises a PKCS#11 module and reads its slots, with or without a token in them. The list is not
      * read again: a slot that appears later is seen after {@link #finalizeDLL finalizeDLL} and another call.
-     * While a module is bound a further call changes nothing, whatever it answers: 0x191 for another module and from
-     * the same one, but 0 from one that lets itself be initialised twice, and -1 or -2 as ever.
+     * While a module is bound a further call changes nothing, whatever it answers: 0x191 for another module, which is
+     * refused before any of its functions is called, and from the same one, but 0 from one that lets itself be
+     * initialised twice, and -1 or -2 as ever.
      *
      * @param modulePath path of the module, or a file name for the system's library search
      * @return 0; -1 if the file cannot be loaded; -2 if it has no C_GetFunctionList; -3 if the module has no slot; or

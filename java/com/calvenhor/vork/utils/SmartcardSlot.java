@@ -8,6 +8,7 @@ import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.List;
 import java.util.function.LongFunction;
+import java.util.stream.LongStream;
 
 /**
  * A slot and its session, and the only caller of the natives. Steps that belong together hold the natives' lock.
@@ -90,11 +91,21 @@ record SmartcardSlot(String module, long index) {
     }
 
     private void openSession() throws IOException {
-        if (Smartcard.isSessionOpenDLL(index) != 0) {
+        if (Smartcard.isSessionOpenDLL(index) != 0 || isPerhapsAnothers()) {
             long code = Smartcard.openSessionDLL(index);
             require(code != -1, "there is no slot " + index + ": the last is " + (Smartcard.getSlotCountDLL() - 1));
             check(code, "openSessionDLL in slot " + index);
         }
+    }
+
+    /**
+     * Whether the session may be another slot's: a module may give a handle that is free again to any slot, and its
+     * former holder's still stands here. Two slots then tell the same slot ID.
+     */
+    private boolean isPerhapsAnothers() {
+        int slotId = Smartcard.getSessionInfoDLL(index)[2];
+        return LongStream.range(0, Smartcard.getSlotCountDLL()).anyMatch(other -> other != index
+                && Smartcard.isSessionOpenDLL(other) == 0 && Smartcard.getSessionInfoDLL(other)[2] == slotId);
     }
 
     private void logIn(char[] pinGiven) throws IOException {
