@@ -63,17 +63,7 @@ JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_deleteCertificat
   ByteInput label(env, jLabel);
   takeAll(label, id, names);
 
-  const std::array wanted = {
-      objectClass<CKO_CERTIFICATE>(),
-      x509(),
-      flag(CKA_TOKEN, yes),
-      bytes(CKA_LABEL, label),
-      bytes(CKA_SERIAL_NUMBER, names.serialNumber),
-      bytes(CKA_ISSUER, names.issuer),
-      bytes(CKA_SUBJECT, names.subject),
-      bytes(CKA_ID, id),
-  };
-  const jlong result = destroyFirst(sessionAt(slotIndex), wanted);
+  const jlong result = destroyFirst(sessionAt(slotIndex), certificateSearch(names, id, label));
 
   releaseAll(names, id, label);
   discardAll(names, id, label);

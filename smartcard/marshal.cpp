@@ -77,7 +77,7 @@ jbyteArray StatusArray::holding(CK_RV code) const {
 ListResult::ListResult(JNIEnv* env, jbyteArray status, jsize length)
     : env_(env),
       array_(made(env->NewObjectArray(length, env->GetObjectClass(status), nullptr))),
-      large_(length > kGuaranteedLocalReferences - 2) {}
+      large_(length > kGuaranteedLocalReferences - 4) {}
 
 void ListResult::store(jsize index, jbyteArray element) {
   env_->SetObjectArrayElement(array_, index, element);

@@ -121,7 +121,8 @@ class ListResult {
   void setStatus(jbyteArray status) { env_->SetObjectArrayElement(array_, 0, status); }
 
   /// Places a new array and, in a large result, gives up its local reference: JNI promises room for 16, the
-  /// elements' with the status array's, this list's and that of the class.
+  /// elements' with the status array's, this list's and its class's, and once more a list's and a class's
+  /// where a failure is told by the status alone.
   void store(jsize index, jbyteArray element);
 
   jobjectArray array() const { return array_; }

@@ -22,7 +22,7 @@ class Search {
   /// An empty template matches every object.
   template <std::size_t N = 0>
   explicit Search(Session session, std::array<CK_ATTRIBUTE, N> wanted = {}) : session_(session) {
-    begin_ = call(&CK_FUNCTION_LIST::C_FindObjectsInit, session_, wanted.data(), wanted.size());
+    begin_ = call(&CK_FUNCTION_LIST::C_FindObjectsInit, session_, N == 0 ? nullptr : wanted.data(), N);
     active_ = begun();
   }
   Search(const Search&) = delete;

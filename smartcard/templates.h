@@ -8,8 +8,7 @@
 #include "module.h"
 
 // Attributes. Constants have static storage and byte strings belong to the inputs, so that an attribute, and
-// a template made of attributes, may be copied freely. A template is
-// sent once: the next call gets a new one.
+// a template made of attributes, may be copied freely. A template is sent once: the next call gets a new one.
 
 /// A CK_ULONG attribute of a fixed value: an object class, a key type, a certificate type. The module gets a
 /// pointer that it could write through: the value can bear it, and each template has it right again.
@@ -86,6 +85,21 @@ std::array<CK_ATTRIBUTE, 3> tokenKeySearch(const ByteInput& id) {
   return {
       objectClass<Class>(),
       flag(CKA_TOKEN, yes),
+      bytes(CKA_ID, id),
+  };
+}
+
+/// A certificate on the token, by all but its value.
+inline std::array<CK_ATTRIBUTE, 8> certificateSearch(const CertificateNames& names, const ByteInput& id,
+                                                     const ByteInput& label) {
+  return {
+      objectClass<CKO_CERTIFICATE>(),
+      x509(),
+      flag(CKA_TOKEN, yes),
+      bytes(CKA_LABEL, label),
+      bytes(CKA_SERIAL_NUMBER, names.serialNumber),
+      bytes(CKA_ISSUER, names.issuer),
+      bytes(CKA_SUBJECT, names.subject),
       bytes(CKA_ID, id),
   };
 }

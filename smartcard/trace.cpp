@@ -2,7 +2,6 @@
 
 #include <signal.h>
 
-#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <ctime>
@@ -14,8 +13,8 @@ bool waiting = false;
 bool brokenPipeKills = true;  // until the host has been asked
 
 /// While it lives, writing to a pipe that nobody reads fails instead of killing the process. Only this
-/// thread's signal mask changes, and only for that time: handlers belong to the host. Where the host has one,
-/// nothing is done.
+/// thread's signal mask changes, and only for that time: handlers belong to the host. One that it has is
+/// called as for its own prints.
 class BrokenPipeTolerated {
  public:
   BrokenPipeTolerated() noexcept {
@@ -24,8 +23,7 @@ class BrokenPipeTolerated {
     sigaddset(&brokenPipe_, SIGPIPE);
     pthread_sigmask(SIG_BLOCK, &brokenPipe_, &before_);
     sigset_t pending;
-    hostsOwn_ = sigismember(&before_, SIGPIPE) == 1 && sigpending(&pending) == 0 &&
-                sigismember(&pending, SIGPIPE) == 1;
+    isHosts_ = sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1;
   }
   BrokenPipeTolerated(const BrokenPipeTolerated&) = delete;
   BrokenPipeTolerated& operator=(const BrokenPipeTolerated&) = delete;
@@ -33,17 +31,14 @@ class BrokenPipeTolerated {
     if (!brokenPipeKills) return;
     // Reporting a trace that could not be written is nobody's job: no result may depend on it.
     constexpr timespec atOnce = {0, 0};
-    if (failed_ && !hostsOwn_) sigtimedwait(&brokenPipe_, nullptr, &atOnce);
+    if (!isHosts_) sigtimedwait(&brokenPipe_, nullptr, &atOnce);
     pthread_sigmask(SIG_SETMASK, &before_, nullptr);
   }
-
-  void wrote(int result) { failed_ = result < 0 && errno == EPIPE; }
 
  private:
   sigset_t brokenPipe_ = {};
   sigset_t before_ = {};
-  bool hostsOwn_ = false;
-  bool failed_ = false;
+  bool isHosts_ = false;
 };
 
 }  // namespace
@@ -54,10 +49,10 @@ void askAboutBrokenPipes() noexcept {
 }
 
 void trace(const char* format, ...) noexcept {
-  BrokenPipeTolerated output;
+  const BrokenPipeTolerated guard;
   va_list values;
   va_start(values, format);
-  output.wrote(std::vprintf(format, values));
+  std::vprintf(format, values);
   va_end(values);
   waiting = true;
 }
@@ -72,14 +67,14 @@ void traceBytes(const char* heading, std::span<const CK_BYTE> bytes) {
     text += ' ';
   }
   text += '\n';
-  BrokenPipeTolerated output;
-  output.wrote(std::fputs(text.c_str(), stdout));
+  const BrokenPipeTolerated guard;
+  std::fputs(text.c_str(), stdout);
   waiting = true;
 }
 
 void flushTraces() noexcept {
   if (!waiting) return;
   waiting = false;
-  BrokenPipeTolerated output;
-  output.wrote(std::fflush(stdout));
+  const BrokenPipeTolerated guard;
+  std::fflush(stdout);
 }

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <array>
 #include <span>
 #include <utility>
@@ -12,17 +13,10 @@ namespace {
 
 std::array<CK_ATTRIBUTE, 9> certificateTemplate(const ByteInput& certificate, const CertificateNames& names,
                                                 const ByteInput& id, const ByteInput& label) {
-  return {
-      objectClass<CKO_CERTIFICATE>(),
-      x509(),
-      flag(CKA_TOKEN, yes),
-      bytes(CKA_LABEL, label),
-      bytes(CKA_SERIAL_NUMBER, names.serialNumber),
-      bytes(CKA_ISSUER, names.issuer),
-      bytes(CKA_SUBJECT, names.subject),
-      bytes(CKA_ID, id),
-      bytes(CKA_VALUE, certificate),
-  };
+  std::array<CK_ATTRIBUTE, 9> object = {};
+  std::ranges::copy(certificateSearch(names, id, label), object.begin());
+  object.back() = bytes(CKA_VALUE, certificate);
+  return object;
 }
 
 /// Creates a token object. Its handle is not kept.

@@ -107,7 +107,7 @@ struct Module {
   // What the caller was told, which is not what is so when a test bends the answers.
   std::map<CK_SESSION_HANDLE, std::deque<CK_OBJECT_HANDLE>> searches;  // the active ones, with what is left
   CK_RV lastCode = CKR_OK;                                             // of any call
-  std::set<CK_RV> codes;                                               // of the calls, until a test clears it
+  std::set<CK_RV> codes;               // of calls that failed, until a test clears it
   std::set<CK_OBJECT_HANDLE> yielded;  // by searches and key generation, until a test clears it
 
   /// Every call in order, as text with its arguments. Bytes are hexadecimal, PINs and labels are in quotes, a

@@ -48,6 +48,10 @@ TEST_P(Output, ThatIsBrokenChangesNoResultAndKillsNobody) {
   EXPECT_EQ(answers, answersAt(-1)) << "closed";
   EXPECT_EQ(answers, answersAt(open("/dev/full", O_WRONLY))) << "a full disk";
   EXPECT_EQ(answers, answersAt(brokenPipe())) << "a broken pipe";
+  signal(SIGPIPE, SIG_IGN);
+  EXPECT_EQ(answers, answersAt(brokenPipe())) << "a broken pipe that the host bears";
+  signal(SIGPIPE, SIG_DFL);
+  EXPECT_EQ(answers, answersAt(brokenPipe())) << "no longer";
 
   sigset_t signals;
   sigpending(&signals);

@@ -111,6 +111,7 @@ class MockTest {
 
     @Test
     void anythingFromFourThreads() throws Throwable {
+        assertTrue(NATIVES.stream().allMatch(method -> Modifier.isSynchronized(method.getModifiers())));
         begin();
         Set<String> succeeded = new ConcurrentSkipListSet<>();
         for (ThreadFactory kind : Threads.kinds()) {

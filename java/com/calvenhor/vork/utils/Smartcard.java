@@ -523,7 +523,7 @@ public final class Smartcard {
      * @param serialNumber its serial number, as it was written
      * @param id its ID
      * @param label its label
-     * @return 0 also if there is none; -1 or the module's code
+     * @return 0 also if there is none or the search failed; -1 or the module's code
      */
     public static synchronized native long deleteCertificateDLL(long slotIndex, byte[] subject, byte[] issuer, byte[]
             serialNumber, byte[] id, byte[] label);
@@ -533,7 +533,7 @@ public final class Smartcard {
      *
      * @param slotIndex a slot with a session
      * @param id its ID
-     * @return 0 also if there is none; -1 or the module's code
+     * @return 0 also if there is none or the search failed; -1 or the module's code
      */
     public static synchronized native long deletePublicKeyDLL(long slotIndex, byte[] id);
 
@@ -542,7 +542,7 @@ public final class Smartcard {
      *
      * @param slotIndex a slot with a session
      * @param id its ID
-     * @return 0 also if there is none; -1 or the module's code
+     * @return 0 also if there is none or the search failed; -1 or the module's code
      */
     public static synchronized native long deletePrivateKeyDLL(long slotIndex, byte[] id);
 
@@ -550,7 +550,7 @@ public final class Smartcard {
      * Destroys all X.509 certificates of the token, up to the first that cannot be destroyed.
      *
      * @param slotIndex a slot with a session
-     * @return 0, -1 or the module's code
+     * @return 0, also if the search failed; -1 or the module's code
      */
     public static synchronized native long deleteAllCertificatesDLL(long slotIndex);
 
