@@ -7,9 +7,12 @@ import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.HashMap;
+import java.util.LinkedHashMap;
 import java.util.List;
 import java.util.Locale;
 import java.util.Map;
+import java.util.TreeMap;
+import java.util.function.Function;
 import java.util.function.ToDoubleFunction;
 import java.util.stream.DoubleStream;
 import java.util.stream.IntStream;
@@ -22,18 +25,18 @@ import java.util.stream.Stream;
  */
 final class Bench {
     private static final String[] NAMES = {"signDLL", "signWithIDDLL", "readAllCertificatesDLL", "getSlotInfoDLL"};
-    private static final int FIRST_SIGNATURE = NAMES.length;
-    private static final List<String> COLUMNS = List.of("C", "plain JNI", "library", "SunPKCS11");
+    private static final int FIRST_SIGNATURE = 4; // beside those that Plain names
 
     /** A work on a token with a key and so many certificates. */
     private record Case(boolean cheap, int work, int certificates) {
         String title() {
-            String subject = switch (work) {
-                case Plain.LIST -> ", %,d certificates".formatted(certificates);
-                case Plain.QUERY -> "";
-                default -> ", %,d objects".formatted(certificates + 1);
+            String on = cheap ? "" : ", SoftHSM2";
+            return switch (work) {
+                case FIRST_SIGNATURE -> "first signature of a process" + on;
+                case Plain.QUERY -> NAMES[work];
+                case Plain.LIST -> "%s, %,d of them%s".formatted(NAMES[work], certificates, on);
+                default -> "%s, %,d objects%s".formatted(NAMES[work], certificates + 1, on);
             };
-            return work == FIRST_SIGNATURE ? "first signature of a process" : NAMES[work] + subject;
         }
     }
 
@@ -54,7 +57,7 @@ final class Bench {
     private final Path report;
     private final Path temporary;
     private final String[] modules;
-    private final Map<String, String> jdks = new java.util.TreeMap<>();
+    private final TreeMap<String, String> jdks = new TreeMap<>();
     private final Map<Figure, double[]> figures = new HashMap<>();
 
     private Bench(String[] arguments) throws IOException {
@@ -77,7 +80,7 @@ final class Bench {
             bench.fill(certificates);
         }
         for (Case each : bench.cases()) {
-            System.err.printf("  %s%s%n", each.title(), each.cheap ? "" : " on SoftHSM2");
+            System.err.println("  " + each.title());
             bench.measure(each);
         }
         bench.writeReport();
@@ -162,42 +165,35 @@ final class Bench {
     }
 
     private void measure(Case on) throws IOException {
+        Map<String, Machine> byLibrary = new HashMap<>();
         List<Machine> machines = new ArrayList<>();
-        Map<Figure, Contestant> contestants = new java.util.LinkedHashMap<>();
+        Map<Figure, Contestant> contestants = new LinkedHashMap<>();
         for (String jdk : jdks.keySet()) {
-            List<String> bySunPkcs11 = switch (on.work) {
-                case Plain.SIGN -> List.of("SunPKCS11", "Signature kept");
-                case Plain.LIST -> List.of("SunPKCS11");
-                default -> List.of();
-            };
-            List<String> byLibrary = on.work == Plain.QUERY
-                    ? List.of("C", "plain JNI", "library", "synchronized JNI", "library, threads")
-                    : List.of("C", "plain JNI", "library");
             if (on.work == FIRST_SIGNATURE) {
                 for (String who : List.of("bare", "library", "SunPKCS11")) {
                     contestants.put(new Figure(on, jdk, who), times -> start(jdk, on, who));
                 }
                 continue;
             }
-            for (List<String> together : List.of(byLibrary, bySunPkcs11)) {
-                if (together.isEmpty()) {
-                    continue;
+            for (String kind : List.of("library", "SunPKCS11")) {
+                List<String> able = contestantsOf(kind, on);
+                if (!able.isEmpty()) {
+                    Machine machine = new Machine(jdk, on, kind, Integer.toString(on.work), "serve");
+                    machines.add(machine);
+                    byLibrary.putIfAbsent(jdk, machine);
+                    able.forEach(who -> contestants.put(new Figure(on, jdk, who), times -> machine.ask(who, times)));
                 }
-                String kind = together == byLibrary ? "library" : "SunPKCS11";
-                Machine machine = new Machine(jdk, on, kind, Integer.toString(on.work), "serve");
-                machines.add(machine);
-                together.forEach(who -> contestants.put(new Figure(on, jdk, who), times -> machine.ask(who, times)));
             }
         }
 
-        // As often as fills the time of a measurement; that warms up the just-in-time compiler as well.
         Map<Figure, Long> times = new HashMap<>();
         for (var contestant : contestants.entrySet()) {
-            long enough = 1;
-            while (on.work != FIRST_SIGNATURE && contestant.getValue().nanoseconds(enough) < sample / 1.5) {
-                enough *= 2;
+            // As often as fills the time of a sample, which warms up the just-in-time compiler as well.
+            long often = 1;
+            while (contestant.getValue().nanoseconds(often) < sample / 1.5 && on.work != FIRST_SIGNATURE) {
+                often *= 2;
             }
-            times.put(contestant.getKey(), enough);
+            times.put(contestant.getKey(), often);
             figures.put(contestant.getKey(), new double[rounds]);
         }
         for (int round = 0; round < rounds; ++round) {
@@ -206,14 +202,28 @@ final class Bench {
                 figures.get(contestant.getKey())[round] = contestant.getValue().nanoseconds(often) / often;
             }
         }
-        if (on.work == Plain.LIST && on.cheap) {
-            int which = 0;
+        if (on.work == Plain.LIST) {
             for (String jdk : jdks.keySet()) {
-                double bytes = machines.get(2 * which++).ask("memory", 1);
-                figures.put(new Figure(on, jdk, "memory"), new double[] {bytes});
+                figures.put(new Figure(on, jdk, "memory"), new double[] {byLibrary.get(jdk).ask("memory", 1)});
             }
         }
         machines.forEach(Machine::close);
+    }
+
+    /** What a virtual machine with the library, or with SunPKCS11, measures of a work. */
+    private static List<String> contestantsOf(String kind, Case on) {
+        if (kind.equals("library")) {
+            List<String> able = new ArrayList<>(List.of("C", "plain JNI", "library"));
+            if (on.work == Plain.QUERY) {
+                able.addAll(List.of("synchronized JNI", "threads"));
+            }
+            return able;
+        }
+        return switch (on.work) {
+            case Plain.SIGN -> on.cheap ? List.of("SunPKCS11", "Signature kept") : List.of("SunPKCS11");
+            case Plain.LIST -> List.of("SunPKCS11");
+            default -> List.of(); // it has no such query, and finds a key by its alias once
+        };
     }
 
     /** How long a new process takes to its first signature, or to its only line. */
@@ -248,6 +258,13 @@ final class Bench {
         double[] two = samples(on, jdk, other);
         int pairs = Math.min(one.length, two.length);
         return median(IntStream.range(0, pairs).mapToDouble(i -> one[i] / two[i]).toArray());
+    }
+
+    /** The median of the rounds' differences. */
+    private double later(Case on, String jdk, String who, String other) {
+        double[] one = samples(on, jdk, who);
+        double[] two = samples(on, jdk, other);
+        return median(IntStream.range(0, one.length).mapToDouble(i -> one[i] - two[i]).toArray());
     }
 
     /** What is left of a time without the module's. */
@@ -287,49 +304,106 @@ final class Bench {
                         IntStream.of(10, 100, 1000).mapToDouble(
                                 n -> ratio(new Case(false, Plain.LIST, n), jdk, "library", "SunPKCS11")))),
                 new Target("first signature after a bare virtual machine's line", 25, "%.0f ms",
-                        jdk -> (time(first, jdk, "library") - time(first, jdk, "bare")) / 1e6),
+                        jdk -> later(first, jdk, "library", "bare") / 1e6),
                 new Target("10,000 certificates: times of 1,000", 11, "%.1f",
                         jdk -> time(tenThousand, jdk, "library") / time(thousand, jdk, "library")),
                 new Target("10,000 certificates: memory of 1,000", 11, "%.1f",
                         jdk -> time(tenThousand, jdk, "memory") / time(thousand, jdk, "memory")));
     }
 
+    private void writeReport() throws IOException {
+        StringBuilder out = new StringBuilder();
+        appendTimes(out);
+        appendTargets(out);
+        appendBeside(out);
+        System.out.print(out);
+        Files.writeString(report.resolve("table.md"), out);
+        Files.writeString(report.resolve("growth.dat"), growth());
+    }
+
+    private void appendTimes(StringBuilder out) {
+        row(out, "work", "JDK", "C", "plain JNI", "library", "SunPKCS11", "library / C", "/ plain JNI", "/ SunPKCS11");
+        out.append("|---".repeat(9)).append("|\n");
+        for (Case each : cases()) {
+            for (String jdk : jdks.keySet()) {
+                List<String> cells = new ArrayList<>(List.of(each.title(), jdk));
+                for (String who : List.of("C", "plain JNI", "library", "SunPKCS11")) {
+                    cells.add(unit(time(each, jdk, who)));
+                }
+                for (String who : List.of("C", "plain JNI", "SunPKCS11")) {
+                    cells.add(number("%.2f", ratio(each, jdk, "library", who)));
+                }
+                row(out, cells.toArray(String[]::new));
+            }
+        }
+    }
+
+    private void appendTargets(StringBuilder out) {
+        out.append("\n");
+        row(out, "target", "limit", String.join(" | | ", jdks.keySet().stream().map(jdk -> "JDK " + jdk).toList()), "");
+        out.append("|---".repeat(2 + 2 * jdks.size())).append("|\n");
+        for (Target target : targets()) {
+            List<String> cells = new ArrayList<>(List.of(target.text, number(target.format, target.limit)));
+            for (String jdk : jdks.keySet()) {
+                double figure = target.figure.applyAsDouble(jdk);
+                cells.add(number(target.format, figure));
+                cells.add(Double.isNaN(figure) ? "not measured" : figure <= target.limit ? "holds" : "**missed**");
+            }
+            row(out, cells.toArray(String[]::new));
+        }
+    }
+
+    /** What has no target of its own. */
+    private void appendBeside(StringBuilder out) {
+        Case sign = new Case(true, Plain.SIGN, 1);
+        Case query = new Case(true, Plain.QUERY, 1);
+        Case most = new Case(true, Plain.LIST, 10_000);
+        Case first = new Case(false, FIRST_SIGNATURE, 1);
+        out.append("\n");
+        row(out, "beside", String.join(" | ", jdks.keySet().stream().map(jdk -> "JDK " + jdk).toList()));
+        out.append("|---".repeat(1 + jdks.size())).append("|\n");
+        row(out, "plain JNI function for getSlotInfoDLL", jdk -> unit(time(query, jdk, "plain JNI")));
+        row(out, "the same, synchronized", jdk -> unit(time(query, jdk, "synchronized JNI")));
+        row(out, "getSlotInfoDLL from %d threads at once: one call every".formatted(Worker.THREADS),
+                jdk -> unit(time(query, jdk, "threads")));
+        row(out, "signing by SunPKCS11, Signature kept", jdk -> unit(time(sign, jdk, "Signature kept")));
+        row(out, "bare virtual machine, to its line", jdk -> unit(time(first, jdk, "bare")));
+        row(out, "memory for 10,000 certificates, the result included",
+                jdk -> number("%.1f MB", time(most, jdk, "memory") / 1e6));
+    }
+
+    private void row(StringBuilder out, String title, Function<String, String> cell) {
+        row(out, title, String.join(" | ", jdks.keySet().stream().map(cell).toList()));
+    }
+
+    private static void row(StringBuilder out, String... cells) {
+        out.append("| ").append(String.join(" | ", cells)).append(" |\n");
+    }
+
+    private static String number(String format, double value) {
+        return Double.isNaN(value) ? "" : format.formatted(value);
+    }
+
     private static String unit(double nanoseconds) {
         int power = nanoseconds < 1e3 ? 0 : nanoseconds < 1e6 ? 1 : nanoseconds < 1e9 ? 2 : 3;
         double value = nanoseconds / Math.pow(1e3, power);
-        String format = value < 10 && power > 0 ? "%.2f %s" : value < 100 ? "%.1f %s" : "%.0f %s";
-        return Double.isNaN(value) ? "" : format.formatted(value, List.of("ns", "us", "ms", "s").get(power));
+        return number(value < 10 ? "%.2f " : value < 100 ? "%.1f " : "%.0f ", value)
+                + (Double.isNaN(value) ? "" : List.of("ns", "us", "ms", "s").get(power));
     }
 
-    private void writeReport() throws IOException {
-        StringBuilder table = new StringBuilder("| work | JDK | C | plain JNI | library | SunPKCS11 | library / C |"
-                + " / plain JNI | / SunPKCS11 |\n|---|---|---|---|---|---|---|---|---|\n");
-        for (Case each : cases()) {
-            for (String jdk : jdks.keySet()) {
-                table.append("| %s%s | %s |".formatted(each.title(), each.cheap ? "" : ", SoftHSM2", jdk));
-                for (String who : COLUMNS) {
-                    table.append(" %s |".formatted(unit(time(each, jdk, who))));
+    /** For the picture: milliseconds on SoftHSM2 by the first JDK, listing and then signing. */
+    private String growth() {
+        StringBuilder out = new StringBuilder();
+        for (int certificates = 1; certificates <= most; certificates *= 10) {
+            out.append(certificates);
+            for (int work : List.of(Plain.LIST, Plain.SIGN)) {
+                for (String who : List.of("C", "library", "SunPKCS11")) {
+                    double time = time(new Case(false, work, certificates), jdks.firstKey(), who);
+                    out.append(' ').append(time / 1e6);
                 }
-                for (String who : List.of("C", "plain JNI", "SunPKCS11")) {
-                    double ratio = ratio(each, jdk, "library", who);
-                    table.append(Double.isNaN(ratio) ? " |" : " %.3g |".formatted(ratio));
-                }
-                table.append("\n");
             }
+            out.append('\n');
         }
-        table.append("\n| target | limit |");
-        jdks.keySet().forEach(jdk -> table.append(" JDK %s | |".formatted(jdk)));
-        table.append("\n|---|---|" + "---|---|".repeat(jdks.size()) + "\n");
-        for (Target target : targets()) {
-            table.append("| %s | %s |".formatted(target.text, target.format.formatted(target.limit)));
-            for (String jdk : jdks.keySet()) {
-                double figure = target.figure.applyAsDouble(jdk);
-                table.append(Double.isNaN(figure) ? " not measured | |" : " %s | %s |".formatted(
-                        target.format.formatted(figure), figure <= target.limit ? "holds" : "**missed**"));
-            }
-            table.append("\n");
-        }
-        System.out.print(table);
-        Files.writeString(report.resolve("table.md"), table);
+        return out.toString();
     }
 }

@@ -81,7 +81,7 @@ final class Worker {
                 case "plain JNI" -> n -> plain(work, n);
                 case "synchronized JNI" -> Worker::plainSynchronized;
                 case "library" -> n -> library(work, n);
-                case "library, threads" -> n -> inThreads(work, n);
+                case "threads" -> n -> inThreads(work, n);
                 case "SunPKCS11" -> n -> sunPkcs11(work, n);
                 case "Signature kept" -> Worker::signWithKeptSignature;
                 default -> throw new IllegalArgumentException(name);
