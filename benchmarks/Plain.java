@@ -1,4 +1,4 @@
-/** What the library is measured against: see plain.cpp. */
+/** What the library is measured against: see plain.cpp. One call at a time, as with the library. */
 final class Plain {
     static final int SIGN = 0;
     static final int SIGN_WITH_ID = 1;
@@ -18,14 +18,14 @@ final class Plain {
     /** Does the work in C alone. */
     static native void repeatInC(int work, long times, byte[] data, byte[] id);
 
-    static native byte[] sign(long slotIndex, byte[] data);
+    static synchronized native byte[] sign(long slotIndex, byte[] data);
 
-    static native byte[] signWithID(long slotIndex, byte[] data, byte[] id);
+    static synchronized native byte[] signWithID(long slotIndex, byte[] data, byte[] id);
 
-    static native byte[][] readAllCertificates(long slotIndex);
+    static synchronized native byte[][] readAllCertificates(long slotIndex);
 
-    static native long getSlotInfo(long slotIndex);
+    static synchronized native long getSlotInfo(long slotIndex);
 
-    /** The same, one thread at a time. */
-    static synchronized native long getSlotInfoSynchronized(long slotIndex);
+    /** The same without the lock, which shows what the lock costs. */
+    static native long getSlotInfoUnlocked(long slotIndex);
 }

@@ -79,7 +79,7 @@ final class Worker {
                     return null;
                 };
                 case "plain JNI" -> n -> plain(work, n);
-                case "synchronized JNI" -> Worker::plainSynchronized;
+                case "unlocked JNI" -> Worker::plainUnlocked;
                 case "library" -> n -> library(work, n);
                 case "threads" -> n -> inThreads(work, n);
                 case "SunPKCS11" -> n -> sunPkcs11(work, n);
@@ -135,10 +135,10 @@ final class Worker {
         return last;
     }
 
-    private static Object plainSynchronized(long times) {
+    private static Object plainUnlocked(long times) {
         Object last = null;
         for (; times > 0; --times) {
-            last = Plain.getSlotInfoSynchronized(SLOT);
+            last = Plain.getSlotInfoUnlocked(SLOT);
         }
         return last;
     }

@@ -277,6 +277,4 @@ JNIEXPORT jobjectArray JNICALL Java_Plain_readAllCertificates(JNIEnv* env, jclas
 
 JNIEXPORT jlong JNICALL Java_Plain_getSlotInfo(JNIEnv*, jclass, jlong) { return askSlot<Printing>(); }
 
-JNIEXPORT jlong JNICALL Java_Plain_getSlotInfoSynchronized(JNIEnv*, jclass, jlong) {
-  return askSlot<Printing>();
-}
+JNIEXPORT jlong JNICALL Java_Plain_getSlotInfoUnlocked(JNIEnv*, jclass, jlong) { return askSlot<Printing>(); }
