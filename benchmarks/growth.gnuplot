@@ -2,6 +2,7 @@
 set terminal svg size 900,400 dynamic font "sans-serif,13" background "white"
 set multiplot layout 1,2
 set logscale xy
+set xrange [0.8:12500]
 set format x "10^{%L}"
 set format y "10^{%L}"
 set xlabel "certificates on the token"
