@@ -6,11 +6,13 @@ import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.Arrays;
+import java.util.Collections;
 import java.util.HashMap;
 import java.util.LinkedHashMap;
 import java.util.List;
 import java.util.Locale;
 import java.util.Map;
+import java.util.Random;
 import java.util.TreeMap;
 import java.util.function.Function;
 import java.util.function.ToDoubleFunction;
@@ -59,6 +61,7 @@ final class Bench {
     private final String[] modules;
     private final TreeMap<String, String> jdks = new TreeMap<>();
     private final Map<Figure, double[]> figures = new HashMap<>();
+    private final Random random = new Random(1);
 
     private Bench(String[] arguments) throws IOException {
         rounds = Integer.parseInt(arguments[0]);
@@ -169,20 +172,22 @@ final class Bench {
     private void measure(Case on) throws IOException {
         Map<String, Machine> byLibrary = new HashMap<>();
         List<Machine> machines = new ArrayList<>();
+        List<List<Figure>> groups = new ArrayList<>();
         Map<Figure, Contestant> contestants = new LinkedHashMap<>();
         for (String jdk : jdks.keySet()) {
             if (on.work == FIRST_SIGNATURE) {
-                for (String who : List.of("bare", "library", "SunPKCS11")) {
-                    contestants.put(new Figure(on, jdk, who), times -> start(jdk, on, who));
-                }
+                List<String> all = List.of("bare", "library", "SunPKCS11");
+                groups.add(figures(on, jdk, all));
+                all.forEach(who -> contestants.put(new Figure(on, jdk, who), times -> start(jdk, on, who)));
                 continue;
             }
-            for (String kind : List.of("library", "SunPKCS11")) {
-                List<String> able = contestantsOf(kind, on);
+            for (List<String> able : List.of(together(on), threads(on), bySunPkcs11(on))) {
                 if (!able.isEmpty()) {
+                    String kind = able.contains("SunPKCS11") ? "SunPKCS11" : "library";
                     Machine machine = new Machine(jdk, on, kind, Integer.toString(on.work), "serve");
                     machines.add(machine);
                     byLibrary.putIfAbsent(jdk, machine);
+                    groups.add(figures(on, jdk, able));
                     able.forEach(who -> contestants.put(new Figure(on, jdk, who), times -> machine.ask(who, times)));
                 }
             }
@@ -199,9 +204,14 @@ final class Bench {
             figures.put(contestant.getKey(), new double[rounds]);
         }
         for (int round = 0; round < rounds; ++round) {
-            for (var contestant : contestants.entrySet()) {
-                long often = times.get(contestant.getKey());
-                figures.get(contestant.getKey())[round] = contestant.getValue().nanoseconds(often) / often;
+            // Who is compared stays together, but who comes after whom matters.
+            Collections.shuffle(groups, random);
+            for (List<Figure> group : groups) {
+                Collections.shuffle(group, random);
+                for (Figure turn : group) {
+                    long often = times.get(turn);
+                    figures.get(turn)[round] = contestants.get(turn).nanoseconds(often) / often;
+                }
             }
         }
         if (on.work == Plain.LIST) {
@@ -212,18 +222,23 @@ final class Bench {
         machines.forEach(Machine::close);
     }
 
-    /** What a virtual machine with the library, or with SunPKCS11, measures of a work. */
-    private static List<String> contestantsOf(String kind, Case on) {
-        if (kind.equals("library")) {
-            List<String> able = new ArrayList<>(List.of("C", "plain JNI", "library"));
-            if (on.work == Plain.QUERY) {
-                able.add("unlocked JNI");
-            }
-            if (on.cheap && (on.work == Plain.QUERY || on.work == Plain.SIGN)) {
-                able.add("threads");
-            }
-            return able;
-        }
+    private static List<Figure> figures(Case on, String jdk, List<String> contestants) {
+        return new ArrayList<>(contestants.stream().map(who -> new Figure(on, jdk, who)).toList());
+    }
+
+    // Who measures a work, by the virtual machine that they share.
+
+    private static List<String> together(Case on) {
+        return on.work == Plain.QUERY ? List.of("C", "plain JNI", "library", "unlocked JNI")
+                : List.of("C", "plain JNI", "library");
+    }
+
+    /** A lock that several threads have wanted costs more from then on: they get a virtual machine of their own. */
+    private static List<String> threads(Case on) {
+        return on.cheap && (on.work == Plain.QUERY || on.work == Plain.SIGN) ? List.of("threads") : List.of();
+    }
+
+    private static List<String> bySunPkcs11(Case on) {
         return switch (on.work) {
             case Plain.SIGN -> on.cheap ? List.of("SunPKCS11", "Signature kept") : List.of("SunPKCS11");
             case Plain.LIST -> List.of("SunPKCS11");
