@@ -31,19 +31,20 @@ need() {
   fi
 }
 
-# Prints the home and the version of the first JDK from 17 up: JAVA_HOME's, the one of the javac on the path, then any that Debian knows of.
-find_jdk() {
+# Prints the homes and versions of the JDKs from 17 up: JAVA_HOME's, the one of the javac on the path, then those that
+# Debian knows of.
+find_jdks() {
   local jdk version
   for jdk in "${JAVA_HOME:-}" "$(readlink -f "$(command -v javac || true)" | sed 's|/bin/javac$||')" /usr/lib/jvm/*; do
     if [ -x "$jdk/bin/javac" ] && [ -f "$jdk/include/jni.h" ]; then
       version=$("$jdk/bin/javac" -version 2>&1 | sed -n 's/.*javac \([0-9]*\).*/\1/p')
-      if [ "${version:-0}" -ge 17 ]; then
-        echo "$jdk $version"
-        return
-      fi
+      if [ "${version:-0}" -ge 17 ]; then echo "$(readlink -f "$jdk") $version"; fi
     fi
-  done
+  done | awk '!seen[$0]++'
 }
+
+# The first of them.
+find_jdk() { find_jdks | awk 'NR == 1'; }
 
 need_jdk() {
   if [ ! "$(find_jdk)" ]; then need default-jdk-headless; fi

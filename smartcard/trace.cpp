@@ -36,8 +36,8 @@ class BrokenPipeTolerated {
   }
 
  private:
-  sigset_t brokenPipe_ = {};
-  sigset_t before_ = {};
+  sigset_t brokenPipe_;  // these two only where a broken pipe kills: a trace is to cost nothing but its text
+  sigset_t before_;
   bool isHosts_ = false;
 };
 
