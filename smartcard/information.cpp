@@ -21,7 +21,8 @@ JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_getSlotInfoDLL(J
                                                                                jlong slotIndex) {
   if (!inRange(slotIndex)) return kBadSlotIndex;
 
-  CK_SLOT_INFO slot = {};
+  CK_SLOT_INFO slot;
+  slot.flags = 0;  // all that is read
   if (call(&CK_FUNCTION_LIST::C_GetSlotInfo, slotAt(slotIndex), &slot) != CKR_OK) return kQueryFailed;
   return low32(slot.flags);
 }
@@ -42,7 +43,8 @@ JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_getTokenInfoDLL(
   if (!inRange(slotIndex)) return kBadSlotIndex;
 
   // A query that fails reads as a token with no flags set, unlike that of the slot.
-  CK_TOKEN_INFO token = {};
+  CK_TOKEN_INFO token;
+  token.flags = 0;  // all that is read
   return call(&CK_FUNCTION_LIST::C_GetTokenInfo, slotAt(slotIndex), &token) == CKR_OK ? asJava(token.flags)
                                                                                       : 0;
 }
