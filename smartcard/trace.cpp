@@ -68,7 +68,7 @@ void traceBytes(const char* heading, std::span<const CK_BYTE> bytes) {
   }
   text += '\n';
   const BrokenPipeTolerated guard;
-  std::fputs(text.c_str(), stdout);
+  static_cast<void>(std::fputs(text.c_str(), stdout));
   waiting = true;
 }
 
@@ -76,5 +76,5 @@ void flushTraces() noexcept {
   if (!waiting) return;
   waiting = false;
   const BrokenPipeTolerated guard;
-  std::fflush(stdout);
+  static_cast<void>(std::fflush(stdout));
 }
