@@ -92,7 +92,8 @@ class MockTest {
             Object[] arguments = arguments(method);
             if (random.nextInt(4) == 0 && arguments.length > 0) {
                 int bad = random.nextInt(arguments.length);
-                arguments[bad] = arguments[bad] instanceof Long ? BAD_NUMBERS[random.nextInt(BAD_NUMBERS.length)] : null;
+                arguments[bad] = arguments[bad] instanceof Long
+                        ? BAD_NUMBERS[random.nextInt(BAD_NUMBERS.length)] : null;
             }
             synchronized (Smartcard.class) { // the mock is everybody's
                 String[] calls = takeCalls().split(" ");

@@ -75,10 +75,11 @@ final class SmartcardKeyStore extends KeyStoreSpi {
                         (X509Certificate) factory.generateCertificate(new ByteArrayInputStream(row[2]));
                 SmartcardKey key = keyIds.contains(ByteBuffer.wrap(row[0]))
                         && certificate.getPublicKey() instanceof RSAPublicKey publicKey
+                        && publicKey.getAlgorithm().equals("RSA") // and not RSASSA-PSS
                         ? new SmartcardKey(slot, row[0], publicKey) : null;
                 found.add(new Item(SmartcardSlot.text(row[1]), certificate, key));
             } catch (CertificateException e) {
-                continue; // one that cannot be read must not keep the others away
+                // One that cannot be read must not keep the others away.
             }
         }
         items = byAlias(found);
@@ -94,7 +95,7 @@ final class SmartcardKeyStore extends KeyStoreSpi {
         for (Item item : items) {
             String alias = item.label;
             // A label that looks like another's alias could take its place.
-            if (alias.isEmpty() || namesakes.get(alias).size() > 1 || alias.matches(".*/[0-9a-f]{8}")) {
+            if (alias.isEmpty() || namesakes.get(alias).size() > 1 || alias.matches("(?s).*/[0-9a-f]{8}")) {
                 byte[] digest = MessageDigest.getInstance("SHA-256").digest(item.certificate.getEncoded());
                 alias += "/" + HexFormat.of().formatHex(digest, 0, 4);
             }

@@ -23,20 +23,23 @@ import java.util.Map;
  * signature.initSign((PrivateKey) store.getKey(alias, null));
  * }</pre>
  *
+ * What asks for a Signature without naming a provider, as TLS and XML signatures do, needs {@code
+ * Security.addProvider(provider)}. One is enough for the keys of several tokens; a second of this name is not added.
+ *
  * <h2>Loading</h2>
  * {@code load} binds the module, opens the slot's session and logs in, as far as the application has not done so;
- * nothing is closed or logged out, which is the application's to do. Without a PIN, or with an empty one, a token with
- * a PIN pad asks for it, and of any other the public certificates are there. Where another module is bound than the
- * one named, {@code load} refuses. A failure with a PKCS#11 code is a {@link SmartcardException}; a wrong PIN
- * has an {@link java.security.UnrecoverableKeyException} as its cause.
+ * nothing is closed or logged out, also when it fails: that is the application's to do. Without a PIN, or with an
+ * empty one, a token with a PIN pad asks for it, and of any other the public certificates are there. Where another
+ * module is bound than the one named, {@code load} refuses. A failure with a PKCS#11 code is a {@link
+ * SmartcardException}; a wrong PIN has an {@link java.security.UnrecoverableKeyException} as its cause.
  *
  * <p>After the card was out and in again, {@code load} once more: the keys obtained before work again as well.
  *
  * <h2>Entries</h2>
  * Each X.509 certificate is an entry: a key entry, with the chain that the token holds, if an RSA private key has its
- * ID, which must not be empty. The alias is the label; where that is empty, or the label of several certificates, with
- * "/" and the first four bytes of the certificate's SHA-256 in hexadecimal. Key passwords are not used. Entries cannot
- * be changed: the natives of {@link Smartcard} do that.
+ * ID, which must not be empty. The alias is the label. Where that is empty, the label of several certificates that are
+ * seen, or ends like this already, it is followed by "/" and the first four bytes of the certificate's SHA-256 in
+ * hexadecimal. Key passwords are not used. Entries cannot be changed; the natives of {@link Smartcard} do that.
  *
  * <h2>Keys</h2>
  * A key is a slot and an ID. Each signature is verified with the certificate before it is returned, so that one by
@@ -76,6 +79,11 @@ public final class SmartcardProvider extends Provider {
     @Override
     public Provider configure(String argument) {
         return new SmartcardProvider(SmartcardSlot.named(argument));
+    }
+
+    @Override
+    public boolean isConfigured() {
+        return slot != null;
     }
 
     private final class TokenService extends Service {

@@ -52,7 +52,7 @@ final class SmartcardSignature extends SignatureSpi {
             throw new InvalidKeyException("a key from a KeyStore of the type Smartcard is expected");
         }
         key = smartcardKey;
-        start(key.publicKey());
+        engineInitVerify(key.publicKey()); // each signature is verified with it
     }
 
     @Override
@@ -60,11 +60,7 @@ final class SmartcardSignature extends SignatureSpi {
         if (!(publicKey instanceof RSAPublicKey rsaPublicKey)) {
             throw new InvalidKeyException("an RSA public key is expected");
         }
-        start(rsaPublicKey);
-    }
-
-    private void start(RSAPublicKey verifyingKey) {
-        publicKey = verifyingKey;
+        this.publicKey = rsaPublicKey;
         digestInfo(); // and forget it: something may be left of a signature that was never finished
     }
 

@@ -1,13 +1,17 @@
 package com.calvenhor.vork.utils;
 
 import java.io.IOException;
+import java.nio.CharBuffer;
 import java.nio.charset.StandardCharsets;
 import java.security.InvalidParameterException;
 import java.security.UnrecoverableKeyException;
-import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.List;
 import java.util.function.LongFunction;
+import java.util.HashMap;
+import java.util.Map;
+import java.util.stream.Collectors;
+import java.util.stream.IntStream;
 import java.util.stream.LongStream;
 
 /**
@@ -19,12 +23,18 @@ import java.util.stream.LongStream;
 record SmartcardSlot(String module, long index) {
     private static final long ONLY = -1;
     private static final long NO_SLOT = -1;
+    private static final long TOKEN_PRESENT = 1;
+    private static final long TOKEN_INITIALIZED = 0x400;
     private static final long OBJECT_HANDLE_INVALID = 0x82;
     private static final long PIN_INVALID = 0xA1;
     private static final long SESSION_HANDLE_INVALID = 0xB3;
     private static final long USER_NOT_LOGGED_IN = 0x101;
     private static final long CRYPTOKI_NOT_INITIALIZED = 0x190;
+    private static final long CRYPTOKI_ALREADY_INITIALIZED = 0x191;
     private static final long FUNCTION_REJECTED = 0x200;
+
+    /** By slot index, what a session opened here has told first: that slot's, for certain. */
+    private static final Map<Long, Integer> SLOT_IDS = new HashMap<>();
 
     /** The slot that MODULE, MODULE#SLOT or SLOT names. */
     static SmartcardSlot named(String argument) {
@@ -66,7 +76,9 @@ record SmartcardSlot(String module, long index) {
         require(code != -2, module + " is not a PKCS#11 module: it has no C_GetFunctionList");
         require(code != -3, module + " has no slot: connect the reader");
         if (!isBound) {
-            check(code, "initDLL of " + module);
+            check(code, "initDLL of " + module
+                    + (code == CRYPTOKI_ALREADY_INITIALIZED ? ", which something else in the process uses" : ""));
+            SLOT_IDS.clear();
             return;
         }
         // Whichever module is bound, the answer is 0x191. But only the bound one is called: where it is another, the
@@ -76,18 +88,17 @@ record SmartcardSlot(String module, long index) {
     }
 
     private long onlyToken() throws IOException {
-        List<String> tokens = new ArrayList<>();
-        long found = NO_SLOT;
-        for (long slot = 0; slot < Smartcard.getSlotCountDLL(); slot++) {
+        // A token that cannot be asked may be the one that is meant.
+        long[] tokens = LongStream.range(0, Smartcard.getSlotCountDLL()).filter(slot -> {
             long flags = Smartcard.getTokenInfoDLL(slot);
-            if (flags > 0 && (flags & 0x400) != 0) { // CKF_TOKEN_INITIALIZED
-                tokens.add(slot + " \"" + text(Smartcard.readCardLabelDLL(slot)) + '"');
-                found = slot;
-            }
-        }
-        require(!tokens.isEmpty(), module + " sees no token: put the card in");
-        require(tokens.size() == 1, "several tokens, configure " + module + "#SLOT: " + String.join(", ", tokens));
-        return found;
+            return (flags & TOKEN_INITIALIZED) != 0
+                    || flags == 0 && (Smartcard.getSlotInfoDLL(slot) & TOKEN_PRESENT) != 0;
+        }).toArray();
+        require(tokens.length > 0, module + " sees no token: put the card in");
+        require(tokens.length == 1, "several tokens, configure " + module + "#SLOT: " + Arrays.stream(tokens)
+                .mapToObj(slot -> slot + " \"" + text(Smartcard.readCardLabelDLL(slot)) + '"')
+                .collect(Collectors.joining(", ")));
+        return tokens[0];
     }
 
     private void openSession() throws IOException {
@@ -95,28 +106,33 @@ record SmartcardSlot(String module, long index) {
             long code = Smartcard.openSessionDLL(index);
             require(code != -1, "there is no slot " + index + ": the last is " + (Smartcard.getSlotCountDLL() - 1));
             check(code, "openSessionDLL in slot " + index);
+            SLOT_IDS.put(index, Smartcard.getSessionInfoDLL(index)[2]);
         }
     }
 
     /**
-     * Whether the session may be another slot's: a module may give a handle that is free again to any slot, and its
-     * former holder's still stands here. Two slots then tell the same slot ID.
+     * Whether the session may be another slot's: a module may give a handle that is free again to any slot, while it
+     * still stands here. Two slots then tell the same slot ID.
      */
     private boolean isPerhapsAnothers() {
         int slotId = Smartcard.getSessionInfoDLL(index)[2];
-        return LongStream.range(0, Smartcard.getSlotCountDLL()).anyMatch(other -> other != index
-                && Smartcard.isSessionOpenDLL(other) == 0 && Smartcard.getSessionInfoDLL(other)[2] == slotId);
+        Integer known = SLOT_IDS.get(index);
+        return known != null ? known != slotId
+                : LongStream.range(0, Smartcard.getSlotCountDLL()).anyMatch(other -> other != index
+                        && Smartcard.isSessionOpenDLL(other) == 0 && Smartcard.getSessionInfoDLL(other)[2] == slotId);
     }
 
-    private void logIn(char[] pinGiven) throws IOException {
-        String pin = pinGiven == null || pinGiven.length == 0 ? null : new String(pinGiven);
+    private void logIn(char[] pin) throws IOException {
+        boolean isGiven = pin != null && pin.length > 0;
         boolean hasPinPad = (Smartcard.getTokenInfoDLL(index) & 0x100) != 0; // CKF_PROTECTED_AUTHENTICATION_PATH
-        if (isUser(Smartcard.getSessionInfoDLL(index)) || pin == null && !hasPinPad) {
+        if (isUser(Smartcard.getSessionInfoDLL(index)) || !isGiven && !hasPinPad) {
             return;
         }
         // Strings reach the module in modified UTF-8, which differs from UTF-8 in these: a wrong PIN, and counted.
-        boolean isAltered = pin != null && pin.chars().anyMatch(c -> c == 0 || Character.isSurrogate((char) c));
-        long code = isAltered ? PIN_INVALID : Smartcard.loginDLL(index, pin, 1); // as user
+        boolean isAltered = isGiven
+                && CharBuffer.wrap(pin).chars().anyMatch(c -> c == 0 || Character.isSurrogate((char) c));
+        long code = isAltered ? PIN_INVALID
+                : Smartcard.loginDLL(index, isGiven ? new String(pin) : null, 1); // as user
         if (code != 0) {
             IOException failure = new SmartcardException("loginDLL in slot " + index, code,
                     isAltered ? "; a NUL or a character above U+FFFF cannot be sent, and the token was not asked" : "");
@@ -142,11 +158,8 @@ record SmartcardSlot(String module, long index) {
             if (listing == null || listing[0][0] != 0 || Arrays.asList(listing).contains(null)) {
                 throw failure(call, listing == null ? null : listing[0], FUNCTION_REJECTED);
             }
-            List<byte[][]> rows = new ArrayList<>();
-            for (int i = 1; i < listing.length; i += width) {
-                rows.add(Arrays.copyOfRange(listing, i, i + width));
-            }
-            return rows;
+            return IntStream.range(0, listing.length / width)
+                    .mapToObj(k -> Arrays.copyOfRange(listing, 1 + k * width, 1 + (k + 1) * width)).toList();
         }
     }
 
