@@ -108,8 +108,8 @@ public final class CheckModule {
         ask("token", () -> {
             detail = "\"" + Token.text(Token.data(Smartcard.readCardLabelDLL(slot), "readCardLabelDLL"))
                     + "\", serial number "
-                    + Token.text(Token.data(Smartcard.readCardSerialNumberDLL(slot), "readCardSerialNumberDLL"));
-            Token.require(Token.isInitialised(slot), "a session, and the token is not initialised");
+                    + Token.text(Token.data(Smartcard.readCardSerialNumberDLL(slot), "readCardSerialNumberDLL"))
+                    + (Token.isInitialised(slot) ? "" : ", not initialised");
         });
         ask("session", () -> {
             Token.check(Smartcard.isSessionOpenDLL(slot), "isSessionOpenDLL");

@@ -174,7 +174,10 @@ final class Token implements AutoCloseable {
             if (loggedIn) {
                 logout();
             }
-            check(Smartcard.closeSessionDLL(slot), "closeSessionDLL");
+            long code = Smartcard.closeSessionDLL(slot);
+            if (code != 0xE0) { // CKR_TOKEN_NOT_PRESENT: it answers for the last slot of all, which may be empty
+                check(code, "closeSessionDLL");
+            }
         } finally {
             check(Smartcard.finalizeDLL(), "finalizeDLL");
         }

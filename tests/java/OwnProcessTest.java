@@ -26,31 +26,50 @@ class OwnProcessTest {
     void crash() {
         for (int round = 0; round < 3; round++) {
             assertArrayEquals(DEVICE_ERROR, Smartcard.signWithIDDLL(SLOT, "crash".getBytes(), ID));
-            assertGoesOn();
+            assertGone();
+            SoftTokenTest.assertSigned(modulus, signOnceMore());
         }
     }
 
     /** A call that never returns ends with the process, which is there to be killed. */
     @Test
     void hang() throws Exception {
-        ProcessHandle process = ProcessHandle.current().children().findFirst().orElseThrow();
-        FutureTask<byte[]> signing =
-                new FutureTask<>(() -> Smartcard.signWithIDDLL(SLOT, "hang".getBytes(), ID));
+        FutureTask<byte[]> signing = new FutureTask<>(() -> Smartcard.signWithIDDLL(SLOT, "hang".getBytes(), ID));
         new Thread(signing).start();
         Thread.sleep(200);
         assertFalse(signing.isDone());
-        assertTrue(process.destroyForcibly());
+        killProcess();
         assertArrayEquals(DEVICE_ERROR, signing.get());
-        assertGoesOn();
+        assertGone();
+        SoftTokenTest.assertSigned(modulus, signOnceMore());
     }
 
-    /** Every call fails with a code until the module is bound anew, and then all is as before. */
-    private void assertGoesOn() {
-        assertEquals(0x30, Smartcard.isSessionOpenDLL(SLOT));
+    @Test
+    void goneBetweenTwoCalls() throws Exception {
+        killProcess();
+        assertGone();
+        SoftTokenTest.assertSigned(modulus, signOnceMore());
+    }
+
+    private static void killProcess() throws Exception {
+        ProcessHandle process = ProcessHandle.current().children().findFirst().orElseThrow();
+        assertTrue(process.destroyForcibly());
+        process.onExit().get();
+    }
+
+    /** Every call fails until the module is bound anew. */
+    private static void assertGone() {
+        assertArrayEquals(DEVICE_ERROR, Smartcard.signWithIDDLL(SLOT, SoftTokenTest.DATA, ID));
         assertArrayEquals(DEVICE_ERROR, Smartcard.readAllRSAPublicKeysDLL(SLOT)[0]);
-        assertArrayEquals(new byte[] {0}, Smartcard.signDLL(SLOT, ID));
+        assertArrayEquals(new byte[] {0}, Smartcard.signDLL(SLOT, SoftTokenTest.DATA)); // its search failed
+        assertEquals(0x30, Smartcard.openSessionDLL(SLOT));
+    }
+
+    /** As docs/modules.md has it. */
+    private static byte[] signOnceMore() {
+        assertEquals(0x30, Smartcard.isSessionOpenDLL(SLOT));
         SoftTokenTest.assertOk(Smartcard.finalizeDLL(), Smartcard.initDLL(CLIENT), Smartcard.openSessionDLL(SLOT),
                 Smartcard.loginDLL(SLOT, SoftTokenTest.PIN, 1));
-        SoftTokenTest.assertSigned(modulus, Smartcard.signWithIDDLL(SLOT, SoftTokenTest.DATA, ID));
+        return Smartcard.signWithIDDLL(SLOT, SoftTokenTest.DATA, ID);
     }
 }
