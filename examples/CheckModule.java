@@ -36,7 +36,7 @@ public final class CheckModule {
     private List<Token.Entry> certificates;
     private List<Token.Entry> publicKeys;
     private List<Token.Entry> privateKeys;
-    private boolean unread; // not all of them could be listed
+    private boolean unsure; // whether all were listed, or whether an ID finds its own object alone
     private boolean empty;
 
     private CheckModule(Token token) {
@@ -55,7 +55,9 @@ public final class CheckModule {
         try {
             Token.require(arguments.size() == (write ? 2 : 0), "wrong number of arguments");
             check.read();
-            if (write) {
+            if (write && check.unsure) {
+                check.enter("all that writes", "not asked", "it could reach what is not ours");
+            } else if (write) {
                 Identity identity = Identity.read(Path.of(arguments.remove()), arguments.remove().toCharArray());
                 check.generate();
                 check.importIdentity(identity);
@@ -135,7 +137,7 @@ public final class CheckModule {
             Token.require(count >= Math.min(20, listed), count + " are counted, " + listed + " listed");
             Token.require(Smartcard.isCardEmptyDLL(slot) == Math.min(1, count),
                     count + " are counted, and isCardEmptyDLL denies it");
-            empty = count == 0 && listed == 0 && !unread; // a search that fails reads like an empty token
+            empty = count == 0 && listed == 0 && !unsure; // a search that fails reads like an empty token
             detail = count == 20 ? "20 or more" : String.valueOf(count);
         });
         if (!certificates.isEmpty()) {
@@ -151,11 +153,12 @@ public final class CheckModule {
         for (Token.Entry key : privateKeys) {
             sign("sign with \"" + Token.text(key.label()) + "\"", key.id());
         }
-        ask("sign with a key that is not there", () -> {
+        boolean noSignature = ask("sign with a key that is not there", () -> {
             byte[] signature = Smartcard.signWithIDDLL(slot, Sha256Rsa.digestInfo(SENTENCE), newId());
             Token.require(signature.length == 1, "another key signed");
             detail = "no signature";
         });
+        unsure |= !noSignature;
     }
 
     private long mechanism(int type) {
@@ -173,7 +176,7 @@ public final class CheckModule {
                     found.size() + " are listed, and the first one's ID reads as status " + Token.hex(id));
             detail = String.valueOf(found.size());
         });
-        unread |= !listed;
+        unsure |= !listed;
         return found;
     }
 
@@ -241,8 +244,8 @@ public final class CheckModule {
             deleteKeyPair(id);
             deleteCertificate(identity);
         });
-        if (!empty) { // These would reach what is not ours.
-            enter("what reaches the whole token", "not asked", "it is not empty");
+        if (!empty) {
+            enter("what has the whole token in reach", "not asked", "it is not empty");
             return;
         }
         ask("delete all certificates", () -> {
