@@ -58,8 +58,27 @@ record Identity(RSAPrivateCrtKey key, X509Certificate certificate) {
                 unsigned(key.getPrimeExponentP()), unsigned(key.getPrimeExponentQ()),
                 unsigned(key.getCrtCoefficient()), id(), label), "writeCertificateAndPrivateKeyDLL");
         // The result spoke for the certificate alone.
-        Token.require(Token.privateKeys(slot).size() == privateKeys + 1, "the private key is not on the token");
-        Token.require(Token.publicKeys(slot).size() == publicKeys + 1, "the public key is not on the token");
+        if (Token.privateKeys(slot).size() != privateKeys + 1) {
+            throw new Token.Refused("the private key is not on the token; the traces have the code");
+        }
+        if (Token.publicKeys(slot).size() != publicKeys + 1) {
+            throw new Token.Refused("the public key is not on the token; the traces have the code");
+        }
+    }
+
+    void writeCertificate(long slot, byte[] label) throws GeneralSecurityException, Token.Failure {
+        Token.check(Smartcard.writeCertificateDLL(slot, certificate.getEncoded(), subject(), issuer(), serialNumber(),
+                id(), label), "writeCertificateDLL");
+    }
+
+    void deleteCertificate(long slot, byte[] label) throws GeneralSecurityException, Token.Failure {
+        Token.check(Smartcard.deleteCertificateDLL(slot, subject(), issuer(), serialNumber(), id(), label),
+                "deleteCertificateDLL");
+    }
+
+    void writePublicKey(long slot, byte[] label) throws GeneralSecurityException, Token.Failure {
+        Token.check(Smartcard.writePublicKeyDLL(slot, unsigned(key.getModulus()), unsigned(key.getPublicExponent()),
+                id(), label), "writePublicKeyDLL");
     }
 
     /** Big-endian as PKCS#11 wants it: without the zero byte that keeps Java's form positive. */

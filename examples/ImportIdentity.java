@@ -56,8 +56,7 @@ public final class ImportIdentity {
             list(token, id, NEW_LABEL, NEW_LABEL);
 
             Token.step("Delete all three");
-            Token.check(Smartcard.deleteCertificateDLL(token.slot, identity.subject(), identity.issuer(),
-                    identity.serialNumber(), id, NEW_LABEL), "deleteCertificateDLL");
+            identity.deleteCertificate(token.slot, NEW_LABEL);
             Token.check(Smartcard.deletePublicKeyDLL(token.slot, id), "deletePublicKeyDLL");
             Token.check(Smartcard.deletePrivateKeyDLL(token.slot, id), "deletePrivateKeyDLL");
 

@@ -72,15 +72,9 @@ public final class SignDocument {
         List<Token.Entry> publicKeys = Token.publicKeys(token.slot);
         List<Token.Entry> certificates = Token.certificates(token.slot);
         for (Token.Entry privateKey : Token.privateKeys(token.slot)) {
-            for (Token.Entry other : publicKeys) {
-                if (Arrays.equals(other.id(), privateKey.id())) {
-                    return new Key(other.id(), Token.publicKey(other.values().get(0), other.values().get(1)));
-                }
-            }
-            for (Token.Entry other : certificates) {
-                if (Arrays.equals(other.id(), privateKey.id())) {
-                    return new Key(other.id(), Token.certificate(other.values().get(0)).getPublicKey());
-                }
+            PublicKey publicKey = Token.publicKey(privateKey.id(), publicKeys, certificates);
+            if (publicKey != null) {
+                return new Key(privateKey.id(), publicKey);
             }
         }
         throw new Token.Failure("no RSA private key in sight whose public key is there too; does it need --pin?");

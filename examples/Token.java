@@ -5,22 +5,34 @@ import java.math.BigInteger;
 import java.nio.charset.StandardCharsets;
 import java.security.GeneralSecurityException;
 import java.security.KeyFactory;
+import java.security.PublicKey;
 import java.security.cert.CertificateFactory;
 import java.security.cert.X509Certificate;
 import java.security.interfaces.RSAPublicKey;
 import java.security.spec.RSAPublicKeySpec;
 import java.util.ArrayList;
+import java.util.Arrays;
 import java.util.Deque;
 import java.util.HexFormat;
 import java.util.List;
+import java.util.stream.LongStream;
 
 /** The token that an example works on: until it is closed its slot has a session, with a login where a PIN is known. */
 final class Token implements AutoCloseable {
     /** Something went wrong, told so that the reader of an example understands it. */
-    static final class Failure extends Exception {
+    static class Failure extends Exception {
         private static final long serialVersionUID = 1;
 
         Failure(String message) {
+            super(message);
+        }
+    }
+
+    /** The module said no, as it may. */
+    static final class Refused extends Failure {
+        private static final long serialVersionUID = 1;
+
+        Refused(String message) {
             super(message);
         }
     }
@@ -40,7 +52,7 @@ final class Token implements AutoCloseable {
     private static final String DEMO_PIN = "123456";
 
     final long slot;
-    private boolean loggedIn;
+    boolean loggedIn;
 
     private Token(long slot) {
         this.slot = slot;
@@ -79,7 +91,7 @@ final class Token implements AutoCloseable {
         require(!fresh || slot == -1 && pin == null, "--slot and --pin go with --module");
 
         step("Load and initialise the PKCS#11 module " + module);
-        check(Smartcard.initDLL(module), "initDLL");
+        bind(module);
         try {
             return fresh ? fresh(module) : existing(slot, pin);
         } catch (Failure | RuntimeException | Error e) {
@@ -88,12 +100,20 @@ final class Token implements AutoCloseable {
         }
     }
 
+    private static void bind(String module) throws Failure {
+        long code = Smartcard.initDLL(module);
+        require(code != -1, "initDLL: " + module + " cannot be loaded");
+        require(code != -2, "initDLL: " + module + " is no PKCS#11 module");
+        require(code != -3, "initDLL: the module has no slot; is the reader there?");
+        check(code, "initDLL");
+    }
+
     private static Token fresh(String module) throws Failure {
         step("Initialise a token in slot 0, and with it the security officer's PIN");
         check(Smartcard.initTokenDLL(0, DEMO_SO_PIN, DEMO_SO_PIN.length()), "initTokenDLL");
         tell("The module may have moved the new token to another slot: bind it once more and look for it.");
         check(Smartcard.finalizeDLL(), "finalizeDLL");
-        check(Smartcard.initDLL(module), "initDLL");
+        bind(module);
 
         Token token = new Token(firstToken());
         step("Open a session in slot " + token.slot);
@@ -155,7 +175,10 @@ final class Token implements AutoCloseable {
             if (loggedIn) {
                 logout();
             }
-            check(Smartcard.closeSessionDLL(slot), "closeSessionDLL");
+            long code = Smartcard.closeSessionDLL(slot);
+            if (code != 0xE0) { // CKR_TOKEN_NOT_PRESENT: it answers for the last slot of all, which may be empty
+                check(code, "closeSessionDLL");
+            }
         } finally {
             check(Smartcard.finalizeDLL(), "finalizeDLL");
         }
@@ -196,6 +219,22 @@ final class Token implements AutoCloseable {
                 new RSAPublicKeySpec(new BigInteger(1, modulus), new BigInteger(1, publicExponent)));
     }
 
+    /** The public half of a private key: a public key or a certificate with its ID; null if there is neither. */
+    static PublicKey publicKey(byte[] id, List<Entry> publicKeys, List<Entry> certificates)
+            throws GeneralSecurityException {
+        for (Entry entry : publicKeys) {
+            if (Arrays.equals(entry.id(), id)) {
+                return publicKey(entry.values().get(0), entry.values().get(1));
+            }
+        }
+        for (Entry entry : certificates) {
+            if (Arrays.equals(entry.id(), id)) {
+                return certificate(entry.values().get(0)).getPublicKey();
+            }
+        }
+        return null;
+    }
+
     static X509Certificate certificate(byte[] der) throws GeneralSecurityException {
         return (X509Certificate) CertificateFactory.getInstance("X.509")
                 .generateCertificate(new ByteArrayInputStream(der));
@@ -222,7 +261,10 @@ final class Token implements AutoCloseable {
 
     /** Goes on only after a success. */
     static void check(long code, String call) throws Failure {
-        require(code == 0, call + ": " + (code < 0 ? String.valueOf(code) : SmartcardException.nameOf(code)));
+        require(code >= 0, call + ": " + code);
+        if (code > 0) {
+            throw new Refused(call + ": " + named(code));
+        }
     }
 
     /** Goes on only with data, not with the status that is returned in its place. */
@@ -233,9 +275,18 @@ final class Token implements AutoCloseable {
         return result;
     }
 
-    /** A status keeps 8 bits of a code, which several codes share: it is shown as it is, without a name. */
-    private static Failure failure(byte[] status, String call) {
-        return new Failure(String.format("%s: status 0x%02x", call, status[0]));
+    /** A status keeps 8 bits of a code, which several codes share: those that have a name are told. */
+    private static Refused failure(byte[] status, String call) {
+        List<String> names = LongStream.of(0, 0x100, 0x200).map(high -> high + (status[0] & 0xFF))
+                .mapToObj(Token::named).filter(name -> name.startsWith("CKR_")).toList();
+        return new Refused(String.format("%s: status 0x%02x", call, status[0])
+                + (names.isEmpty() ? "" : ", " + String.join(" or ", names)));
+    }
+
+    private static String named(long code) {
+        String hex = "0x" + Long.toHexString(code);
+        String name = SmartcardException.nameOf(code);
+        return name.equals(hex) ? hex : name + " (" + hex + ")";
     }
 
     static void require(boolean condition, String otherwise) throws Failure {

@@ -14,25 +14,30 @@ import org.junit.jupiter.api.io.TempDir;
 /** A real token: what is done to it another tool sees, and what the library says of it another tool says as well. */
 class SoftTokenTest {
     private static final String MODULE = System.getProperty("softhsm2");
-    private static final long SLOT = 0; // a token that is initialised comes first
-    private static final String PIN = "1234";
-    private static final byte[] ID = "key 1".getBytes();
+    static final long SLOT = 0; // a token that is initialised comes first
+    static final String PIN = "1234";
+    static final byte[] ID = "key 1".getBytes();
     private static final byte[] LABEL = "Köy".getBytes();
-    private static final byte[] DATA = "a document".getBytes();
-    private static final byte[] EXPONENT = {1, 0, 1};
+    static final byte[] DATA = "a document".getBytes();
+    static final byte[] EXPONENT = {1, 0, 1};
 
     @BeforeEach
     void createToken(@TempDir Path folder) throws Exception {
+        createToken(MODULE, folder);
+    }
+
+    /** In the folder, by a module that leads to the software token, bound and with the user logged in. */
+    static void createToken(String module, Path folder) throws Exception {
         Files.writeString(Path.of(System.getenv("SOFTHSM2_CONF")), "directories.tokendir = " + folder + "\n");
         Smartcard.finalizeDLL();
-        assertOk(Smartcard.initDLL(MODULE), Smartcard.initTokenDLL(SLOT, PIN, 4), Smartcard.finalizeDLL());
+        assertOk(Smartcard.initDLL(module), Smartcard.initTokenDLL(SLOT, PIN, 4), Smartcard.finalizeDLL());
         // The next list of slots has one for the new token alone.
-        assertOk(Smartcard.initDLL(MODULE), Smartcard.openSessionDLL(SLOT), Smartcard.loginDLL(SLOT, PIN, 0));
+        assertOk(Smartcard.initDLL(module), Smartcard.openSessionDLL(SLOT), Smartcard.loginDLL(SLOT, PIN, 0));
         assertOk(Smartcard.initUserPINDLL(SLOT, PIN, 4), Smartcard.logoutDLL(SLOT), Smartcard.loginDLL(SLOT, PIN, 1));
     }
 
     /** All of these, one after the other. */
-    private static void assertOk(long... results) {
+    static void assertOk(long... results) {
         assertArrayEquals(new long[results.length], results);
     }
 
@@ -97,7 +102,7 @@ class SoftTokenTest {
     }
 
     /** The signature opens to the data with PKCS #1 padding. */
-    private static void assertSigned(byte[] modulus, byte[] signature) {
+    static void assertSigned(byte[] modulus, byte[] signature) {
         BigInteger block = new BigInteger(1, signature).modPow(new BigInteger(EXPONENT), new BigInteger(1, modulus));
         assertTrue(block.toString(16).matches("1(ff)+00" + new BigInteger(DATA).toString(16)), block.toString(16));
     }

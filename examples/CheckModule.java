@@ -1,0 +1,321 @@
+import com.calvenhor.vork.utils.Smartcard;
+import java.nio.file.Path;
+import java.security.PublicKey;
+import java.security.SecureRandom;
+import java.util.ArrayDeque;
+import java.util.ArrayList;
+import java.util.Arrays;
+import java.util.Deque;
+import java.util.List;
+import java.util.function.LongFunction;
+import java.util.stream.IntStream;
+
+/**
+ * Asks a module for what the library can do with it, and ends with a table: what worked, what the module refused, and
+ * what does not fit its other answers. It reads, and signs a sentence with each key in sight. With {@code --write} it
+ * also takes a key pair and an identity through their lives, under IDs of their own: what was there before stays.
+ */
+public final class CheckModule {
+    private static final byte[] EXPONENT = {1, 0, 1};
+    private static final byte[] SENTENCE = Token.utf8("Signed to check a PKCS#11 module.");
+    private static final byte[] LABEL = Token.utf8("Module check");
+    private static final byte[] NEW_LABEL = Token.utf8("Module check, renamed");
+    private static final int MISFIT_STATUS = 2;
+
+    private interface Listing {
+        List<Token.Entry> of(long slot) throws Token.Failure;
+    }
+
+    private final Token token;
+    private final long slot;
+    private final List<String> table = new ArrayList<>();
+    private String detail; // of the answer to the present question
+    private int misfits;
+
+    // As they are before anything is written.
+    private List<Token.Entry> certificates;
+    private List<Token.Entry> publicKeys;
+    private List<Token.Entry> privateKeys;
+    private boolean unsure; // whether all were listed, or whether an ID finds its own object alone
+    private boolean empty;
+
+    private CheckModule(Token token) {
+        this.token = token;
+        slot = token.slot;
+    }
+
+    /** @param arguments the options of {@link Token#open}; with {@code --write} also a PKCS#12 file and its password */
+    public static void main(String[] arguments) {
+        Token.run(() -> check(new ArrayDeque<>(List.of(arguments))));
+    }
+
+    private static void check(Deque<String> arguments) throws Exception {
+        boolean write = arguments.remove("--write");
+        CheckModule check = new CheckModule(Token.open(arguments));
+        try {
+            Token.require(arguments.size() == (write ? 2 : 0), "wrong number of arguments");
+            check.read();
+            if (write && check.unsure) {
+                check.enter("all that writes", "not asked", "it could reach what is not ours");
+            } else if (write) {
+                Identity identity = Identity.read(Path.of(arguments.remove()), arguments.remove().toCharArray());
+                check.generate();
+                check.importIdentity(identity);
+            }
+        } finally {
+            check.ask("log out, close, finalize", check.token::close);
+        }
+        Token.step("What " + (write ? "reading and writing" : "reading") + " gave");
+        check.table.forEach(Token::tell);
+        if (check.misfits > 0) {
+            Token.step("Answers that do not fit: " + check.misfits);
+            System.exit(MISFIT_STATUS);
+        }
+    }
+
+    /** A call that fails is refused; any other failure is one of ours to make sense of the answers. */
+    private boolean ask(String what, Token.Steps steps) {
+        Token.step(what);
+        detail = "";
+        try {
+            steps.run();
+            enter(what, "worked", detail);
+            return true;
+        } catch (Token.Refused e) {
+            enter(what, "refused", e.getMessage());
+        } catch (Exception e) {
+            enter(what, "DOES NOT FIT", e instanceof Token.Failure ? e.getMessage() : e.toString());
+            misfits++;
+        }
+        return false;
+    }
+
+    private void enter(String what, String verdict, String text) {
+        table.add(String.format("%-33s %-12s  %s", what, verdict, text).stripTrailing());
+    }
+
+    // ---- Reading ----
+
+    private void read() {
+        ask("slots", () -> {
+            long tokens = 0;
+            for (long i = 0; i < Smartcard.getSlotCountDLL(); i++) {
+                Token.data(Smartcard.readSlotDescriptionDLL(i), "readSlotDescriptionDLL");
+                Token.require(Smartcard.getSlotInfoDLL(i) != -1, "no flags of slot " + i);
+                tokens += Smartcard.getSlotInfoDLL(i) & 1; // CKF_TOKEN_PRESENT
+            }
+            Token.require((Smartcard.getSlotInfoDLL(slot) & 1) != 0, "a session, and no token is present");
+            detail = Smartcard.getSlotCountDLL() + ", " + tokens + " with a token";
+        });
+        ask("token", () -> {
+            detail = "\"" + Token.text(Token.data(Smartcard.readCardLabelDLL(slot), "readCardLabelDLL"))
+                    + "\", serial number "
+                    + Token.text(Token.data(Smartcard.readCardSerialNumberDLL(slot), "readCardSerialNumberDLL"))
+                    + (Token.isInitialised(slot) ? "" : ", not initialised");
+        });
+        ask("session", () -> {
+            Token.check(Smartcard.isSessionOpenDLL(slot), "isSessionOpenDLL");
+            int expected = token.loggedIn ? 3 : 2; // CKS_RW_USER_FUNCTIONS, CKS_RW_PUBLIC_SESSION
+            int state = Smartcard.getSessionInfoDLL(slot)[0];
+            Token.require(state == expected, "state " + state + ", not " + expected);
+            detail = token.loggedIn ? "the user's" : "public";
+        });
+        ask("mechanisms", () -> {
+            int[] types = Smartcard.getSupportedMechanismListDLL(slot);
+            Token.require(Arrays.equals(types, Smartcard.getSupportedMechanismListDLL(slot)), "two lists differ");
+            List<String> silent = IntStream.of(types).filter(type -> mechanism(type) == -1)
+                    .mapToObj(Names::mechanism).toList();
+            Token.require(silent.isEmpty(), types.length + ", without information on " + String.join(" ", silent));
+            detail = types.length + "; RSA_PKCS: " + (mechanism(1) == -1 ? "no" : Names.mechanismFlags(mechanism(1)));
+        });
+        certificates = list("certificates", Token::certificates, Smartcard::readCertificateIDDLL);
+        publicKeys = list("RSA public keys", Token::publicKeys, Smartcard::readPublicKeyIDDLL);
+        privateKeys = list("RSA private keys", Token::privateKeys, Smartcard::readPrivateKeyIDDLL);
+        ask("objects", () -> {
+            long count = Smartcard.getObjectCountInTheTokenDLL(slot);
+            int listed = certificates.size() + publicKeys.size() + privateKeys.size();
+            Token.require(count >= Math.min(20, listed), count + " are counted, " + listed + " listed");
+            Token.require(Smartcard.isCardEmptyDLL(slot) == Math.min(1, count),
+                    count + " are counted, and isCardEmptyDLL denies it");
+            empty = count == 0 && listed == 0 && !unsure; // a search that fails reads like an empty token
+            detail = count == 20 ? "20 or more" : String.valueOf(count);
+        });
+        if (!certificates.isEmpty()) {
+            ask("certificates read by Java", () -> {
+                for (Token.Entry entry : certificates) {
+                    Token.certificate(entry.values().get(0));
+                }
+                byte[] first = Token.data(Smartcard.readCertificateDLL(slot), "readCertificateDLL");
+                Token.require(Arrays.equals(first, certificates.get(0).values().get(0)),
+                        "readCertificateDLL gives another than the first that is listed");
+            });
+        }
+        for (Token.Entry key : privateKeys) {
+            sign("sign with \"" + Token.text(key.label()) + "\"", key.id());
+        }
+        boolean noSignature = ask("sign with a key that is not there", () -> {
+            byte[] signature = Smartcard.signWithIDDLL(slot, Sha256Rsa.digestInfo(SENTENCE), newId());
+            Token.require(signature.length == 1, "another key signed");
+            detail = "no signature";
+        });
+        unsure |= !noSignature;
+    }
+
+    private long mechanism(int type) {
+        return Smartcard.getMechanismInfoDLL(slot, Integer.toUnsignedLong(type));
+    }
+
+    private List<Token.Entry> list(String what, Listing listing, LongFunction<byte[]> firstId) {
+        List<Token.Entry> found = new ArrayList<>();
+        boolean listed = ask(what, () -> {
+            found.addAll(listing.of(slot));
+            requireSame(found, listing.of(slot));
+            // Of keys it takes every type: the first one's need not be the first of the listing.
+            byte[] id = firstId.apply(slot);
+            Token.require(found.isEmpty() || id.length != 1 || found.get(0).id().length == 1,
+                    found.size() + " are listed, and the first one's ID reads as status " + Token.hex(id));
+            detail = String.valueOf(found.size());
+        });
+        unsure |= !listed;
+        return found;
+    }
+
+    private void sign(String what, byte[] id) {
+        ask(what, () -> {
+            byte[] signature = Smartcard.signWithIDDLL(slot, Sha256Rsa.digestInfo(SENTENCE), id);
+            Token.require(!Arrays.equals(signature, new byte[1]), "the key is listed, but not found by its ID");
+            Token.data(signature, "signWithIDDLL");
+            PublicKey publicKey = Token.publicKey(id, Token.publicKeys(slot), Token.certificates(slot));
+            Token.require(publicKey == null || Sha256Rsa.verifies(publicKey, SENTENCE, signature),
+                    "the signature does not verify");
+            detail = signature.length + " bytes, " + (publicKey == null ? "no public key to verify them" : "verified");
+        });
+    }
+
+    // ---- Writing ----
+
+    private void generate() {
+        byte[] id = newId();
+        byte[] otherId = newId();
+        boolean generated = ask("generate a key pair", () -> {
+            byte[] modulus = Token.data(Smartcard.generateKeyPairDLL(slot, 2048, EXPONENT, id, LABEL),
+                    "generateKeyPairDLL");
+            requireAdded(privateKeys, Token.privateKeys(slot), id, LABEL);
+            List<byte[]> values = requireAdded(publicKeys, Token.publicKeys(slot), id, LABEL).values();
+            Token.require(Arrays.equals(values.get(0), modulus) && Arrays.equals(values.get(1), EXPONENT),
+                    "the public key is listed with other numbers");
+        });
+        if (generated) {
+            sign("sign with it", id);
+            rename("change its ID and label", id, otherId);
+        }
+        ask("delete it", () -> deleteKeyPair(id, otherId));
+    }
+
+    private void importIdentity(Identity identity) throws Exception {
+        byte[] id = identity.id();
+        ask("write and delete a certificate", () -> {
+            identity.writeCertificate(slot, LABEL);
+            requireAdded(certificates, Token.certificates(slot), id, LABEL);
+            deleteCertificate(identity);
+        });
+        ask("write and delete a public key", () -> {
+            identity.writePublicKey(slot, LABEL);
+            requireAdded(publicKeys, Token.publicKeys(slot), id, LABEL);
+            deleteKeyPair(id);
+        });
+        boolean imported = ask("import a key pair and certificate", () -> {
+            identity.write(slot, LABEL);
+            requireAdded(certificates, Token.certificates(slot), id, LABEL);
+        });
+        if (imported) {
+            sign("sign with it", id);
+            rename("change the label of its keys", id, id);
+        }
+        if (imported && empty) {
+            ask("change that of its certificate", () -> {
+                Token.check(Smartcard.setCertificateLabelDLL(null, slot), "setCertificateLabelDLL");
+                if (!Arrays.equals(Smartcard.readCertificateLabelDLL(slot), Smartcard.readPublicKeyLabelDLL(slot))) {
+                    throw new Token.Refused("setCertificateLabelDLL: the traces have the code");
+                }
+            });
+        }
+        ask("delete all three", () -> {
+            deleteKeyPair(id);
+            deleteCertificate(identity);
+        });
+        if (!empty) {
+            enter("what has the whole token in reach", "not asked", "it is not empty");
+            return;
+        }
+        ask("delete all certificates", () -> {
+            identity.writeCertificate(slot, LABEL);
+            Token.check(Smartcard.deleteAllCertificatesDLL(slot), "deleteAllCertificatesDLL");
+            requireSame(List.of(), Token.certificates(slot));
+        });
+        ask("write an attribute certificate", () -> {
+            Token.check(Smartcard.writeAttributeCertificateDLL(slot, SENTENCE), "writeAttributeCertificateDLL");
+            Token.require(Arrays.equals(Smartcard.readAttributeCertificateDLL(slot), SENTENCE), "another one is read");
+        });
+        ask("delete all objects", () -> {
+            Token.check(Smartcard.deleteDLL(slot), "deleteDLL");
+            Token.require(Smartcard.isCardEmptyDLL(slot) == 0, "the token is not empty");
+        });
+    }
+
+    private void rename(String what, byte[] id, byte[] newId) {
+        ask(what, () -> {
+            Token.check(Smartcard.updateKeyPairIDAndLabelDLL(slot, id, newId, NEW_LABEL), "updateKeyPairIDAndLabelDLL");
+            requireAdded(publicKeys, Token.publicKeys(slot), newId, NEW_LABEL);
+            requireAdded(privateKeys, Token.privateKeys(slot), newId, NEW_LABEL);
+        });
+    }
+
+    private void deleteKeyPair(byte[]... ids) throws Token.Failure {
+        for (byte[] id : ids) {
+            long privateKey = Smartcard.deletePrivateKeyDLL(slot, id);
+            Token.check(Smartcard.deletePublicKeyDLL(slot, id), "deletePublicKeyDLL");
+            Token.check(privateKey, "deletePrivateKeyDLL");
+        }
+        requireSame(privateKeys, Token.privateKeys(slot));
+        requireSame(publicKeys, Token.publicKeys(slot));
+    }
+
+    private void deleteCertificate(Identity identity) throws Exception {
+        for (byte[] label : List.of(LABEL, NEW_LABEL)) {
+            identity.deleteCertificate(slot, label);
+        }
+        requireSame(certificates, Token.certificates(slot));
+    }
+
+    private static byte[] newId() {
+        byte[] id = new byte[20];
+        new SecureRandom().nextBytes(id);
+        return id;
+    }
+
+    // ---- What fits ----
+
+    /** The same objects with the same values, in any order. */
+    private static void requireSame(List<Token.Entry> some, List<Token.Entry> others) throws Token.Failure {
+        Token.require(content(some).equals(content(others)),
+                "two listings that ought to be equal are not: " + some.size() + " and " + others.size() + " objects");
+    }
+
+    private static List<String> content(List<Token.Entry> entries) {
+        return entries.stream().map(entry -> Token.hex(entry.id()) + ' ' + Token.hex(entry.label()) + ' '
+                + entry.values().stream().map(Token::hex).toList()).sorted().toList();
+    }
+
+    /** One object more, with this ID and label. */
+    private static Token.Entry requireAdded(List<Token.Entry> before, List<Token.Entry> after, byte[] id, byte[] label)
+            throws Token.Failure {
+        Token.require(after.size() == before.size() + 1, before.size() + " were listed, and now " + after.size());
+        for (Token.Entry entry : after) {
+            if (Arrays.equals(entry.id(), id) && Arrays.equals(entry.label(), label)) {
+                return entry;
+            }
+        }
+        throw new Token.Failure("it is not listed with the ID and label that it was given");
+    }
+}
