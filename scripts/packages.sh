@@ -89,3 +89,17 @@ need_jdk() {
 find_softhsm() {
   { compgen -G '/usr/lib*/softhsm/libsofthsm2.so' || compgen -G '/usr/lib*/pkcs11/libsofthsm2.so'; } | sed -n 1p
 }
+
+step() { printf '\n==> %s\n' "$*"; }
+
+# Says nothing but on failure.
+quietly() {
+  local log
+  log=$(mktemp)
+  if ! "$@" >"$log" 2>&1; then
+    cat "$log"
+    echo "failed: $*"
+    return 1
+  fi
+  rm "$log"
+}
