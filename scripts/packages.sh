@@ -1,19 +1,54 @@
 # shellcheck shell=bash
-# Sourced by the commands: each says what it needs, and the Debian packages that are missing are installed.
+# Sourced by the commands: each says what it needs, as Debian's packages. What is not there, wherever it would come
+# from, is installed on a Debian system, and named on any other.
+
+# What a Debian package is needed for: a command, a header or a file.
+evidence() {
+  case $1 in
+    binutils) echo objdump ;;
+    clang-tools) echo clang-apply-replacements ;;
+    default-jdk-headless) echo 'a JDK from 17 up' ;;
+    dpkg-dev) echo dpkg-shlibdeps ;;
+    g++-aarch64-linux-gnu) echo aarch64-linux-gnu-g++ ;;
+    gnuplot-nox) echo gnuplot ;;
+    googletest) echo /usr/src/googletest/googletest/src/gtest-all.cc ;;
+    junit5) echo /usr/share/java/junit-platform-console-standalone.jar ;;
+    libbenchmark-dev) echo '<benchmark/benchmark.h>' ;;
+    libclang-rt-14-dev) echo '/usr/lib*/clang/*/lib/*/libclang_rt.fuzzer*.a' ;;
+    libgtest-dev) echo '<gtest/gtest.h>' ;;
+    libp11-kit-dev) echo '<p11-kit/pkcs11.h>' ;;
+    ninja-build) echo ninja ;;
+    opensc) echo pkcs11-tool ;;
+    qemu-user) echo qemu-aarch64 ;;
+    softhsm2) echo softhsm2-util ;;
+    *) echo "$1" ;;
+  esac
+}
+
+is_there() {
+  case $1 in
+    '<'*) c++ -I/usr/include/p11-kit-1 -E -x c++ - <<<"#include $1" ;;
+    /*) compgen -G "$1" ;;
+    *) command -v "$1" ;;
+  esac >/dev/null 2>&1
+}
 
 need() {
-  local package missing=() apt=()
-  if ! command -v dpkg-query >/dev/null; then
-    echo "Not a Debian system: the Debian packages $* cannot be installed." >&2
-    return 1
-  fi
+  local package what missing=() names=() apt=()
   for package in "$@"; do
-    if [ "$(dpkg-query --show --showformat='${db:Status-Status}' "$package" 2>/dev/null)" != installed ]; then
+    what=$(evidence "$package")
+    if ! is_there "$what"; then
       missing+=("$package")
+      names+=("$what (Debian's $package)")
     fi
   done
   if [ ${#missing[@]} -eq 0 ]; then
     return
+  fi
+  if ! command -v dpkg >/dev/null; then
+    echo "Missing, and this is no Debian system to install it on:" >&2
+    printf '  %s\n' "${names[@]}" >&2
+    return 1
   fi
   if [ "$(id -u)" -ne 0 ]; then
     if ! command -v sudo >/dev/null; then
@@ -48,4 +83,23 @@ find_jdk() { find_jdks | awk 'NR == 1'; }
 
 need_jdk() {
   if [ ! "$(find_jdk)" ]; then need default-jdk-headless; fi
+}
+
+# Prints the path of the software token's module.
+find_softhsm() {
+  { compgen -G '/usr/lib*/softhsm/libsofthsm2.so' || compgen -G '/usr/lib*/pkcs11/libsofthsm2.so'; } | sed -n 1p
+}
+
+step() { printf '\n==> %s\n' "$*"; }
+
+# Says nothing but on failure.
+quietly() {
+  local log
+  log=$(mktemp)
+  if ! "$@" >"$log" 2>&1; then
+    cat "$log"
+    echo "failed: $*"
+    return 1
+  fi
+  rm "$log"
 }

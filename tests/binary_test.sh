@@ -1,9 +1,11 @@
 #!/bin/sh
 # Reads from the shared object itself that it exports its entry points and nothing else, needs libc and nothing
-# else, and is hardened.
+# else, and is hardened. With a version of glibc, that this one is enough.
 set -u
 library=$1
 header=$2
+glibc=${3:-}
+objdump=${OBJDUMP:-objdump}
 failed=0
 
 expect() { # what, and a command that succeeds if it holds
@@ -24,8 +26,9 @@ exported=$(nm -D --defined-only "$library" | awk '{print $3}' | sort)
 declared=$(grep -o 'Java_[A-Za-z_]*' "$header" | sort)
 expect "the exports are the natives of the Java class: 49" [ "$(echo "$exported" | wc -l)" = 49 ]
 expect "each has its declared name" [ "$exported" = "$declared" ]
-# The loader is part of libc.
-needed=$(readelf -d "$library" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | grep -v '^ld-linux' | tr '\n' ' ')
+# The loader is part of libc, and so are libdl and libpthread, which older ones have apart.
+needed=$(readelf -d "$library" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' |
+  grep -v -e '^ld-linux' -e '^libdl\.so\.2$' -e '^libpthread\.so\.0$' | tr '\n' ' ')
 expect "only libc is needed" [ "$needed" = "libc.so.6 " ]
 expect "no search path is built in" silent 'R.*PATH' readelf -d "$library"
 expect "relocations are read-only" says GNU_RELRO readelf -lW "$library"
@@ -35,11 +38,17 @@ expect "the stack is not executable" says 'GNU_STACK.* RW ' readelf -lW "$librar
 expect "the stack is protected" says __stack_chk_fail nm -D "$library"
 expect "prints are checked" says '__v.*printf_chk' nm -D "$library"
 expect "nothing runs at exit" silent 'atexit' nm -D "$library"
-case $(uname -m) in
-  x86_64)
-    entry=Java_com_calvenhor_vork_utils_Smartcard_signDLL
-    first=$(objdump -d --no-show-raw-insn "$library" | grep -A1 "<$entry>:" | tail -n 1)
-    expect "entry points are landing places for indirect calls" says endbr64 echo "$first"
-    ;;
+case $(readelf -h "$library") in
+  *X86-64*) landing=endbr64 ;;
+  *AArch64*) landing='bti\|paciasp' ;;
+  *) landing= ;;
 esac
+address=0x$(nm -D "$library" | sed -n 's/ T Java_.*_signDLL$//p')
+first=$("$objdump" -d --no-show-raw-insn --start-address="$address" --stop-address=$((address + 4)) "$library" | tail -n 1)
+expect "entry points are landing places for indirect calls" says "$landing" echo "$first"
+needed=$(readelf -V "$library" | grep -o 'GLIBC_[0-9.]*' | sort -Vu | tail -n 1)
+if [ "$glibc" ]; then
+  expect "GLIBC_$glibc is enough" [ "$(printf '%s\n' "$needed" "GLIBC_$glibc" | sort -V | tail -n 1)" = "GLIBC_$glibc" ]
+fi
+[ $failed != 0 ] || echo "$library needs $needed"
 exit $failed

@@ -86,7 +86,7 @@ package com.calvenhor.vork.utils;
  */
 public final class Smartcard {
     static {
-        System.loadLibrary("smartcard");
+        NativeLibrary.load();
     }
 
     private Smartcard() {

@@ -1,0 +1,74 @@
+package com.calvenhor.vork.utils;
+
+import java.io.File;
+import java.io.IOException;
+import java.io.InputStream;
+import java.io.OutputStream;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.nio.file.attribute.PosixFilePermissions;
+import java.util.ArrayList;
+import java.util.List;
+import java.util.Locale;
+
+/**
+ * Loads the native library: the one that the property {@code smartcard.library} names, and then no other, so that a
+ * stale one cannot win; without the property the jar's for this system, else one on {@code java.library.path}.
+ */
+final class NativeLibrary {
+    private interface Source {
+        void load() throws IOException;
+    }
+
+    private final List<String> failures = new ArrayList<>();
+
+    private NativeLibrary() {
+    }
+
+    /** Called once, by the class whose native methods it is for; names in its error each place that was tried. */
+    static void load() {
+        NativeLibrary library = new NativeLibrary();
+        String path = System.getProperty("smartcard.library");
+        boolean loaded = path != null
+                ? library.loadsFrom("smartcard.library=" + path, () -> System.load(new File(path).getAbsolutePath()))
+                : library.loadsFrom("the jar", NativeLibrary::loadFromJar)
+                        || library.loadsFrom("java.library.path", () -> System.loadLibrary("smartcard"));
+        if (!loaded) {
+            throw new UnsatisfiedLinkError("libsmartcard.so cannot be loaded; -Dsmartcard.library=PATH names the one to"
+                    + " take. Tried: " + String.join("; ", library.failures));
+        }
+    }
+
+    private boolean loadsFrom(String place, Source source) {
+        try {
+            source.load();
+            return true;
+        } catch (UnsatisfiedLinkError e) {
+            failures.add(place + ": " + e.getMessage());
+        } catch (IOException | RuntimeException e) { // no access to native code from Java is one of these
+            failures.add(place + ": " + e);
+        }
+        return false;
+    }
+
+    private static void loadFromJar() throws IOException {
+        String architecture = System.getProperty("os.arch").replace("amd64", "x86_64");
+        String system = System.getProperty("os.name").toLowerCase(Locale.ROOT) + "-" + architecture;
+        try (InputStream library = NativeLibrary.class.getResourceAsStream(system + "/libsmartcard.so")) {
+            if (library == null) {
+                throw new UnsatisfiedLinkError("it has no library for " + system);
+            }
+            Path copy = Files.createTempFile("libsmartcard", ".so",
+                    PosixFilePermissions.asFileAttribute(PosixFilePermissions.fromString("rw-------")));
+            try {
+                // Files.copy would replace the file by one that anybody may read.
+                try (OutputStream file = Files.newOutputStream(copy)) {
+                    library.transferTo(file);
+                }
+                System.load(copy.toString());
+            } finally {
+                copy.toFile().delete(); // what is loaded stays so, also where this cannot be
+            }
+        }
+    }
+}

@@ -1,0 +1,21 @@
+# For cpack: makes a package of a folder with its files. The environment gives PACKAGE, VERSION, ARCHITECTURE, FOLDER
+# and DEPENDS.
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME $ENV{PACKAGE})
+set(CPACK_PACKAGE_VERSION $ENV{VERSION})
+set(CPACK_PACKAGE_FILE_NAME $ENV{PACKAGE})
+set(CPACK_PACKAGE_CONTACT "The libsmartcard team <libsmartcard@calvenhor.invalid>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "smart cards for Java, by PKCS#11 modules")
+set(CPACK_PACKAGE_DESCRIPTION "A Java class with native methods for smart cards and USB tokens, which it\n\
+ uses through the PKCS#11 module of the card's vendor.")
+set(CPACK_INSTALLED_DIRECTORIES "$ENV{FOLDER};.")
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
+set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE $ENV{ARCHITECTURE})
+set(CPACK_DEBIAN_PACKAGE_DEPENDS $ENV{DEPENDS})
+set(CPACK_DEBIAN_PACKAGE_SECTION java)
+set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
+if(NOT CPACK_DEBIAN_PACKAGE_ARCHITECTURE STREQUAL "all")
+  string(APPEND CPACK_PACKAGE_DESCRIPTION_SUMMARY " (native library)")
+  set(CPACK_DEBIAN_PACKAGE_MULTIARCH same)
+endif()

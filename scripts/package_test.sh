@@ -1,0 +1,99 @@
+# shellcheck shell=bash
+# Sourced by ./package: tests what is in dist/, wherever it is to run.
+
+tests=$root/build/package/test
+module=com.calvenhor.vork.utils
+jar=$root/dist/smartcard-$version.jar
+rm -rf "$tests"
+mkdir -p "$tests/libraries" "$tests/examples" "$tests/tokens"
+
+export SOFTHSM2_CONF=$tests/softhsm2.conf
+printf 'directories.tokendir = %s\nlog.level = ERROR\n' "$tests/tokens" >"$SOFTHSM2_CONF"
+
+# Runs the signing example in a virtual machine, and tells how that ended.
+signs() { # what this shows, the token's module, and the command that runs it
+  local what=$1 softhsm=$2
+  shift 2
+  if ! "$@" --fresh "$softhsm" "$root/README.md" >"$tests/log" 2>&1; then
+    cat "$tests/log"
+    echo "failed: $what: $*"
+    return 1
+  fi
+  echo "$what: $(grep -a -o 'The file verifies\.' "$tests/log")"
+}
+
+step "Look at the libraries"
+glibc=2.25
+if [ "$own_libc" ]; then glibc=; fi
+(cd "$tests/libraries" && "$JAVA_HOME/bin/jar" --extract --file "$jar")
+for arch in "${!debian[@]}"; do
+  library=$tests/libraries/${module//.//}/linux-$arch/libsmartcard.so
+  OBJDUMP=$arch-linux-gnu-objdump sh tests/binary_test.sh "$library" \
+    "$root/build/package/one/$arch/java/CMakeFiles/smartcard_jar.dir/native_headers/${module//./_}_Smartcard.h" \
+    ${glibc:+"$glibc"}
+  dpkg-deb --fsys-tarfile "dist/libsmartcard-jni_${version}_${debian[$arch]}.deb" |
+    tar --extract --to-stdout "./usr/lib/$arch-linux-gnu/jni/libsmartcard.so" | cmp - "$library"
+  tar --extract --to-stdout --file "dist/smartcard-$version-linux-$arch.tar.gz" \
+    "smartcard-$version-linux-$arch/libsmartcard.so" | cmp - "$library"
+done
+
+step "Run the jar on every JDK: on the class path, as a module, linked into an image"
+"$JAVA_HOME/bin/javac" --release 17 -Xlint:all -Werror -cp "$jar" -d "$tests/examples" examples/*.java
+printf 'Main-Class: SignDocument\nClass-Path: file:%s\nEnable-Native-Access: ALL-UNNAMED\n' "$jar" >"$tests/manifest"
+"$JAVA_HOME/bin/jar" --create --file "$tests/application.jar" --manifest "$tests/manifest" -C "$tests/examples" .
+softhsm=$(find_softhsm)
+classes=$jar:$tests/examples
+while read -r jdk feature; do
+  class_path=() module_path=()
+  if [ "$feature" -ge 24 ]; then
+    class_path=(--illegal-native-access=deny --enable-native-access=ALL-UNNAMED)
+    module_path=(--illegal-native-access=deny --enable-native-access="$module")
+    if signs none "$softhsm" "$jdk/bin/java" --illegal-native-access=deny -cp "$classes" SignDocument >/dev/null; then
+      echo "JDK $feature let the library in although nobody allowed it"
+      false
+    fi
+  fi
+  signs "JDK $feature, class path" "$softhsm" "$jdk/bin/java" "${class_path[@]}" -cp "$classes" SignDocument
+  signs "JDK $feature, module path" "$softhsm" "$jdk/bin/java" "${module_path[@]}" -p "$jar" --add-modules "$module" \
+    -cp "$tests/examples" SignDocument
+  signs "JDK $feature, executable jar" "$softhsm" "$jdk/bin/java" "${class_path[@]:0:1}" -jar "$tests/application.jar"
+  "$jdk/bin/jlink" --module-path "$jar" --add-modules "$module" --output "$tests/image-$feature"
+  signs "JDK $feature, image" "$softhsm" "$tests/image-$feature/bin/java" "${module_path[@]}" -cp "$tests/examples" \
+    SignDocument
+done < <(find_jdks)
+
+step "Install the Debian packages into a fresh Debian 12"
+lintian --allow-root --fail-on error dist/*.deb
+cat >"$tests/in_debian12" <<TEXT
+set -e
+cp -r "$root"/dist/*_all.deb "$root"/dist/*_amd64.deb "$tests/examples" "\$1/tmp"
+chroot "\$1" sh -c 'apt-get install --yes --no-install-recommends default-jre-headless softhsm2 /tmp/*.deb'
+chroot "\$1" env SOFTHSM2_CONF=/etc/softhsm/softhsm2.conf java -cp /usr/share/java/smartcard.jar:/tmp/examples \\
+  SignDocument --fresh /usr/lib/softhsm/libsofthsm2.so /etc/os-release >"$tests/log"
+TEXT
+quietly mmdebstrap --variant=apt --customize-hook="sh '$tests/in_debian12' \"\$1\"" bookworm /dev/null \
+  http://deb.debian.org/debian
+echo "Debian 12, no option: $(grep -a -o 'The file verifies\.' "$tests/log")"
+
+if [ "$own_libc" ]; then
+  echo "Without Debian 11 there is no older system to load the libraries in, and no virtual machine for aarch64."
+  return
+fi
+
+step "Load both libraries in Debian 11, the one for aarch64 in qemu"
+mkdir -p "$roots/amd64$root"
+# shellcheck disable=SC2016
+signs "x86_64" /usr/lib/softhsm/libsofthsm2.so unshare --map-root-user --mount sh -c 'mount --rbind /proc "$0/proc" &&
+  mount --rbind "$1" "$0$1" && shift && exec chroot "$0" "$@"' "$roots/amd64" "$root" \
+  /usr/lib/jvm/java-17-openjdk-amd64/bin/java -cp "$classes" SignDocument
+java=(qemu-aarch64 -L "$roots/arm64" "$roots/arm64/usr/lib/jvm/java-17-openjdk-arm64/bin/java")
+signs "aarch64" "$roots/arm64/usr/lib/softhsm/libsofthsm2.so" "${java[@]}" -cp "$classes" SignDocument
+
+step "Run the native tests and those of the mock module on aarch64, in qemu"
+build=$root/build/package/one/aarch64
+quietly cmake --build "$build"
+ctest --test-dir "$build" --parallel "$(nproc)" --output-on-failure | tail -n 4
+"${java[@]}" -XX:+UseSerialGC -XX:+AlwaysPreTouch -Xms64m -Xmx64m \
+  -cp "$jar:$build/tests/java/java_tests.jar:/usr/share/java/junit-platform-console-standalone.jar" \
+  "-Dmock=$build/tests/libmock_pkcs11.so" "-Dother=$build/tests/libother_pkcs11.so" \
+  org.junit.platform.console.ConsoleLauncher --disable-banner --disable-ansi-colors --select-class MockTest | tail -n 14

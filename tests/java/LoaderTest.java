@@ -1,0 +1,132 @@
+import static org.junit.jupiter.api.Assertions.*;
+
+import com.calvenhor.vork.utils.Smartcard;
+import java.io.File;
+import java.io.IOException;
+import java.nio.file.FileSystemException;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.nio.file.StandardCopyOption;
+import java.nio.file.attribute.PosixFilePermissions;
+import java.util.ArrayList;
+import java.util.List;
+import org.junit.jupiter.api.Assumptions;
+import org.junit.jupiter.api.BeforeEach;
+import org.junit.jupiter.api.Test;
+import org.junit.jupiter.api.io.TempDir;
+
+/** Where the library comes from, each time in a virtual machine of its own: a class is initialised once. */
+class LoaderTest {
+    private static final String FOLDER = System.getProperty("java.library.path");
+    private static final String LIBRARY = FOLDER + "/libsmartcard.so";
+    private static final String ON_LIBRARY_PATH = "-Djava.library.path=" + FOLDER;
+    private static final String NOT_ON_LIBRARY_PATH = "-Djava.library.path=/nowhere";
+
+    @TempDir
+    private Path jar; // a folder on the class path
+    @TempDir
+    private Path temporary;
+
+    /** Loads it, and tells the file that is mapped then and its mode, or why there is none. */
+    public static void main(String[] arguments) throws IOException {
+        try {
+            Smartcard.getSlotCountDLL();
+        } catch (UnsatisfiedLinkError e) {
+            System.out.print(e.getMessage());
+            return;
+        }
+        String[] mapping = Files.readAllLines(Path.of("/proc/self/maps")).stream()
+                .filter(line -> line.contains("libsmartcard")).findFirst().orElseThrow().split(" +", 6);
+        String mode;
+        try {
+            mode = PosixFilePermissions.toString(
+                    Files.getPosixFilePermissions(Path.of("/proc/self/map_files", mapping[0])));
+        } catch (FileSystemException e) { // only root may look
+            mode = "unknown";
+        }
+        System.out.print(mapping[5] + " " + mode);
+    }
+
+    @BeforeEach
+    void fillJar() throws IOException {
+        Files.copy(Path.of(LIBRARY), inJar());
+    }
+
+    private Path inJar() throws IOException {
+        String architecture = System.getProperty("os.arch").replace("amd64", "x86_64");
+        Path folder = jar.resolve("com/calvenhor/vork/utils/linux-" + architecture);
+        return Files.createDirectories(folder).resolve("libsmartcard.so");
+    }
+
+    private String load(String... options) throws Exception {
+        return load(List.of(), options);
+    }
+
+    private String load(List<String> wrapper, String... options) throws Exception {
+        List<String> command = new ArrayList<>(wrapper);
+        command.addAll(List.of(System.getProperty("java.home") + "/bin/java", "-Djava.io.tmpdir=" + temporary));
+        command.addAll(List.of(options));
+        command.addAll(List.of("-cp", jar + File.pathSeparator + System.getProperty("java.class.path"), "LoaderTest"));
+        Process java = new ProcessBuilder(command).redirectError(ProcessBuilder.Redirect.DISCARD).start();
+        String answer = new String(java.getInputStream().readAllBytes());
+        assertEquals(0, java.waitFor(), answer);
+        try (var files = Files.list(temporary)) {
+            assertEquals(List.of(), files.toList(), answer);
+        }
+        return answer;
+    }
+
+    /** The message holds all of these, in this order. */
+    private static void assertFailed(String message, String... parts) {
+        int from = 0;
+        for (String part : parts) {
+            from = message.indexOf(part, from);
+            assertTrue(from >= 0, part + " is not in its place in: " + message);
+        }
+    }
+
+    @Test
+    void propertyNamesTheOnlyOne() throws Exception {
+        Files.writeString(inJar(), "no library");
+        assertTrue(load("-Dsmartcard.library=" + LIBRARY, NOT_ON_LIBRARY_PATH).startsWith(LIBRARY));
+
+        Files.copy(Path.of(LIBRARY), inJar(), StandardCopyOption.REPLACE_EXISTING);
+        String message = load("-Dsmartcard.library=/nowhere/mine.so", ON_LIBRARY_PATH);
+        assertFailed(message, "-Dsmartcard.library=PATH", "smartcard.library=/nowhere/mine.so: ");
+        assertFalse(message.contains("jar:") || message.contains("java.library.path"), message);
+    }
+
+    @Test
+    void jarsIsAPrivateCopyThatIsGone() throws Exception {
+        String loaded = load(ON_LIBRARY_PATH);
+        assertTrue(loaded.matches(temporary + "/libsmartcard\\d+\\.so \\(deleted\\) (rw-------|unknown)"), loaded);
+    }
+
+    @Test
+    void libraryPathIsLast() throws Exception {
+        Files.writeString(inJar(), "no library");
+        assertTrue(load(ON_LIBRARY_PATH).startsWith(LIBRARY));
+        assertTrue(load(ON_LIBRARY_PATH, "-Dos.arch=riscv64").startsWith(LIBRARY));
+    }
+
+    @Test
+    void failureNamesWhatWasTried() throws Exception {
+        assertFailed(load(NOT_ON_LIBRARY_PATH, "-Dos.arch=riscv64"), "-Dsmartcard.library=PATH",
+                "the jar: it has no library for linux-riscv64", "java.library.path: ", "/nowhere");
+        assertFailed(load(NOT_ON_LIBRARY_PATH, "-Djava.io.tmpdir=/nowhere/tmp"), "-Dsmartcard.library=PATH",
+                "the jar: ", "NoSuchFile", "/nowhere/tmp", "java.library.path: ");
+        Files.writeString(inJar(), "no library");
+        assertFailed(load(NOT_ON_LIBRARY_PATH), "the jar: " + temporary, "java.library.path: ", "/nowhere");
+    }
+
+    @Test
+    void temporaryFolderWithoutExecution() throws Exception {
+        List<String> namespace = List.of("unshare", "--map-root-user", "--mount");
+        List<String> probe = new ArrayList<>(namespace);
+        probe.add("true");
+        Assumptions.assumeTrue(new ProcessBuilder(probe).start().waitFor() == 0, "no namespaces for this user");
+        List<String> wrapper = new ArrayList<>(namespace);
+        wrapper.addAll(List.of("sh", "-c", "mount -t tmpfs -o noexec tmpfs " + temporary + " && exec \"$@\"", "sh"));
+        assertFailed(load(wrapper, NOT_ON_LIBRARY_PATH), "the jar: " + temporary, "failed to map segment");
+    }
+}
