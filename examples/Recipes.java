@@ -24,7 +24,7 @@ import java.util.HexFormat;
 import java.util.List;
 import java.util.function.LongConsumer;
 
-/** The snippets of README.md and docs/using.md, which DocsTest compares with these and runs. */
+/** The snippets of README.md and docs/, which DocsTest compares with these and runs. */
 final class Recipes {
     private Recipes() {
     }
@@ -198,6 +198,19 @@ final class Recipes {
             logIn(slot, pin);
         }
         return slot;
+    }
+
+    static byte[] signInAnotherProcess(String client, long slot, String pin, byte[] digestInfo, byte[] keyId)
+            throws IOException {
+        byte[] signature = Smartcard.signWithIDDLL(slot, digestInfo, keyId);
+        if (Smartcard.isSessionOpenDLL(slot) == 0x30) { // the process is gone
+            Smartcard.finalizeDLL();
+            Smartcard.initDLL(client);
+            Smartcard.openSessionDLL(slot);
+            if (Smartcard.loginDLL(slot, pin, 1) != 0) throw new IOException("module"); // any of the four shows here
+            signature = Smartcard.signWithIDDLL(slot, digestInfo, keyId);
+        }
+        return signature;
     }
 
     static final class Binding implements AutoCloseable {

@@ -45,6 +45,10 @@ class DocsTest {
         return Pattern.compile(pattern, Pattern.MULTILINE).matcher(text).results().toList();
     }
 
+    private static List<String> texts(String pattern, String text) {
+        return matches(pattern, text).stream().map(MatchResult::group).toList();
+    }
+
     private static String squeezed(String text) {
         return text.strip().replaceAll("\\s+", " ");
     }
@@ -70,7 +74,7 @@ class DocsTest {
             String text = Files.readString(page);
             matches("^```java\n((?s:.*?))^```$", text).forEach(snippet ->
                     assertTrue(recipes.contains(squeezed(snippet.group(1))), page + ": " + snippet.group()));
-            assertFalse(text.replaceAll("(?ms)^```java$.*?^```$", "").matches("(?s).*\n {4}[^\n]*[;{]\n.*"),
+            assertFalse(text.replaceAll("(?ms)^```java$.*?^```$", "").matches("(?s).*\n {4}[^\n]*;\n.*"),
                     () -> page + ": Java that is not marked as such");
         }
         String calls = recipes + read("tests/java/DocsTest.java");
@@ -96,19 +100,18 @@ class DocsTest {
         assertEquals(matches("native (\\S+) (\\w+)\\(([^)]*)\\);", source).stream().map(method -> "| `" + method.group(2)
                 + "` | " + (method.group(3).isEmpty() ? "" : '`' + squeezed(method.group(3)) + "` ") + "| `"
                 + method.group(1) + "`").toList(),
-                matches("^\\| `\\w+DLL` \\| .*?\\| `.*?`", page).stream().map(MatchResult::group).toList());
+                texts("^\\| `\\w+DLL` \\| .*?\\| `.*?`", page));
 
         Map<String, Set<String>> recorded = new HashMap<>();
         try (Stream<Path> transcripts = Files.list(ROOT.resolve("tests/transcripts"))) {
             for (Path transcript : transcripts.toList()) {
                 matches("^> (\\w+).*\n((?: .*\n)*)", Files.readString(transcript)).forEach(call -> recorded
-                        .computeIfAbsent(call.group(1) + "DLL", name -> new TreeSet<>())
+                        .computeIfAbsent(call.group(1) + "DLL", name -> new HashSet<>())
                         .addAll(matches("\\bC_\\w+(?=\\()", call.group(2)).stream().map(MatchResult::group).toList()));
             }
         }
         assertEquals(recorded, matches("^\\| `(\\w+DLL)` .*\\|(.*)\\|$", page).stream().collect(Collectors.toMap(
-                row -> row.group(1), row -> matches("C_\\w+", row.group(2)).stream().map(MatchResult::group)
-                        .collect(Collectors.toCollection(TreeSet::new)))));
+                row -> row.group(1), row -> Set.copyOf(texts("C_\\w+", row.group(2))))));
 
         String library = Files.readString(LIBRARY, StandardCharsets.ISO_8859_1);
         String prefix = matches("`(Java_\\w+_)`", page).get(0).group(1);
@@ -117,7 +120,7 @@ class DocsTest {
         assertEquals(LongStream.range(0, 0x400).filter(code -> SmartcardException.nameOf(code).startsWith("CKR_"))
                 .mapToObj(code -> String.format("| 0x%02X | %02X | `%s` |", code, code & 0xFF,
                         SmartcardException.nameOf(code))).toList(),
-                matches("^\\| 0x.*?`CKR_\\w+` \\|", page).stream().map(MatchResult::group).toList());
+                texts("^\\| 0x.*?`CKR_\\w+` \\|", page));
     }
 
     // ---- The recipes ----
@@ -144,6 +147,8 @@ class DocsTest {
         Recipes.Entry signer = Recipes.certificates(slot).get(0);
         assertArrayEquals(id, signer.id());
         byte[] signature = Recipes.sign(slot, signer, DOCUMENT);
+        assertArrayEquals(signature,
+                Recipes.signInAnotherProcess(MODULE, slot, PIN, Recipes.digestInfo(DOCUMENT), id));
 
         byte[] serialNumber = Smartcard.readCardSerialNumberDLL(slot);
         Path token = tokens.resolve(tokens.toFile().list()[0]);
