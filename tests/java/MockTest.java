@@ -45,6 +45,9 @@ class MockTest {
     /** Such as 0x100, CKF_PROTECTED_AUTHENTICATION_PATH. */
     static native void setTokenFlags(long flags);
 
+    /** Puts the card into the first slot, or takes it out, which ends its sessions. */
+    static native void setCard(boolean there);
+
     /** Forgets what was called, and tells by which functions, with a blank between two. */
     static native String takeCalls();
 

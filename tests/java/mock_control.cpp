@@ -21,6 +21,14 @@ JNIEXPORT void JNICALL Java_MockTest_setTokenFlags(JNIEnv*, jclass, jlong flags)
   mockModule()->slots[0].token.flags = static_cast<CK_FLAGS>(flags);
 }
 
+JNIEXPORT void JNICALL Java_MockTest_setCard(JNIEnv*, jclass, jboolean there) {
+  mock::Slot& slot = mockModule()->slots[0];
+  slot.info.flags = there ? CKF_TOKEN_PRESENT : 0;
+  if (there) return;
+  std::erase_if(mockModule()->sessions, [&](const auto& session) { return session.slot == &slot; });
+  slot.login.reset();
+}
+
 JNIEXPORT void JNICALL Java_MockTest_addSlot(JNIEnv*, jclass) {
   mock::Slot second(0x22, CKF_TOKEN_PRESENT);
   second.userPin = "2";

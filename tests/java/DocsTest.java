@@ -1,0 +1,252 @@
+import static org.junit.jupiter.api.Assertions.*;
+
+import com.calvenhor.vork.utils.Smartcard;
+import com.calvenhor.vork.utils.SmartcardException;
+import java.io.IOException;
+import java.net.URL;
+import java.net.URLClassLoader;
+import java.nio.charset.StandardCharsets;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.util.*;
+import java.util.concurrent.*;
+import java.util.regex.MatchResult;
+import java.util.regex.Pattern;
+import java.util.stream.Collectors;
+import java.util.stream.LongStream;
+import java.util.stream.Stream;
+import org.junit.jupiter.api.Test;
+import org.junit.jupiter.api.function.Executable;
+import org.junit.jupiter.api.io.TempDir;
+
+/** README.md and docs/: what they link to is there, and what they say and show is so. */
+class DocsTest {
+    private static final Path ROOT = Path.of(System.getProperty("root"));
+    private static final String MODULE = System.getProperty("softhsm2");
+    private static final String MOCK = System.getProperty("mock");
+    private static final Path LIBRARY = Path.of(System.getProperty("java.library.path"), "libsmartcard.so");
+    private static final String JDK = System.getProperty("java.home") + "/bin/";
+    private static final String PIN = "123456";
+    private static final byte[] DOCUMENT = "a document".getBytes();
+
+    // ---- The pages ----
+
+    private static List<Path> pages() throws IOException {
+        try (Stream<Path> docs = Files.list(ROOT.resolve("docs"))) {
+            return Stream.concat(Stream.of(ROOT.resolve("README.md")), docs).toList();
+        }
+    }
+
+    private static String read(String file) throws IOException {
+        return Files.readString(ROOT.resolve(file));
+    }
+
+    private static List<MatchResult> matches(String pattern, String text) {
+        return Pattern.compile(pattern, Pattern.MULTILINE).matcher(text).results().toList();
+    }
+
+    private static List<String> texts(String pattern, String text) {
+        return matches(pattern, text).stream().map(MatchResult::group).toList();
+    }
+
+    private static String squeezed(String text) {
+        return text.strip().replaceAll("\\s+", " ");
+    }
+
+    @Test
+    void linksLeadSomewhere() throws Exception {
+        for (Path page : pages()) {
+            for (MatchResult link : matches("\\]\\((?!https?:)([^)#]*)#?([^)]*)\\)", Files.readString(page))) {
+                Path target = link.group(1).isEmpty() ? page : page.resolveSibling(link.group(1));
+                assertTrue(Files.exists(target), page + ": " + link.group());
+                assertTrue(link.group(2).isEmpty() || matches("^#+ (.*)$", Files.readString(target)).stream()
+                        .map(heading -> heading.group(1).toLowerCase().replaceAll("[^\\w -]", "").replace(' ', '-'))
+                        .anyMatch(link.group(2)::equals), page + ": " + link.group());
+            }
+        }
+    }
+
+    /** The snippets stand in Recipes, and nothing stands there that nobody calls. */
+    @Test
+    void snippetsAreRecipes() throws Exception {
+        String recipes = squeezed(read("examples/Recipes.java"));
+        for (Path page : pages()) {
+            String text = Files.readString(page);
+            matches("^```java\n((?s:.*?))^```$", text).forEach(snippet ->
+                    assertTrue(recipes.contains(squeezed(snippet.group(1))), page + ": " + snippet.group()));
+            assertFalse(text.replaceAll("(?ms)^```java$.*?^```$", "").matches("(?s).*\n {4}[^\n]*;\n.*"),
+                    () -> page + ": Java that is not marked as such");
+        }
+        String calls = recipes + read("tests/java/DocsTest.java");
+        matches("\\bstatic \\S+ ((?!main)\\w+)\\(", read("examples/Recipes.java")).forEach(method -> assertTrue(
+                matches("[ .(]" + method.group(1) + "\\(", calls).size() > 1, method.group()));
+    }
+
+    @Test
+    void rulesStandWhereTheTableSays() throws Exception {
+        List<MatchResult> rules = matches("^\\| .* \\| (.*) in \\[.*\\]\\((.*)\\) \\|$", read("docs/architecture.md"));
+        assertFalse(rules.isEmpty());
+        for (MatchResult rule : rules) {
+            String file = read("docs/" + rule.group(2));
+            matches("`(\\w+)`", rule.group(1)).forEach(name ->
+                    assertFalse(matches("\\b" + name.group(1) + "\\b", file).isEmpty(), rule.group()));
+        }
+    }
+
+    @Test
+    void entryPointsAreTheClasses() throws Exception {
+        String page = read("docs/entry-points.md");
+        String source = read("java/com/calvenhor/vork/utils/Smartcard.java");
+        assertEquals(matches("native (\\S+) (\\w+)\\(([^)]*)\\);", source).stream().map(method -> "| `" + method.group(2)
+                + "` | " + (method.group(3).isEmpty() ? "" : '`' + squeezed(method.group(3)) + "` ") + "| `"
+                + method.group(1) + "`").toList(),
+                texts("^\\| `\\w+DLL` \\| .*?\\| `.*?`", page));
+
+        Map<String, Set<String>> recorded = new HashMap<>();
+        try (Stream<Path> transcripts = Files.list(ROOT.resolve("tests/transcripts"))) {
+            for (Path transcript : transcripts.toList()) {
+                matches("^> (\\w+).*\n((?: .*\n)*)", Files.readString(transcript)).forEach(call -> recorded
+                        .computeIfAbsent(call.group(1) + "DLL", name -> new HashSet<>())
+                        .addAll(matches("\\bC_\\w+(?=\\()", call.group(2)).stream().map(MatchResult::group).toList()));
+            }
+        }
+        assertEquals(recorded, matches("^\\| `(\\w+DLL)` .*\\|(.*)\\|$", page).stream().collect(Collectors.toMap(
+                row -> row.group(1), row -> Set.copyOf(texts("C_\\w+", row.group(2))))));
+
+        String library = Files.readString(LIBRARY, StandardCharsets.ISO_8859_1);
+        String prefix = matches("`(Java_\\w+_)`", page).get(0).group(1);
+        recorded.keySet().forEach(name -> assertTrue(library.contains('\0' + prefix + name + '\0'), name));
+
+        assertEquals(LongStream.range(0, 0x400).filter(code -> SmartcardException.nameOf(code).startsWith("CKR_"))
+                .mapToObj(code -> String.format("| 0x%02X | %02X | `%s` |", code, code & 0xFF,
+                        SmartcardException.nameOf(code))).toList(),
+                texts("^\\| 0x.*?`CKR_\\w+` \\|", page));
+    }
+
+    // ---- The recipes ----
+
+    private static String run(String... command) throws Exception {
+        Process process = new ProcessBuilder(command).redirectError(ProcessBuilder.Redirect.DISCARD).start();
+        String output = new String(process.getInputStream().readAllBytes());
+        assertEquals(0, process.waitFor(), output);
+        return output;
+    }
+
+    @Test
+    void recipesOnASoftwareToken(@TempDir Path folder) throws Throwable {
+        Path tokens = Files.createDirectory(folder.resolve("tokens"));
+        Files.writeString(Path.of(System.getenv("SOFTHSM2_CONF")), "directories.tokendir = " + tokens + "\n");
+        Smartcard.finalizeDLL();
+        Smartcard.initDLL(MODULE);
+        long slot = Recipes.newToken(MODULE, 0, "12345678", PIN);
+        Recipes.logIn(slot, PIN);
+        Path file = folder.resolve("identity.p12");
+        run((JDK + "keytool -genkeypair -keyalg RSA -keysize 2048 -dname CN=Signer -alias signer -storepass changeit"
+                + " -keystore " + file).split(" "));
+        byte[] id = Recipes.importIdentity(slot, file, "changeit".toCharArray(), "signer", "Contracts".getBytes());
+        Recipes.Entry signer = Recipes.certificates(slot).get(0);
+        assertArrayEquals(id, signer.id());
+        byte[] signature = Recipes.sign(slot, signer, DOCUMENT);
+        assertArrayEquals(signature,
+                Recipes.signInAnotherProcess(MODULE, slot, PIN, Recipes.digestInfo(DOCUMENT), id));
+
+        byte[] serialNumber = Smartcard.readCardSerialNumberDLL(slot);
+        Path token = tokens.resolve(tokens.toFile().list()[0]);
+        assertWatched(MODULE, serialNumber, PIN, () -> {
+            Files.move(token, folder.resolve("away"));
+            assertAnswers(3);
+        }, () -> Files.move(folder.resolve("away"), token));
+
+        assertArrayEquals(signature, Recipes.asKeyStore(PIN.toCharArray(), DOCUMENT));
+        Smartcard.finalizeDLL();
+        assertArrayEquals(signature, Recipes.fromJava(PIN, Recipes.digestInfo(DOCUMENT), id));
+
+        assertEquals("YENIKART" + " ".repeat(24), run("bash", "-c", "\"$@\" 3>&1 1>&2", "bash", JDK + "java",
+                "-Djava.library.path=" + LIBRARY.getParent(), "-cp", System.getProperty("java.class.path"), "Recipes",
+                MODULE));
+    }
+
+    /** The mock's card asks for its PIN itself. */
+    @Test
+    void recipesWithAPinPad() throws Throwable {
+        Smartcard.finalizeDLL();
+        MockTest.reset();
+        MockTest.setTokenFlags(0x100); // CKF_PROTECTED_AUTHENTICATION_PATH
+        assertWatched(MOCK, "0123456789abcdef".getBytes(), "not asked for", () -> {
+            MockTest.setCard(false);
+            assertAnswers(2);
+        }, () -> MockTest.setCard(true));
+    }
+
+    /** What is answered while the card is out stands in a column of the table. */
+    private static void assertAnswers(int column) throws IOException {
+        assertEquals(matches("^\\| `\\w+DLL` \\| (\\S+) \\| (\\S+) \\|$", read("docs/using.md")).stream()
+                .map(row -> row.group(column - 1)).toList(),
+                Stream.of(Smartcard.getSlotInfoDLL(0), Smartcard.getTokenInfoDLL(0),
+                        Smartcard.readCardSerialNumberDLL(0), Smartcard.isSessionOpenDLL(0),
+                        Smartcard.openSessionDLL(0), Smartcard.loginDLL(0, PIN, 1),
+                        Smartcard.readAllCertificatesDLL(0), Smartcard.signWithIDDLL(0, DOCUMENT, DOCUMENT),
+                        Smartcard.writeAttributeCertificateDLL(0, DOCUMENT))
+                        .map(answer -> answer instanceof Long code ? String.format("0x%02X", code) : String.format(
+                                "{%02X}", answer instanceof byte[][] list ? list[0][0] : ((byte[]) answer)[0]))
+                        .toList());
+    }
+
+    private static void assertWatched(String module, byte[] serialNumber, String pin, Executable takeOut,
+            Executable putIn) throws Throwable {
+        BlockingQueue<Long> reports = new LinkedBlockingQueue<>();
+        FutureTask<Void> watcher = new FutureTask<>(() -> {
+            Recipes.watch(module, serialNumber, pin, reports::add);
+            return null;
+        });
+        Thread thread = new Thread(watcher);
+        thread.start();
+        for (Executable step : List.<Executable>of(() -> { }, takeOut, putIn)) {
+            synchronized (Smartcard.class) {
+                step.execute();
+            }
+            assertEquals(step == takeOut ? -1 : 0, reports.poll(20, TimeUnit.SECONDS));
+        }
+        assertEquals(3, Smartcard.getSessionInfoDLL(0)[0]); // CKS_RW_USER_FUNCTIONS
+        thread.interrupt();
+        assertThrows(ExecutionException.class, watcher::get);
+    }
+
+    /** Another class loader, as a web application that is deployed anew gets one. */
+    private static final class Loader extends URLClassLoader {
+        private final Path library;
+
+        Loader(Path library) {
+            super(new URL[] {Smartcard.class.getProtectionDomain().getCodeSource().getLocation()}, null);
+            this.library = library;
+        }
+
+        @Override
+        protected String findLibrary(String name) {
+            return library == null ? null : library.toString();
+        }
+
+        long initDLL() throws ReflectiveOperationException {
+            return (long) smartcard().getMethod("initDLL", String.class).invoke(null, MOCK);
+        }
+
+        Class<?> smartcard() throws ReflectiveOperationException {
+            return loadClass(Smartcard.class.getName());
+        }
+    }
+
+    @Test
+    void redeployed(@TempDir Path folder) throws Exception {
+        Smartcard.finalizeDLL();
+        Path copy = Files.copy(LIBRARY, folder.resolve("copy.so"));
+        Recipes.Binding first = new Recipes.Binding(MOCK);
+        try (Loader samePath = new Loader(null); Loader ownCopy = new Loader(copy)) {
+            assertTrue(assertThrows(UnsatisfiedLinkError.class, samePath::initDLL).getMessage()
+                    .contains("already loaded in another classloader"));
+            assertEquals(0x191, ownCopy.initDLL());
+            first.close();
+            assertEquals(0, ownCopy.initDLL());
+            ownCopy.smartcard().getMethod("finalizeDLL").invoke(null);
+        }
+    }
+}
