@@ -19,16 +19,24 @@ evidence() {
     libp11-kit-dev) echo '<p11-kit/pkcs11.h>' ;;
     ninja-build) echo ninja ;;
     opensc) echo pkcs11-tool ;;
+    p11-kit-modules) echo '/usr/lib*/pkcs11/p11-kit-client.so /usr/lib*/*/pkcs11/p11-kit-client.so' ;;
     qemu-user) echo qemu-aarch64 ;;
     softhsm2) echo softhsm2-util ;;
     *) echo "$1" ;;
   esac
 }
 
-is_there() {
+is_there() { # one of the commands, headers or files
+  local file files
   case $1 in
     '<'*) c++ -I/usr/include/p11-kit-1 -E -x c++ - <<<"#include $1" ;;
-    /*) compgen -G "$1" ;;
+    /*)
+      read -ra files <<<"$1"
+      for file in "${files[@]}"; do
+        if compgen -G "$file"; then return; fi
+      done
+      false
+      ;;
     *) command -v "$1" ;;
   esac >/dev/null 2>&1
 }
