@@ -164,7 +164,11 @@ public final class Smartcard {
 
     /**
      * Blocks until a token is put into some slot or taken out; which one is not told. Every other method waits
-     * meanwhile, {@link #finalizeDLL finalizeDLL} included.
+     * meanwhile, {@link #finalizeDLL finalizeDLL} included. Who wants to notice cards asks now and then instead:
+     * <pre>{@code
+     * long flags = Smartcard.getSlotInfoDLL(slotIndex); // -1 if it cannot be told
+     * boolean isThere = flags > 0 && (flags & 1) != 0;
+     * }</pre>
      *
      * @param ignored any value
      * @return 0 or the module's code; CKR_FUNCTION_NOT_SUPPORTED (0x54) from a module without slot events
