@@ -2,7 +2,15 @@
 # Sourced: makes the jars, the same bytes each time from the same sources, libraries and JDK.
 
 version=$(sed -n 's/^project(.* VERSION \([0-9.]*\) .*/\1/p' "$root/CMakeLists.txt")
-SOURCE_DATE_EPOCH=${SOURCE_DATE_EPOCH:-$(git -C "$root" log -1 --format=%ct 2>/dev/null || stat -c %Y "$root/CHANGELOG.md")}
+: "${version:?is not in CMakeLists.txt}"
+# The commit's time, or in an archive's sources theirs.
+if [ ! "${SOURCE_DATE_EPOCH:-}" ]; then
+  if [ -e "$root/.git" ] && command -v git >/dev/null; then
+    SOURCE_DATE_EPOCH=$(git -C "$root" log -1 --format=%ct)
+  else
+    SOURCE_DATE_EPOCH=$(stat -c %Y "$root/CHANGELOG.md")
+  fi
+fi
 export SOURCE_DATE_EPOCH
 
 # Makes a jar of a folder's files; a jar of the folder itself would keep the order in which the disk has them.
