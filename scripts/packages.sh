@@ -21,28 +21,34 @@ evidence() {
     opensc) echo pkcs11-tool ;;
     p11-kit-modules) echo '/usr/lib*/pkcs11/p11-kit-client.so /usr/lib*/*/pkcs11/p11-kit-client.so' ;;
     qemu-user) echo qemu-aarch64 ;;
-    softhsm2) echo softhsm2-util ;;
+    softhsm2) echo '/usr/lib*/softhsm/libsofthsm2.so /usr/lib*/pkcs11/libsofthsm2.so /usr/local/lib*/softhsm/libsofthsm2.so' ;;
     *) echo "$1" ;;
   esac
 }
 
+first_of() { # Prints the first file that one of the patterns matches.
+  local pattern patterns
+  read -ra patterns <<<"$1"
+  for pattern in "${patterns[@]}"; do
+    if compgen -G "$pattern"; then return; fi
+  done
+  false
+}
+
 is_there() { # one of the commands, headers or files
-  local file files
   case $1 in
     '<'*) c++ -I/usr/include/p11-kit-1 -E -x c++ - <<<"#include $1" ;;
-    /*)
-      read -ra files <<<"$1"
-      for file in "${files[@]}"; do
-        if compgen -G "$file"; then return; fi
-      done
-      false
-      ;;
+    /*) first_of "$1" ;;
     *) command -v "$1" ;;
   esac >/dev/null 2>&1
 }
 
+as_root() {
+  if [ "$(id -u)" -eq 0 ]; then "$@"; else sudo "$@"; fi
+}
+
 need() {
-  local package what missing=() names=() apt=()
+  local package what missing=() names=() apt=(as_root env DEBIAN_FRONTEND=noninteractive apt-get --quiet --quiet)
   for package in "$@"; do
     what=$(evidence "$package")
     if ! is_there "$what"; then
@@ -53,25 +59,19 @@ need() {
   if [ ${#missing[@]} -eq 0 ]; then
     return
   fi
-  if ! command -v dpkg >/dev/null; then
+  if ! command -v apt-get >/dev/null; then
     echo "Missing, and this is no Debian system to install it on:" >&2
-    printf '  %s\n' "${names[@]}" >&2
-    return 1
-  fi
-  if [ "$(id -u)" -ne 0 ]; then
-    if ! command -v sudo >/dev/null; then
-      echo "Missing: ${missing[*]}. Install them as root, or install sudo." >&2
-      return 1
+  elif [ "$(id -u)" -ne 0 ] && ! command -v sudo >/dev/null; then
+    echo "Missing; install it as root, or install sudo:" >&2
+  else
+    echo "Installing ${missing[*]}..."
+    if "${apt[@]}" update >/dev/null && "${apt[@]}" install --yes --no-install-recommends "${missing[@]}" >/dev/null; then
+      return
     fi
-    apt=(sudo)
+    echo "Could not be installed:" >&2
   fi
-  echo "Installing ${missing[*]}..."
-  apt+=(env DEBIAN_FRONTEND=noninteractive apt-get --quiet --quiet)
-  if ! "${apt[@]}" update >/dev/null ||
-    ! "${apt[@]}" install --yes --no-install-recommends "${missing[@]}" >/dev/null; then
-    echo "Could not install ${missing[*]}." >&2
-    return 1
-  fi
+  printf '  %s\n' "${names[@]}" >&2
+  return 1
 }
 
 # Prints the homes and versions of the JDKs from 17 up: JAVA_HOME's, the one of the javac on the path, then those that
@@ -94,20 +94,16 @@ need_jdk() {
 }
 
 # Prints the path of the software token's module.
-find_softhsm() {
-  { compgen -G '/usr/lib*/softhsm/libsofthsm2.so' || compgen -G '/usr/lib*/pkcs11/libsofthsm2.so'; } | sed -n 1p
-}
+find_softhsm() { first_of "$(evidence softhsm2)" | sed -n 1p; }
 
 step() { printf '\n==> %s\n' "$*"; }
 
 # Says nothing but on failure.
 quietly() {
   local log
-  log=$(mktemp)
-  if ! "$@" >"$log" 2>&1; then
-    cat "$log"
+  if ! log=$("$@" 2>&1 | tr -d '\0'); then
+    printf '%s\n' "$log"
     echo "failed: $*"
     return 1
   fi
-  rm "$log"
 }
