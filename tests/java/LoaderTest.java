@@ -103,6 +103,13 @@ class LoaderTest {
     }
 
     @Test
+    void temporaryFolderMayBeRelative() throws Exception {
+        Path relative = Path.of("").toAbsolutePath().relativize(temporary);
+        String loaded = load(NOT_ON_LIBRARY_PATH, "-Djava.io.tmpdir=" + relative);
+        assertTrue(loaded.contains(temporary + "/libsmartcard"), loaded);
+    }
+
+    @Test
     void libraryPathIsLast() throws Exception {
         Files.writeString(inJar(), "no library");
         assertTrue(load(ON_LIBRARY_PATH).startsWith(LIBRARY));

@@ -65,7 +65,7 @@ final class NativeLibrary {
                 try (OutputStream file = Files.newOutputStream(copy)) {
                     library.transferTo(file);
                 }
-                System.load(copy.toString());
+                System.load(copy.toAbsolutePath().toString());
             } finally {
                 copy.toFile().delete(); // what is loaded stays so, also where this cannot be
             }
