@@ -20,7 +20,7 @@ public final class CheckModule {
     private static final byte[] SENTENCE = Token.utf8("Signed to check a PKCS#11 module.");
     private static final byte[] LABEL = Token.utf8("Module check");
     private static final byte[] NEW_LABEL = Token.utf8("Module check, renamed");
-    private static final int MISFIT_STATUS = 2;
+    private static final int MISFIT_STATUS = 10; // no compiler's, no shell's and no virtual machine's
 
     private interface Listing {
         List<Token.Entry> of(long slot) throws Token.Failure;
@@ -122,10 +122,15 @@ public final class CheckModule {
         });
         ask("mechanisms", () -> {
             int[] types = Smartcard.getSupportedMechanismListDLL(slot);
+            if (IntStream.of(types).allMatch(type -> type == 0)) {
+                throw new Token.Refused("getSupportedMechanismListDLL: no list");
+            }
             Token.require(Arrays.equals(types, Smartcard.getSupportedMechanismListDLL(slot)), "two lists differ");
             List<String> silent = IntStream.of(types).filter(type -> mechanism(type) == -1)
                     .mapToObj(Names::mechanism).toList();
             Token.require(silent.isEmpty(), types.length + ", without information on " + String.join(" ", silent));
+            Token.require(mechanism(1) == -1 || IntStream.of(types).anyMatch(type -> type == 1),
+                    types.length + ", without RSA_PKCS, of which there is information");
             detail = types.length + "; RSA_PKCS: " + (mechanism(1) == -1 ? "no" : Names.mechanismFlags(mechanism(1)));
         });
         certificates = list("certificates", Token::certificates, Smartcard::readCertificateIDDLL);
@@ -183,7 +188,9 @@ public final class CheckModule {
     private void sign(String what, byte[] id) {
         ask(what, () -> {
             byte[] signature = Smartcard.signWithIDDLL(slot, Sha256Rsa.digestInfo(SENTENCE), id);
-            Token.require(!Arrays.equals(signature, new byte[1]), "the key is listed, but not found by its ID");
+            if (Arrays.equals(signature, new byte[1])) {
+                throw new Token.Refused("signWithIDDLL: not found by its ID, or CKR_FUNCTION_REJECTED: the traces tell");
+            }
             Token.data(signature, "signWithIDDLL");
             PublicKey publicKey = Token.publicKey(id, Token.publicKeys(slot), Token.certificates(slot));
             Token.require(publicKey == null || Sha256Rsa.verifies(publicKey, SENTENCE, signature),

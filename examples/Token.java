@@ -62,11 +62,11 @@ final class Token implements AutoCloseable {
 
     /**
      * Opens the token that the leading options name, and takes them away. {@code --fresh MODULE} makes a new token in
-     * the module's first slot; {@code --module MODULE [--slot N] [--pin PIN]} takes one as it is.
+     * the module's first slot; {@code --module MODULE [--slot N]} takes one as it is, with the PIN that the environment
+     * has in {@code SMARTCARD_PIN}: arguments are for everyone to see, and stand in the report of a crash.
      */
     static Token open(Deque<String> arguments) throws Failure {
         String module = null;
-        String pin = null;
         long slot = -1;
         boolean fresh = false;
         while (!arguments.isEmpty() && arguments.peek().startsWith("--")) {
@@ -83,17 +83,16 @@ final class Token implements AutoCloseable {
                     require(value.matches("\\d{1,9}"), "--slot takes a slot index, not " + value);
                     slot = Long.parseLong(value);
                 }
-                case "--pin" -> pin = value;
                 default -> throw new Failure("unknown option " + option);
             }
         }
         require(module != null, "--module is missing");
-        require(!fresh || slot == -1 && pin == null, "--slot and --pin go with --module");
+        require(!fresh || slot == -1, "--slot goes with --module");
 
         step("Load and initialise the PKCS#11 module " + module);
         bind(module);
         try {
-            return fresh ? fresh(module) : existing(slot, pin);
+            return fresh ? fresh(module) : existing(slot, System.getenv("SMARTCARD_PIN"));
         } catch (Failure | RuntimeException | Error e) {
             Smartcard.finalizeDLL();
             throw e;
@@ -136,8 +135,9 @@ final class Token implements AutoCloseable {
         if (pin == null) {
             tell("No PIN is given: what the token keeps private stays out of sight.");
         } else {
-            step("Log in as the user");
-            token.login(pin, USER);
+            boolean hasPinPad = (Smartcard.getTokenInfoDLL(token.slot) & 0x100) != 0;
+            step("Log in as the user" + (hasPinPad ? ", at the PIN pad" : ""));
+            token.login(hasPinPad ? null : pin, USER); // CKF_PROTECTED_AUTHENTICATION_PATH: it gets no PIN
         }
         return token;
     }
