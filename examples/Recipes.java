@@ -187,16 +187,14 @@ final class Recipes {
 
     static long reconnect(String module, byte[] serialNumber, String pin) throws IOException {
         Smartcard.finalizeDLL();
-        long code = Smartcard.initDLL(module);
-        if (code == -3) { // no slot: the reader is out as well
+        if (Smartcard.initDLL(module) != 0) { // such as -3, no slot: the reader is out as well
             return -1;
         }
-        check("initDLL", code);
         long slot = slotOf(serialNumber);
-        if (slot != -1) {
-            check("openSessionDLL", Smartcard.openSessionDLL(slot));
-            logIn(slot, pin);
+        if (slot == -1 || Smartcard.openSessionDLL(slot) != 0) { // it may not be ready yet
+            return -1;
         }
+        logIn(slot, pin);
         return slot;
     }
 

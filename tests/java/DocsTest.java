@@ -3,6 +3,7 @@ import static org.junit.jupiter.api.Assertions.*;
 import com.calvenhor.vork.utils.Smartcard;
 import com.calvenhor.vork.utils.SmartcardException;
 import java.io.IOException;
+import java.lang.reflect.Method;
 import java.net.URL;
 import java.net.URLClassLoader;
 import java.nio.charset.StandardCharsets;
@@ -25,9 +26,11 @@ class DocsTest {
     private static final String MODULE = System.getProperty("softhsm2");
     private static final String MOCK = System.getProperty("mock");
     private static final Path LIBRARY = Path.of(System.getProperty("java.library.path"), "libsmartcard.so");
-    private static final String JDK = System.getProperty("java.home") + "/bin/";
+    private static final String DEBIANS_MODULE = "/usr/lib/softhsm/libsofthsm2.so";
     private static final String PIN = "123456";
     private static final byte[] DOCUMENT = "a document".getBytes();
+    private static final Map<String, Method> NATIVES = MockTest.NATIVES.stream()
+            .collect(Collectors.toMap(Method::getName, method -> method));
 
     // ---- The pages ----
 
@@ -77,9 +80,18 @@ class DocsTest {
             assertFalse(text.replaceAll("(?ms)^```java$.*?^```$", "").matches("(?s).*\n {4}[^\n]*;\n.*"),
                     () -> page + ": Java that is not marked as such");
         }
-        String calls = recipes + read("tests/java/DocsTest.java");
+        String calls = recipes + read("tests/java/DocsTest.java") + read("tests/java/OwnProcessTest.java");
         matches("\\bstatic \\S+ ((?!main)\\w+)\\(", read("examples/Recipes.java")).forEach(method -> assertTrue(
                 matches("[ .(]" + method.group(1) + "\\(", calls).size() > 1, method.group()));
+    }
+
+    @Test
+    void versionIsTheBuilds() throws Exception {
+        String version = matches("^project\\(.* VERSION (\\S+) ", read("CMakeLists.txt")).get(0).group(1);
+        List<MatchResult> shown = matches("smartcard[:-](\\d+\\.\\d+\\.\\d+)", read("README.md"));
+        assertFalse(shown.isEmpty());
+        shown.forEach(place -> assertEquals(version, place.group(1)));
+        assertEquals("## " + version, texts("^## .*", read("CHANGELOG.md")).get(0));
     }
 
     @Test
@@ -123,13 +135,80 @@ class DocsTest {
                 texts("^\\| 0x.*?`CKR_\\w+` \\|", page));
     }
 
+    /** Whichever call of the module fails, the answer is one that the method's row has under "failure". */
+    @Test
+    void failuresAreAsTold() throws Exception {
+        for (MatchResult row : matches("^\\| `(\\w+DLL)` \\|[^|]*\\|([^|]*)\\|([^|]*)\\|([^|]*)\\|$",
+                read("docs/entry-points.md"))) {
+            Method method = NATIVES.get(row.group(1));
+            for (String function : texts("C_\\w+", row.group(4))) {
+                int nth = 1;
+                while (nth <= 4 && assertFailsAsTold(method, function, nth, row.group(2), row.group(3))) {
+                    nth++;
+                }
+            }
+        }
+    }
+
+    private static boolean assertFailsAsTold(Method method, String function, int nth, String success, String failure)
+            throws Exception {
+        MockTest.begin();
+        if (method.getName().equals("initDLL")) {
+            Smartcard.finalizeDLL();
+        }
+        MockTest.takeCalls();
+        MockTest.failAt(function, nth, 0x10123);
+        Object result = method.invoke(null, MockTest.arguments(method));
+        if (Collections.frequency(List.of(MockTest.takeCalls().split(" ")), function) < nth) {
+            return false;
+        }
+        List<Long> told = new ArrayList<>(matches("-?\\b(0x[0-9A-F]+|\\d+)\\b", failure).stream()
+                .map(number -> Long.decode(number.group())).toList());
+        if (success.contains("`long` 0") && !success.endsWith("0 ")) { // a success of something else
+            told.add(0L);
+        }
+        boolean isStatus = result instanceof byte[] || result instanceof byte[][];
+        String code = result instanceof byte[][] ? "\\{code" : isStatus ? "\\bstatus\\b(?! \\d)" : "\\bcode\\b";
+        if (!matches(code, failure).isEmpty()) {
+            told.add(isStatus ? 0x23L : 0x10123L);
+        }
+        List<Long> answer = failureIn(result, success.contains("`long` 0"));
+        assertTrue(told.containsAll(answer), () -> method.getName() + ", " + function + ": " + answer + ", told: " + told);
+        return true;
+    }
+
+    /** The numbers of an answer that has nothing else: not of one with what was read all the same. */
+    private static List<Long> failureIn(Object result, boolean zeroIsSuccess) {
+        if (result instanceof Long number) {
+            return number > 0 && !zeroIsSuccess ? List.of() : List.of(number);
+        }
+        if (result instanceof int[] numbers) {
+            return Arrays.stream(numbers).asLongStream().boxed().toList();
+        }
+        boolean isRead = result instanceof byte[][] listing ? listing.length > 1 && listing[0][0] == 0
+                : ((byte[]) result).length != 1;
+        byte status = result instanceof byte[][] listing ? listing[0][0] : ((byte[]) result)[0];
+        return isRead ? List.of() : List.of(status & 0xFFL);
+    }
+
     // ---- The recipes ----
 
-    private static String run(String... command) throws Exception {
-        Process process = new ProcessBuilder(command).redirectError(ProcessBuilder.Redirect.DISCARD).start();
+    private static String run(String script) throws Exception {
+        ProcessBuilder shell = new ProcessBuilder("bash", "-c", script).redirectError(ProcessBuilder.Redirect.DISCARD);
+        shell.environment().merge("PATH", System.getProperty("java.home") + "/bin", (path, jdk) -> jdk + ":" + path);
+        Process process = shell.start();
         String output = new String(process.getInputStream().readAllBytes());
         assertEquals(0, process.waitFor(), output);
-        return output;
+        return output.strip();
+    }
+
+    /** A command of a page, with the paths that are here. */
+    private static String shown(String command, String page) throws IOException {
+        String classes = "'" + System.getProperty("java.class.path") + "'";
+        return matches("^    (" + command + " .*)", read(page).replaceAll("\\\\\n", "")).get(0).group(1)
+                .replace(DEBIANS_MODULE, MODULE).replace("build/smartcard", "'" + LIBRARY.getParent() + "'")
+                .replace("java -cp", "java -Djava.library.path='" + LIBRARY.getParent() + "' -cp")
+                .replace("smartcard.jar:examples", classes).replace("build/java/smartcard.jar", classes);
     }
 
     @Test
@@ -141,14 +220,12 @@ class DocsTest {
         long slot = Recipes.newToken(MODULE, 0, "12345678", PIN);
         Recipes.logIn(slot, PIN);
         Path file = folder.resolve("identity.p12");
-        run((JDK + "keytool -genkeypair -keyalg RSA -keysize 2048 -dname CN=Signer -alias signer -storepass changeit"
-                + " -keystore " + file).split(" "));
+        run("keytool -genkeypair -keyalg RSA -keysize 2048 -dname CN=Signer -alias signer -storepass changeit -keystore "
+                + file);
         byte[] id = Recipes.importIdentity(slot, file, "changeit".toCharArray(), "signer", "Contracts".getBytes());
         Recipes.Entry signer = Recipes.certificates(slot).get(0);
         assertArrayEquals(id, signer.id());
         byte[] signature = Recipes.sign(slot, signer, DOCUMENT);
-        assertArrayEquals(signature,
-                Recipes.signInAnotherProcess(MODULE, slot, PIN, Recipes.digestInfo(DOCUMENT), id));
 
         byte[] serialNumber = Smartcard.readCardSerialNumberDLL(slot);
         Path token = tokens.resolve(tokens.toFile().list()[0]);
@@ -157,13 +234,15 @@ class DocsTest {
             assertAnswers(3);
         }, () -> Files.move(folder.resolve("away"), token));
 
-        assertArrayEquals(signature, Recipes.asKeyStore(PIN.toCharArray(), DOCUMENT));
-        Smartcard.finalizeDLL();
-        assertArrayEquals(signature, Recipes.fromJava(PIN, Recipes.digestInfo(DOCUMENT), id));
-
-        assertEquals("YENIKART" + " ".repeat(24), run("bash", "-c", "\"$@\" 3>&1 1>&2", "bash", JDK + "java",
-                "-Djava.library.path=" + LIBRARY.getParent(), "-cp", System.getProperty("java.class.path"), "Recipes",
-                MODULE));
+        if (MODULE.equals(DEBIANS_MODULE)) { // which these two name
+            assertArrayEquals(signature, Recipes.asKeyStore(PIN.toCharArray(), DOCUMENT));
+            Smartcard.finalizeDLL();
+            assertArrayEquals(signature, Recipes.fromJava(PIN, Recipes.digestInfo(DOCUMENT), id));
+        }
+        assertEquals("32", run(shown("java", "docs/using.md")));
+        String signed = run("cd " + folder + " && jar --create --file contracts.jar identity.p12 && echo " + PIN + " | "
+                + shown("jarsigner", "README.md") + " && jarsigner -verify contracts.jar");
+        assertTrue(signed.contains("jar verified."), signed);
     }
 
     /** The mock's card asks for its PIN itself. */
@@ -175,21 +254,20 @@ class DocsTest {
         assertWatched(MOCK, "0123456789abcdef".getBytes(), "not asked for", () -> {
             MockTest.setCard(false);
             assertAnswers(2);
-        }, () -> MockTest.setCard(true));
+        }, () -> {
+            MockTest.setCard(true);
+            MockTest.failAt("C_OpenSession", 1, 0xE0); // not ready yet
+        });
     }
 
     /** What is answered while the card is out stands in a column of the table. */
-    private static void assertAnswers(int column) throws IOException {
-        assertEquals(matches("^\\| `\\w+DLL` \\| (\\S+) \\| (\\S+) \\|$", read("docs/using.md")).stream()
-                .map(row -> row.group(column - 1)).toList(),
-                Stream.of(Smartcard.getSlotInfoDLL(0), Smartcard.getTokenInfoDLL(0),
-                        Smartcard.readCardSerialNumberDLL(0), Smartcard.isSessionOpenDLL(0),
-                        Smartcard.openSessionDLL(0), Smartcard.loginDLL(0, PIN, 1),
-                        Smartcard.readAllCertificatesDLL(0), Smartcard.signWithIDDLL(0, DOCUMENT, DOCUMENT),
-                        Smartcard.writeAttributeCertificateDLL(0, DOCUMENT))
-                        .map(answer -> answer instanceof Long code ? String.format("0x%02X", code) : String.format(
-                                "{%02X}", answer instanceof byte[][] list ? list[0][0] : ((byte[]) answer)[0]))
-                        .toList());
+    private static void assertAnswers(int column) throws Exception {
+        for (MatchResult row : matches("^\\| `(\\w+DLL)` \\| (\\S+) \\| (\\S+) \\|$", read("docs/using.md"))) {
+            Method method = NATIVES.get(row.group(1));
+            Object answer = method.invoke(null, MockTest.arguments(method));
+            assertEquals(row.group(column), answer instanceof Long code ? String.format("0x%02X", code) : String.format(
+                    "{%02X}", answer instanceof byte[][] list ? list[0][0] : ((byte[]) answer)[0]), row.group());
+        }
     }
 
     private static void assertWatched(String module, byte[] serialNumber, String pin, Executable takeOut,

@@ -23,7 +23,7 @@ class MockTest {
     private static final byte[] NAME = "mock".getBytes(); // whatever is written and searched for
     private static final long[] BAD_NUMBERS = {-1, 1, 1L << 31, 1L << 32, Long.MAX_VALUE, Long.MIN_VALUE};
     private static final long[] CODES = {0x02, 0x30, 0xB3, 0x150, 0x200, 0x1_8000_0123L};
-    private static final List<Method> NATIVES = Arrays.stream(Smartcard.class.getDeclaredMethods())
+    static final List<Method> NATIVES = Arrays.stream(Smartcard.class.getDeclaredMethods())
             .filter(method -> Modifier.isNative(method.getModifiers())).toList();
 
     static {
@@ -55,7 +55,7 @@ class MockTest {
     private static native long liveObjects();
 
     /** A bound module whose token has one of each kind of object, and the user logged in. */
-    private static void begin() {
+    static void begin() {
         Smartcard.finalizeDLL();
         reset();
         bind(1);
@@ -71,7 +71,7 @@ class MockTest {
     }
 
     /** The first number of a method is its slot index; 1 is the user, the PIN's length and CKM_RSA_PKCS. */
-    private static Object[] arguments(Method method) {
+    static Object[] arguments(Method method) {
         List<Class<?>> types = List.of(method.getParameterTypes());
         return IntStream.range(0, types.size()).mapToObj(i -> types.get(i) == byte[].class ? NAME
                 : types.get(i) == String.class ? method.getName().equals("initDLL") ? MODULE : "1"

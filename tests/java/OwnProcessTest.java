@@ -1,6 +1,7 @@
 import static org.junit.jupiter.api.Assertions.*;
 
 import com.calvenhor.vork.utils.Smartcard;
+import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.concurrent.FutureTask;
 import org.junit.jupiter.api.BeforeEach;
@@ -23,11 +24,11 @@ class OwnProcessTest {
     }
 
     @Test
-    void crash() {
+    void crash(@TempDir Path folder) throws Exception {
         for (int round = 0; round < 3; round++) {
-            assertArrayEquals(DEVICE_ERROR, Smartcard.signWithIDDLL(SLOT, "crash".getBytes(), ID));
-            assertGone();
-            SoftTokenTest.assertSigned(modulus, signOnceMore());
+            Path file = Files.createFile(folder.resolve("crash"));
+            assertSignedInAnotherProcess(file.toString().getBytes());
+            assertFalse(Files.exists(file));
         }
     }
 
@@ -41,14 +42,14 @@ class OwnProcessTest {
         killProcess();
         assertArrayEquals(DEVICE_ERROR, signing.get());
         assertGone();
-        SoftTokenTest.assertSigned(modulus, signOnceMore());
+        assertSignedInAnotherProcess(SoftTokenTest.DATA);
     }
 
     @Test
     void goneBetweenTwoCalls() throws Exception {
         killProcess();
         assertGone();
-        SoftTokenTest.assertSigned(modulus, signOnceMore());
+        assertSignedInAnotherProcess(SoftTokenTest.DATA);
     }
 
     private static void killProcess() throws Exception {
@@ -65,11 +66,8 @@ class OwnProcessTest {
         assertEquals(0x30, Smartcard.openSessionDLL(SLOT));
     }
 
-    /** As docs/modules.md has it. */
-    private static byte[] signOnceMore() {
-        assertEquals(0x30, Smartcard.isSessionOpenDLL(SLOT));
-        SoftTokenTest.assertOk(Smartcard.finalizeDLL(), Smartcard.initDLL(CLIENT), Smartcard.openSessionDLL(SLOT),
-                Smartcard.loginDLL(SLOT, SoftTokenTest.PIN, 1));
-        return Smartcard.signWithIDDLL(SLOT, SoftTokenTest.DATA, ID);
+    private void assertSignedInAnotherProcess(byte[] data) throws Exception {
+        SoftTokenTest.assertSigned(modulus, data,
+                Recipes.signInAnotherProcess(CLIENT, SLOT, SoftTokenTest.PIN, data, ID));
     }
 }

@@ -48,8 +48,8 @@ class SoftTokenTest {
         String key = ask("--list-objects --type privkey --login --pin " + PIN).replaceAll("\\s+", " ");
         assertTrue(key.contains("; RSA label: Köy ID: 6b65792031 Usage: decrypt, sign, unwrap Access: sensitive, always"
                 + " sensitive, never extractable, local"), key);
-        assertSigned(modulus, Smartcard.signDLL(SLOT, DATA));
-        assertSigned(modulus, Smartcard.signWithIDDLL(SLOT, DATA, ID));
+        assertSigned(modulus, DATA, Smartcard.signDLL(SLOT, DATA));
+        assertSigned(modulus, DATA, Smartcard.signWithIDDLL(SLOT, DATA, ID));
 
         assertOk(Smartcard.changePINDLL(SLOT, PIN, 4, "567890", 6), Smartcard.logoutDLL(SLOT));
         assertArrayEquals(new byte[] {0}, Smartcard.signDLL(SLOT, DATA));
@@ -65,9 +65,9 @@ class SoftTokenTest {
         for (ThreadFactory kind : Threads.kinds()) {
             Threads.run(kind, 4, thread -> {
                 for (int i = 0; i < 50; i++) {
-                    assertSigned(modulus, Smartcard.signWithIDDLL(SLOT, DATA, ID));
+                    assertSigned(modulus, DATA, Smartcard.signWithIDDLL(SLOT, DATA, ID));
                     assertArrayEquals(modulus, Smartcard.readAllRSAPublicKeysDLL(SLOT)[3]);
-                    assertSigned(modulus, Smartcard.signDLL(SLOT, DATA));
+                    assertSigned(modulus, DATA, Smartcard.signDLL(SLOT, DATA));
                     assertOk(Smartcard.isSessionOpenDLL(SLOT), Smartcard.getSlotInfoDLL(SLOT) - 1);
                     assertOk(Smartcard.writeAttributeCertificateDLL(SLOT, DATA));
                 }
@@ -102,8 +102,8 @@ class SoftTokenTest {
     }
 
     /** The signature opens to the data with PKCS #1 padding. */
-    static void assertSigned(byte[] modulus, byte[] signature) {
+    static void assertSigned(byte[] modulus, byte[] data, byte[] signature) {
         BigInteger block = new BigInteger(1, signature).modPow(new BigInteger(EXPONENT), new BigInteger(1, modulus));
-        assertTrue(block.toString(16).matches("1(ff)+00" + new BigInteger(DATA).toString(16)), block.toString(16));
+        assertTrue(block.toString(16).matches("1(ff)+00" + new BigInteger(data).toString(16)), block.toString(16));
     }
 }

@@ -1,11 +1,12 @@
-// The software token's module, but that one document to sign makes it crash, and another one makes it hang.
+// The software token's module, but that a document to sign makes it crash when it is the path of a file, which is then
+// removed, and that another one makes it hang.
 
 #include <dlfcn.h>
 #include <p11-kit/pkcs11.h>
 #include <unistd.h>
 
 #include <cstdlib>
-#include <string_view>
+#include <string>
 
 namespace {
 
@@ -13,8 +14,8 @@ CK_FUNCTION_LIST* genuine;
 CK_FUNCTION_LIST functions;
 
 CK_RV sign(CK_SESSION_HANDLE session, CK_BYTE* data, CK_ULONG length, CK_BYTE* signature, CK_ULONG* room) {
-  const std::string_view document(reinterpret_cast<const char*>(data), length);
-  if (document == "crash") std::abort();
+  const std::string document(reinterpret_cast<const char*>(data), length);
+  if (unlink(document.c_str()) == 0) std::abort();
   while (document == "hang") pause();
   return genuine->C_Sign(session, data, length, signature, room);
 }

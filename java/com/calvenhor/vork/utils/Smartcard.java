@@ -31,7 +31,7 @@ package com.calvenhor.vork.utils;
  * Any thread may call, a virtual one too. The module is initialised for one call at a time, whatever the slot, so calls
  * wait for each other: all methods are synchronized on this class. A PIN pad that waits for its user, or
  * {@link #waitForSlotEventDLL waitForSlotEventDLL}, makes every other call wait as well; who wants to notice cards asks
- * {@link #getSlotInfoDLL getSlotInfoDLL} now and then.
+ * {@link #getSlotInfoDLL getSlotInfoDLL} and {@link #readCardSerialNumberDLL readCardSerialNumberDLL} now and then.
  * <p>A call is whole, two calls are not: what a listing found another thread may have deleted since, and a login or a
  * logout is everybody's on that token. Steps that belong together hold the lock themselves:
  * <pre>{@code
@@ -169,6 +169,8 @@ public final class Smartcard {
      * long flags = Smartcard.getSlotInfoDLL(slotIndex); // -1 if it cannot be told
      * boolean isThere = flags > 0 && (flags & 1) != 0;
      * }</pre>
+     * A module may go on showing a token that is gone; its {@linkplain #readCardSerialNumberDLL serial number} it does
+     * not give then.
      *
      * @param ignored any value
      * @return 0 or the module's code; CKR_FUNCTION_NOT_SUPPORTED (0x54) from a module without slot events
