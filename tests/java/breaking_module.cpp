@@ -1,5 +1,5 @@
-// The software token's module, but that a document to sign makes it crash when it is the path of a file, which is then
-// removed, and that another one makes it hang.
+// The software token's module, but that it crashes on a document that is the path of a file, which it
+// removes, and hangs on another one.
 
 #include <dlfcn.h>
 #include <p11-kit/pkcs11.h>
