@@ -100,7 +100,7 @@ step "Load both libraries in Debian 11, the one for aarch64 in qemu"
 mkdir -p "$roots/amd64$root"
 # shellcheck disable=SC2016
 signs "x86_64" /usr/lib/softhsm/libsofthsm2.so unshare --map-root-user --mount sh -c 'mount --rbind /proc "$0/proc" &&
-  mount --rbind "$1" "$0$1" && shift && exec chroot "$0" "$@"' "$roots/amd64" "$root" \
+  mount --rbind "$1" "$0$1" && shift && exec /usr/sbin/chroot "$0" "$@"' "$roots/amd64" "$root" \
   /usr/lib/jvm/java-17-openjdk-amd64/bin/java -cp "$classes" SignDocument
 java=(qemu-aarch64 -L "$roots/arm64" "$roots/arm64/usr/lib/jvm/java-17-openjdk-arm64/bin/java")
 signs "aarch64" "$roots/arm64/usr/lib/softhsm/libsofthsm2.so" "${java[@]}" -cp "$classes" SignDocument
