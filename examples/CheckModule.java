@@ -189,7 +189,10 @@ public final class CheckModule {
         ask(what, () -> {
             byte[] signature = Smartcard.signWithIDDLL(slot, Sha256Rsa.digestInfo(SENTENCE), id);
             if (Arrays.equals(signature, new byte[1])) {
-                throw new Token.Refused("signWithIDDLL: not found by its ID, or CKR_FUNCTION_REJECTED: the traces tell");
+                // More data than any key takes: a key that is found refuses it with a code.
+                byte[] refusal = Smartcard.signWithIDDLL(slot, new byte[2000], id);
+                Token.require(!Arrays.equals(refusal, signature), "the key is listed, but not found by its ID");
+                throw new Token.Refused("signWithIDDLL: status 0x00, such as CKR_FUNCTION_REJECTED (0x200)");
             }
             Token.data(signature, "signWithIDDLL");
             PublicKey publicKey = Token.publicKey(id, Token.publicKeys(slot), Token.certificates(slot));

@@ -24,7 +24,7 @@ import java.util.HexFormat;
 import java.util.List;
 import java.util.function.LongConsumer;
 
-/** The snippets of README.md and docs/, which DocsTest compares with these and runs. */
+/** The snippets of README.md and docs/, which the tests compare with these and run. */
 final class Recipes {
     private Recipes() {
     }

@@ -132,7 +132,7 @@ final class Token implements AutoCloseable {
         Token token = new Token(slot >= 0 ? slot : firstToken());
         step("Open a session in slot " + token.slot);
         check(Smartcard.openSessionDLL(token.slot), "openSessionDLL");
-        if (pin == null) {
+        if (pin == null || pin.isEmpty()) {
             tell("No PIN is given: what the token keeps private stays out of sight.");
         } else {
             boolean hasPinPad = (Smartcard.getTokenInfoDLL(token.slot) & 0x100) != 0;

@@ -5,11 +5,8 @@ version=$(sed -n 's/^project(.* VERSION \([0-9.]*\) .*/\1/p' "$root/CMakeLists.t
 : "${version:?is not in CMakeLists.txt}"
 # The commit's time, or in an archive's sources theirs.
 if [ ! "${SOURCE_DATE_EPOCH:-}" ]; then
-  if [ -e "$root/.git" ] && command -v git >/dev/null; then
-    SOURCE_DATE_EPOCH=$(git -C "$root" log -1 --format=%ct)
-  else
-    SOURCE_DATE_EPOCH=$(stat -c %Y "$root/CHANGELOG.md")
-  fi
+  SOURCE_DATE_EPOCH=$({ [ -e "$root/.git" ] && git -C "$root" log -1 --format=%ct 2>/dev/null; } ||
+    stat -c %Y "$root/CHANGELOG.md")
 fi
 export SOURCE_DATE_EPOCH
 

@@ -21,7 +21,8 @@ evidence() {
     opensc) echo pkcs11-tool ;;
     p11-kit-modules) echo '/usr/lib*/pkcs11/p11-kit-client.so /usr/lib*/*/pkcs11/p11-kit-client.so' ;;
     qemu-user) echo qemu-aarch64 ;;
-    softhsm2) echo '/usr/lib*/softhsm/libsofthsm2.so /usr/lib*/pkcs11/libsofthsm2.so /usr/local/lib*/softhsm/libsofthsm2.so' ;;
+    softhsm2) echo softhsm2-util ;;
+    libsofthsm2) echo '/usr/lib*/softhsm/libsofthsm2.so /usr/lib*/pkcs11/libsofthsm2.so /usr/local/lib*/softhsm/libsofthsm2.so' ;;
     *) echo "$1" ;;
   esac
 }
@@ -94,7 +95,7 @@ need_jdk() {
 }
 
 # Prints the path of the software token's module.
-find_softhsm() { first_of "$(evidence softhsm2)" | sed -n 1p; }
+find_softhsm() { first_of "$(evidence libsofthsm2)" | sed -n 1p; }
 
 step() { printf '\n==> %s\n' "$*"; }
 

@@ -88,7 +88,7 @@ class DocsTest {
     @Test
     void versionIsTheBuilds() throws Exception {
         String version = matches("^project\\(.* VERSION (\\S+) ", read("CMakeLists.txt")).get(0).group(1);
-        List<MatchResult> shown = matches("smartcard[:-](\\d+\\.\\d+\\.\\d+)", read("README.md"));
+        List<MatchResult> shown = matches("smartcard[:-](\\d[\\w.-]*?)(?=\\.jar|[`\"])", read("README.md"));
         assertFalse(shown.isEmpty());
         shown.forEach(place -> assertEquals(version, place.group(1)));
         assertEquals("## " + version, texts("^## .*", read("CHANGELOG.md")).get(0));
@@ -239,7 +239,7 @@ class DocsTest {
             Smartcard.finalizeDLL();
             assertArrayEquals(signature, Recipes.fromJava(PIN, Recipes.digestInfo(DOCUMENT), id));
         }
-        assertEquals("32", run(shown("java", "docs/using.md")));
+        assertTrue(read("docs/using.md").contains("\nprints " + run(shown("java", "docs/using.md")) + ","));
         String signed = run("cd " + folder + " && jar --create --file contracts.jar identity.p12 && echo " + PIN + " | "
                 + shown("jarsigner", "README.md") + " && jarsigner -verify contracts.jar");
         assertTrue(signed.contains("jar verified."), signed);
@@ -262,7 +262,9 @@ class DocsTest {
 
     /** What is answered while the card is out stands in a column of the table. */
     private static void assertAnswers(int column) throws Exception {
-        for (MatchResult row : matches("^\\| `(\\w+DLL)` \\| (\\S+) \\| (\\S+) \\|$", read("docs/using.md"))) {
+        String table = matches("^\\| asked \\|.*\n.*\n((?:\\|.*\n)+)", read("docs/using.md")).get(0).group(1);
+        for (String line : table.split("\n")) {
+            MatchResult row = matches("^\\| `(\\w+)` \\| (\\S+) \\| (\\S+) \\|$", line).get(0);
             Method method = NATIVES.get(row.group(1));
             Object answer = method.invoke(null, MockTest.arguments(method));
             assertEquals(row.group(column), answer instanceof Long code ? String.format("0x%02X", code) : String.format(
