@@ -191,7 +191,8 @@ public final class CheckModule {
             if (Arrays.equals(signature, new byte[1])) {
                 // More data than any key takes: a key that is found refuses it with a code.
                 byte[] refusal = Smartcard.signWithIDDLL(slot, new byte[2000], id);
-                Token.require(!Arrays.equals(refusal, signature), "the key is listed, but not found by its ID");
+                Token.require(!Arrays.equals(refusal, signature), "the key is listed, but not found by its ID, or"
+                        + " refuses whatever it is given (CKR_FUNCTION_REJECTED): the traces tell");
                 throw new Token.Refused("signWithIDDLL: status 0x00, such as CKR_FUNCTION_REJECTED (0x200)");
             }
             Token.data(signature, "signWithIDDLL");
