@@ -1,8 +1,6 @@
 import static org.junit.jupiter.api.Assertions.*;
 
-import com.calvenhor.vork.utils.Smartcard;
-import com.calvenhor.vork.utils.SmartcardException;
-import com.calvenhor.vork.utils.SmartcardProvider;
+import com.calvenhor.vork.utils.*;
 import java.io.*;
 import java.nio.file.Files;
 import java.nio.file.Path;
@@ -13,14 +11,11 @@ import java.security.interfaces.RSAKey;
 import java.util.*;
 import java.util.concurrent.*;
 import javax.net.ssl.*;
-import javax.xml.crypto.KeySelector;
 import javax.xml.crypto.dsig.*;
 import javax.xml.crypto.dsig.dom.*;
 import javax.xml.crypto.dsig.spec.*;
 import javax.xml.parsers.DocumentBuilderFactory;
-import org.junit.jupiter.api.BeforeAll;
-import org.junit.jupiter.api.BeforeEach;
-import org.junit.jupiter.api.Test;
+import org.junit.jupiter.api.*;
 import org.junit.jupiter.api.function.Executable;
 import org.junit.jupiter.api.io.TempDir;
 import org.w3c.dom.Document;
@@ -69,10 +64,18 @@ class KeyStoreTest {
     @TempDir
     static Path folder;
 
+    private static long slot; // of the first token
+    private static String first; // MODULE#SLOT
+    private static String second;
+
     @BeforeAll
     static void fillTokens() throws Exception {
         useTokens(Files.createDirectory(folder.resolve("tokens")));
         run("bash", "-eo", "pipefail", "-c", FILL);
+        assertEquals(0, Smartcard.initDLL(MODULE));
+        slot = new String(Smartcard.readCardLabelDLL(0)).startsWith("First") ? 0 : 1;
+        first = MODULE + "#" + slot;
+        second = MODULE + "#" + (1 - slot);
     }
 
     private static void useTokens(Path tokens) throws Exception {
@@ -113,19 +116,6 @@ class KeyStoreTest {
         return (PrivateKey) store.getKey(alias, null);
     }
 
-    /** MODULE#SLOT for the token with the label. */
-    private static String token(String label) {
-        Smartcard.finalizeDLL();
-        assertEquals(0, Smartcard.initDLL(MODULE));
-        int slot = new String(Smartcard.readCardLabelDLL(0)).strip().equals(label) ? 0 : 1;
-        Smartcard.finalizeDLL();
-        return MODULE + "#" + slot;
-    }
-
-    private static long slot(String argument) {
-        return Long.parseLong(argument.split("#")[1]);
-    }
-
     private static byte[] sign(KeyStore store, String alias) throws Exception {
         return sign(store.getProvider(), "SHA256withRSA", key(store, alias), DATA);
     }
@@ -146,6 +136,11 @@ class KeyStoreTest {
         return verifier.verify(signature);
     }
 
+    /** Whether the key of an entry signs what its certificate verifies. */
+    private static boolean signs(KeyStore store, String alias) throws Exception {
+        return verifies("SHA256withRSA", store.getCertificate(alias), sign(store, alias));
+    }
+
     /** The code that a load, or a signature, fails with. */
     private static long code(Executable step) {
         Exception failure = assertThrows(Exception.class, step);
@@ -157,24 +152,17 @@ class KeyStoreTest {
 
     private static void assertFails(Class<? extends Exception> expected, String sentence, Executable step) {
         String message = assertThrows(expected, step).getMessage();
-        assertTrue(sentence == null || message.contains(sentence), message);
+        assertTrue(message.contains(sentence), message);
     }
 
-    /** Puts the certificate of "a" on the mock, with each ID and label given, a key with the ID "key", and junk. */
+    /** The certificate of "a" with each ID and label, on the mock that has a key with the ID "mock" and junk already. */
     private static void fillMock(String... idsAndLabels) throws Exception {
-        Smartcard.finalizeDLL();
-        MockTest.reset();
-        Smartcard.initDLL(MOCK);
-        Smartcard.openSessionDLL(0);
-        Smartcard.loginDLL(0, "1", 1);
+        MockTest.begin();
         byte[] der = Files.readAllBytes(folder.resolve("a.crt"));
-        byte[] junk = {1, 2};
-        Smartcard.writeCertificateDLL(0, junk, junk, junk, junk, "key".getBytes(), junk);
         for (int i = 0; i < idsAndLabels.length; i += 2) {
             Smartcard.writeCertificateDLL(0, der, der, der, der, idsAndLabels[i].getBytes(),
                     idsAndLabels[i + 1].getBytes());
         }
-        Smartcard.generateKeyPairDLL(0, 2048, new byte[] {1, 0, 1}, "key".getBytes(), new byte[2]);
         Smartcard.finalizeDLL();
         MockTest.takeCalls();
     }
@@ -183,7 +171,7 @@ class KeyStoreTest {
 
     @Test
     void entries() throws Exception {
-        KeyStore store = load(token("First"), "1234");
+        KeyStore store = load(first, "1234");
         List<String> found = new ArrayList<>();
         for (String alias : Collections.list(store.aliases())) {
             Certificate certificate = store.getCertificate(alias);
@@ -199,7 +187,7 @@ class KeyStoreTest {
                 assertArrayEquals(store.getCertificateChain(alias), key.getCertificateChain());
                 entry += "key, chain of " + key.getCertificateChain().length;
                 try {
-                    entry += verifies("SHA256withRSA", certificate, sign(store, alias)) ? ", signs" : ", WRONG";
+                    entry += signs(store, alias) ? ", signs" : ", WRONG";
                 } catch (SignatureException e) {
                     entry += ", refuses";
                     assertNull(e.getCause(), e.toString());
@@ -234,22 +222,22 @@ class KeyStoreTest {
 
     @Test
     void copies() throws Exception {
-        fillMock("key", "X\0", "none", "X");
+        fillMock("mock", "X\0", "none", "X");
         KeyStore first = load(MOCK, "1");
-        fillMock("none", "X", "key", "X");
+        fillMock("none", "X", "mock", "X");
         KeyStore second = load(MOCK, "1");
         for (KeyStore store : List.of(first, second)) {
             assertEquals(List.of("X"), Collections.list(store.aliases()));
             assertTrue(store.isKeyEntry("X"));
         }
-        fillMock("none", "X", "key", "Y");
+        fillMock("none", "X", "mock", "Y");
         KeyStore third = load(MOCK, "1");
         assertEquals("Y", third.getCertificateAlias(third.getCertificate("X")));
     }
 
     @Test
     void algorithms() throws Exception {
-        KeyStore store = load(token("First"), "1234");
+        KeyStore store = load(first, "1234");
         PrivateKey key = key(store, "Köy");
         Certificate certificate = store.getCertificate("Köy");
         byte[] digestInfo = HexFormat.of().parseHex("3031300d060960864801650304020105000420"
@@ -277,14 +265,14 @@ class KeyStoreTest {
         assertFails(SignatureException.class, "245", () -> sign(provider, "NONEwithRSA", key, new byte[246]));
         assertEquals(2048, ((RSAKey) key).getModulus().bitLength());
         assertNull(((RSAKey) key).getParams());
-        assertFails(NotSerializableException.class, null,
+        assertThrows(NotSerializableException.class,
                 () -> new ObjectOutputStream(new ByteArrayOutputStream()).writeObject(key));
     }
 
     /** Asked without a provider, the JDK chooses by the key, wherever this provider stands. */
     @Test
     void choiceOfProvider() throws Exception {
-        KeyStore store = load(token("First"), "1234");
+        KeyStore store = load(first, "1234");
         PrivateKey software = KeyPairGenerator.getInstance("RSA").generateKeyPair().getPrivate();
         for (int position : new int[] {1, 100}) {
             Security.removeProvider("Smartcard");
@@ -304,7 +292,6 @@ class KeyStoreTest {
 
     @Test
     void pins() throws Exception {
-        String first = token("First");
         KeyStore open = load(first, null);
         assertEquals(13, open.size());
         for (String alias : Collections.list(open.aliases())) {
@@ -315,10 +302,10 @@ class KeyStoreTest {
                 new KeyStore.PasswordProtection("1234".toCharArray()));
         assertEquals(13, builder.getKeyStore().size());
 
-        KeyStore second = load(token("Second"), "şifre1");
-        String alias = second.aliases().nextElement(); // its label could be another's alias
+        KeyStore store = load(second, "şifre1");
+        String alias = store.aliases().nextElement(); // its label could be another's alias
         assertTrue(alias.matches("x/01234567/[0-9a-f]{8}"), alias);
-        assertTrue(verifies("SHA256withRSA", second.getCertificate(alias), sign(second, alias)));
+        assertTrue(signs(store, alias));
 
         for (String altered : List.of("1😀", "1\0", "1\uD83D")) {
             fillMock();
@@ -340,7 +327,7 @@ class KeyStoreTest {
 
     @Test
     void logins() throws Exception {
-        fillMock("key", "X");
+        fillMock("mock", "X");
         assertLoads(null, false, "C_OpenSession");
         assertLoads("", false, "");
         assertLoads("1", true, "C_Login");
@@ -362,7 +349,7 @@ class KeyStoreTest {
 
     @Test
     void modules() throws Exception {
-        fillMock("key", "X");
+        fillMock("mock", "X");
         assertFails(IOException.class, "no module is bound", () -> load("0", "1"));
         assertEquals(1, load(MOCK, "1").size());
         Smartcard.finalizeDLL();
@@ -391,10 +378,9 @@ class KeyStoreTest {
 
     @Test
     void sessionsLostAndFound() throws Throwable {
-        String first = token("First");
         KeyStore store = load(first, "1234");
         PrivateKey old = key(store, "Köy");
-        List<Executable> losses = List.of(() -> Smartcard.closeSessionDLL(slot(first)), Smartcard::finalizeDLL,
+        List<Executable> losses = List.of(() -> Smartcard.closeSessionDLL(slot), Smartcard::finalizeDLL,
                 () -> { Smartcard.finalizeDLL(); Smartcard.initDLL(MODULE); });
         for (Executable loss : losses) {
             loss.execute();
@@ -406,7 +392,7 @@ class KeyStoreTest {
             }
         }
 
-        fillMock("key", "X");
+        fillMock("mock", "X");
         KeyStore away = load(MOCK, "1");
         Smartcard.closeSessionDLL(0);
         MockTest.failAt("C_OpenSession", 1, 0xE0);
@@ -454,7 +440,7 @@ class KeyStoreTest {
                 sign C_FindObjects     1 100   82
                 """.lines().toList()) {
             String[] cells = row.split(" +");
-            fillMock("key", "X");
+            fillMock("mock", "X");
             KeyStore store = store(MOCK);
             Executable load = () -> store.load(null, "1".toCharArray());
             if (cells[0].equals("sign")) {
@@ -465,7 +451,7 @@ class KeyStoreTest {
                     row);
         }
         // The session is asked first, and tells more than 8 bits.
-        fillMock("key", "X");
+        fillMock("mock", "X");
         KeyStore store = load(MOCK, "1");
         MockTest.failAt("C_Sign", 1, 5);
         MockTest.failAt("C_GetSessionInfo", 1, 0x1_8000_0123L);
@@ -473,7 +459,7 @@ class KeyStoreTest {
         Smartcard.logoutDLL(0);
         assertEquals(0x101, code(() -> sign(store, "X")));
         load(MOCK, "1");
-        Smartcard.deletePrivateKeyDLL(0, "key".getBytes());
+        Smartcard.deletePrivateKeyDLL(0, "mock".getBytes());
         assertEquals(0x82, code(() -> sign(store, "X")));
         assertEquals("CKR_PIN_INCORRECT", SmartcardException.nameOf(0xA0));
         assertEquals("0x80000001", SmartcardException.nameOf(0x8000_0001L));
@@ -489,7 +475,7 @@ class KeyStoreTest {
         assertFails(IOException.class, "configure",
                 () -> KeyStore.getInstance("Smartcard", provider).load(null, null));
 
-        fillMock("key", "X");
+        fillMock("mock", "X");
         assertThrows(KeyStoreException.class, () -> store(MOCK).aliases());
         assertFails(IOException.class, "null", () -> store(MOCK).load(InputStream.nullInputStream(), null));
         KeyStore store = load(MOCK, "1");
@@ -520,17 +506,16 @@ class KeyStoreTest {
 
     @Test
     void threads() throws Exception {
-        String first = token("First");
         KeyStore store = load(first, "1234");
         ExecutorService threads = Executors.newFixedThreadPool(6);
         List<Callable<Boolean>> use = List.of(
-                () -> verifies("SHA256withRSA", store.getCertificate("Köy"), sign(store, "Köy")),
+                () -> signs(store, "Köy"),
                 () -> load(first, "1234").size() == 13,
-                () -> Smartcard.readAllCertificatesDLL(slot(first)).length == 40);
+                () -> Smartcard.readAllCertificatesDLL(slot).length == 40);
         // No one logs out between the login of a load and its reading.
         List<Callable<Boolean>> loadAndLogOut = List.of(
                 () -> load(first, "1234").isKeyEntry("Köy"),
-                () -> Smartcard.logoutDLL(slot(first)) != -1);
+                () -> Smartcard.logoutDLL(slot) != -1);
         for (List<Callable<Boolean>> tasks : List.of(use, loadAndLogOut)) {
             List<Callable<Boolean>> repeated = new ArrayList<>();
             Collections.nCopies(40, tasks).forEach(repeated::addAll);
@@ -545,7 +530,6 @@ class KeyStoreTest {
 
     @Test
     void keytoolAndJarsigner() throws Exception {
-        String argument = token("First");
         assertTrue(tool("keytool -list", argument).contains("contains 13 entries"));
         tool("keytool -exportcert -rfc -alias Köy -file exported", argument);
         assertEquals(run("openssl", "x509", "-noout", "-fingerprint", "-in", "leaf.crt"),
@@ -571,7 +555,7 @@ class KeyStoreTest {
 
     @Test
     void xmlSignature() throws Exception {
-        KeyStore store = load(token("First"), "1234");
+        KeyStore store = load(first, "1234");
         Security.addProvider(store.getProvider());
         DocumentBuilderFactory builders = DocumentBuilderFactory.newInstance();
         builders.setNamespaceAware(true);
@@ -601,7 +585,7 @@ class KeyStoreTest {
         KeyStore server = KeyStore.getInstance(folder.resolve("p12").toFile(), "pw".toCharArray());
         KeyStore trusted = KeyStore.getInstance("PKCS12");
         trusted.load(null, null);
-        KeyStore client = load(token("First"), "1234");
+        KeyStore client = load(first, "1234");
         trusted.setCertificateEntry("root", client.getCertificate("Root"));
         Security.addProvider(client.getProvider());
         SSLContext clients = context(client, null, trusted);
