@@ -2,8 +2,7 @@ import static org.junit.jupiter.api.Assertions.*;
 
 import com.calvenhor.vork.utils.*;
 import java.io.*;
-import java.nio.file.Files;
-import java.nio.file.Path;
+import java.nio.file.*;
 import java.security.*;
 import java.security.cert.Certificate;
 import java.security.cert.X509Certificate;

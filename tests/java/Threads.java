@@ -1,6 +1,5 @@
 import java.util.List;
-import java.util.concurrent.FutureTask;
-import java.util.concurrent.ThreadFactory;
+import java.util.concurrent.*;
 import java.util.stream.IntStream;
 
 /** Several threads at once, of each kind that the JDK has. */
