@@ -208,8 +208,7 @@ class DocsTest {
     @Test
     void recipesOnASoftwareToken(@TempDir Path folder) throws Throwable {
         Path tokens = Files.createDirectory(folder.resolve("tokens"));
-        Files.writeString(Path.of(System.getenv("SOFTHSM2_CONF")), "directories.tokendir = " + tokens + "\n");
-        Smartcard.finalizeDLL();
+        SoftTokenTest.useTokens(tokens);
         Smartcard.initDLL(MODULE);
         long slot = Recipes.newToken(MODULE, 0, "12345678", PIN);
         Recipes.logIn(slot, PIN);

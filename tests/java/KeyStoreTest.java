@@ -69,17 +69,12 @@ class KeyStoreTest {
 
     @BeforeAll
     static void fillTokens() throws Exception {
-        useTokens(Files.createDirectory(folder.resolve("tokens")));
+        SoftTokenTest.useTokens(Files.createDirectory(folder.resolve("tokens")));
         run("bash", "-eo", "pipefail", "-c", FILL);
         assertEquals(0, Smartcard.initDLL(MODULE));
         slot = new String(Smartcard.readCardLabelDLL(0)).startsWith("First") ? 0 : 1;
         first = MODULE + "#" + slot;
         second = MODULE + "#" + (1 - slot);
-    }
-
-    private static void useTokens(Path tokens) throws Exception {
-        Smartcard.finalizeDLL();
-        Files.writeString(Path.of(System.getenv("SOFTHSM2_CONF")), "directories.tokendir = " + tokens + "\n");
     }
 
     @BeforeEach
@@ -368,9 +363,9 @@ class KeyStoreTest {
         for (String label : List.of("First", "Second")) {
             assertFails(IOException.class, '"' + label + '"', () -> load(MODULE, "1234"));
         }
-        useTokens(Files.createDirectory(folder.resolve("none")));
+        SoftTokenTest.useTokens(Files.createDirectory(folder.resolve("none")));
         assertFails(IOException.class, "no token", () -> load(MODULE, "1234"));
-        useTokens(folder.resolve("tokens"));
+        SoftTokenTest.useTokens(folder.resolve("tokens"));
     }
 
     @Test

@@ -25,12 +25,17 @@ class SoftTokenTest {
 
     /** In the folder, by a module that leads to the software token, bound and with the user logged in. */
     static void createToken(String module, Path folder) throws Exception {
-        Files.writeString(Path.of(System.getenv("SOFTHSM2_CONF")), "directories.tokendir = " + folder + "\n");
-        Smartcard.finalizeDLL();
+        useTokens(folder);
         assertOk(Smartcard.initDLL(module), Smartcard.initTokenDLL(SLOT, PIN, 4), Smartcard.finalizeDLL());
         // The next list of slots has one for the new token alone.
         assertOk(Smartcard.initDLL(module), Smartcard.openSessionDLL(SLOT), Smartcard.loginDLL(SLOT, PIN, 0));
         assertOk(Smartcard.initUserPINDLL(SLOT, PIN, 4), Smartcard.logoutDLL(SLOT), Smartcard.loginDLL(SLOT, PIN, 1));
+    }
+
+    /** Those in the folder, by the software token's module. */
+    static void useTokens(Path folder) throws Exception {
+        Smartcard.finalizeDLL();
+        Files.writeString(Path.of(System.getenv("SOFTHSM2_CONF")), "directories.tokendir = " + folder + "\n");
     }
 
     /** All of these, one after the other. */
