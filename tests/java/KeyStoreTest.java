@@ -2,6 +2,7 @@ import static org.junit.jupiter.api.Assertions.*;
 
 import com.calvenhor.vork.utils.*;
 import java.io.*;
+import java.net.Socket;
 import java.nio.file.*;
 import java.security.*;
 import java.security.cert.Certificate;
@@ -149,7 +150,7 @@ class KeyStoreTest {
         assertTrue(message.contains(sentence), message);
     }
 
-    /** The certificate of "a" with each ID and label, on the mock that has a key with the ID "mock" and junk already. */
+    /** The certificate of "a" with each ID and label, on the mock that has a key with the ID "mock", and junk. */
     private static void fillMock(String... idsAndLabels) throws Exception {
         MockTest.begin();
         byte[] der = Files.readAllBytes(folder.resolve("a.crt"));
@@ -494,24 +495,23 @@ class KeyStoreTest {
 
     @Test
     void threads() throws Exception {
-        KeyStore store = load(first, "1234");
-        ExecutorService threads = Executors.newFixedThreadPool(6);
-        List<Callable<Boolean>> use = List.of(
-                () -> signs(store, "Köy"),
-                () -> load(first, "1234").size() == 13,
-                () -> Smartcard.readAllCertificatesDLL(slot).length == 40);
-        // No one logs out between the login of a load and its reading.
-        List<Callable<Boolean>> loadAndLogOut = List.of(
-                () -> load(first, "1234").isKeyEntry("Köy"),
-                () -> Smartcard.logoutDLL(slot) != -1);
-        for (List<Callable<Boolean>> tasks : List.of(use, loadAndLogOut)) {
-            List<Callable<Boolean>> repeated = new ArrayList<>();
-            Collections.nCopies(40, tasks).forEach(repeated::addAll);
-            for (Future<Boolean> result : threads.invokeAll(repeated)) {
-                assertTrue(result.get());
-            }
+        for (ThreadFactory kind : Threads.kinds()) {
+            KeyStore store = load(first, "1234");
+            Threads.run(kind, 6, thread -> {
+                for (int i = 0; i < 10; i++) {
+                    assertTrue(signs(store, "Köy"));
+                    assertEquals(13, load(first, "1234").size());
+                    assertEquals(40, Smartcard.readAllCertificatesDLL(slot).length);
+                }
+            });
+            // No one logs out between the login of a load and its reading.
+            Threads.run(kind, 6, thread -> {
+                for (int i = 0; i < 10; i++) {
+                    assertTrue(load(first, "1234").isKeyEntry("Köy"));
+                    assertNotEquals(-1, Smartcard.logoutDLL(slot));
+                }
+            });
         }
-        threads.shutdown();
     }
 
     // ---- Clients ----
@@ -566,7 +566,7 @@ class KeyStoreTest {
         Security.addProvider(client.getProvider());
         SSLContext clients = context(client, null, trusted);
         SSLContext servers = context(server, "pw".toCharArray(), trusted);
-        assertEquals("CN=leaf", handshake(clients, servers, "TLSv1.2"));
+        handshake(clients, servers, "TLSv1.2");
         assertFails(SSLException.class, "No supported CertificateVerify signature algorithm",
                 () -> handshake(clients, servers, "TLSv1.3"));
     }
@@ -581,26 +581,22 @@ class KeyStoreTest {
         return context;
     }
 
-    /** Whom the server takes the client for. */
-    private static String handshake(SSLContext clients, SSLContext servers, String version) throws Exception {
+    /** Ends when the server has accepted the client's certificate. */
+    private static void handshake(SSLContext clients, SSLContext servers, String version) throws Exception {
         try (SSLServerSocket listener = (SSLServerSocket) servers.getServerSocketFactory().createServerSocket(0)) {
             listener.setNeedClientAuth(true);
-            CompletableFuture<String> peer = CompletableFuture.supplyAsync(() -> {
-                try (SSLSocket socket = (SSLSocket) listener.accept()) {
-                    socket.startHandshake();
+            new Thread(new FutureTask<>(() -> {
+                try (Socket socket = listener.accept()) {
                     socket.getOutputStream().write(1);
-                    return socket.getSession().getPeerPrincipal().getName();
-                } catch (IOException e) {
-                    return e.toString();
+                    return socket.getInputStream().read(); // until the client is done
                 }
-            });
+            })).start();
             try (SSLSocket socket = (SSLSocket) clients.getSocketFactory().createSocket("localhost",
                     listener.getLocalPort())) {
                 socket.setEnabledProtocols(new String[] {version});
                 socket.setSoTimeout(10_000);
                 assertEquals(1, socket.getInputStream().read());
             }
-            return peer.get();
         }
     }
 }

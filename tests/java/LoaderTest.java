@@ -121,12 +121,10 @@ class LoaderTest {
 
     @Test
     void temporaryFolderWithoutExecution() throws Exception {
-        List<String> namespace = List.of("unshare", "--map-root-user", "--mount");
-        List<String> probe = new ArrayList<>(namespace);
-        probe.add("true");
-        Assumptions.assumeTrue(new ProcessBuilder(probe).start().waitFor() == 0, "no namespaces for this user");
-        List<String> wrapper = new ArrayList<>(namespace);
-        wrapper.addAll(List.of("sh", "-c", "mount -t tmpfs -o noexec tmpfs " + temporary + " && exec \"$@\"", "sh"));
+        Process probe = new ProcessBuilder("unshare", "--map-root-user", "--mount", "true").start();
+        Assumptions.assumeTrue(probe.waitFor() == 0, "no namespaces for this user");
+        List<String> wrapper = List.of("unshare", "--map-root-user", "--mount", "sh", "-c",
+                "mount -t tmpfs -o noexec tmpfs " + temporary + " && exec \"$@\"", "sh");
         assertFailed(load(wrapper, NOT_ON_LIBRARY_PATH), "the jar: " + temporary, "failed to map segment");
     }
 }
