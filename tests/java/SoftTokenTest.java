@@ -4,7 +4,6 @@ import com.calvenhor.vork.utils.Smartcard;
 import java.math.BigInteger;
 import java.nio.file.*;
 import java.util.*;
-import java.util.concurrent.ThreadFactory;
 import org.junit.jupiter.api.*;
 import org.junit.jupiter.api.io.TempDir;
 
@@ -59,22 +58,6 @@ class SoftTokenTest {
         assertOk(Smartcard.loginDLL(SLOT, "567890", 1), Smartcard.deletePrivateKeyDLL(SLOT, ID));
         assertEquals(1, Smartcard.isCardEmptyDLL(SLOT));
         assertOk(Smartcard.deletePublicKeyDLL(SLOT, ID), Smartcard.isCardEmptyDLL(SLOT));
-    }
-
-    @Test
-    void anyThread() throws Exception {
-        byte[] modulus = Smartcard.generateKeyPairDLL(SLOT, 2048, EXPONENT, ID, LABEL);
-        for (ThreadFactory kind : Threads.kinds()) {
-            Threads.run(kind, 4, thread -> {
-                for (int i = 0; i < 50; i++) {
-                    assertSigned(modulus, DATA, Smartcard.signWithIDDLL(SLOT, DATA, ID));
-                    assertArrayEquals(modulus, Smartcard.readAllRSAPublicKeysDLL(SLOT)[3]);
-                    assertSigned(modulus, DATA, Smartcard.signDLL(SLOT, DATA));
-                    assertOk(Smartcard.isSessionOpenDLL(SLOT), Smartcard.getSlotInfoDLL(SLOT) - 1);
-                    assertOk(Smartcard.writeAttributeCertificateDLL(SLOT, DATA));
-                }
-            });
-        }
     }
 
     @Test
