@@ -113,12 +113,6 @@ CK_RV orderedFault(const std::string& name) {
 
 using Words = std::array<CK_ULONG, 8>;  // the arguments of a call
 
-void collect(Numbers& numbers, CK_ULONG* number) {
-  if (number != nullptr) numbers.push_back(number);
-}
-template <class Other>
-void collect(Numbers&, Other) {}
-
 /// What a call leaves behind, by what its caller was told; what ends an operation ends it even if it fails.
 void conclude(const std::string& name, const Words& words, CK_RV done, CK_RV told, const Numbers& numbers) {
   if (name == "C_FindObjectsInit" && told == CKR_OK) state.searches.try_emplace(words[0]);
@@ -157,9 +151,13 @@ void define(CK_RV (*&function)(First, Rest...), const char* text, Body) {
     }
 
     Numbers numbers;
-    (..., collect(numbers, rest));
+    const auto collect = [&](auto argument) {
+      if constexpr (std::is_same_v<decltype(argument), CK_ULONG*>)
+        if (argument != nullptr) numbers.push_back(argument);
+    };
+    (..., collect(rest));
     for (CK_ULONG i = 0; name == "C_GetAttributeValue" && i < words[3]; ++i)
-      collect(numbers, &reinterpret_cast<CK_ATTRIBUTE*>(words[2])[i].ulValueLen);
+      collect(&reinterpret_cast<CK_ATTRIBUTE*>(words[2])[i].ulValueLen);
     CK_RV told = done;
     if (state.onAnswer) state.onAnswer(call, told, numbers);
     conclude(name, words, done, told, numbers);

@@ -115,7 +115,6 @@ class Transcript : public Ground, public testing::WithParamInterface<const char*
          [&] { std::fill(module.freshLists.begin(), module.freshLists.end(), CK_FUNCTION_LIST{}); }},
         {"acceptsSecondInitialize", [&] { module.acceptsSecondInitialize = true; }},
         {"noFunction", [&] { module.functions.C_OpenSession = nullptr; }},
-        {"honest", [&] { module.onAnswer = nullptr; }},
         {"claims", [&] { claim(words.at(1), number(2), number(3)); }},
         // When the second search of a call begins.
         {"later",
