@@ -190,10 +190,7 @@ class DocsTest {
     private static String run(String script) throws Exception {
         ProcessBuilder shell = new ProcessBuilder("bash", "-c", script).redirectError(ProcessBuilder.Redirect.DISCARD);
         shell.environment().merge("PATH", System.getProperty("java.home") + "/bin", (path, jdk) -> jdk + ":" + path);
-        Process process = shell.start();
-        String output = new String(process.getInputStream().readAllBytes());
-        assertEquals(0, process.waitFor(), output);
-        return output.strip();
+        return SoftTokenTest.output(shell).strip();
     }
 
     /** A command of a page, with the paths that are here. */

@@ -85,14 +85,10 @@ class KeyStoreTest {
         Security.removeProvider("Smartcard");
     }
 
-    /** What a command prints; it has to succeed. */
-    private static String run(String... command) throws Exception {
-        ProcessBuilder builder = new ProcessBuilder(command).directory(folder.toFile()).redirectErrorStream(true);
-        builder.environment().put("MODULE", MODULE);
-        Process process = builder.start();
-        String output = new String(process.getInputStream().readAllBytes());
-        assertEquals(0, process.waitFor(), output);
-        return output;
+    private static String run(String... words) throws Exception {
+        ProcessBuilder command = new ProcessBuilder(words).directory(folder.toFile()).redirectErrorStream(true);
+        command.environment().put("MODULE", MODULE);
+        return SoftTokenTest.output(command);
     }
 
     // ---- What the tests are made of ----

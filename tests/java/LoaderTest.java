@@ -60,9 +60,8 @@ class LoaderTest {
         command.addAll(List.of(System.getProperty("java.home") + "/bin/java", "-Djava.io.tmpdir=" + temporary));
         command.addAll(List.of(options));
         command.addAll(List.of("-cp", jar + File.pathSeparator + System.getProperty("java.class.path"), "LoaderTest"));
-        Process java = new ProcessBuilder(command).redirectError(ProcessBuilder.Redirect.DISCARD).start();
-        String answer = new String(java.getInputStream().readAllBytes());
-        assertEquals(0, java.waitFor(), answer);
+        String answer = SoftTokenTest.output(
+                new ProcessBuilder(command).redirectError(ProcessBuilder.Redirect.DISCARD));
         try (var files = Files.list(temporary)) {
             assertEquals(List.of(), files.toList(), answer);
         }

@@ -80,10 +80,15 @@ class SoftTokenTest {
     /** What OpenSC's tool says about the token. */
     private static String ask(String question) throws Exception {
         String[] command = ("pkcs11-tool --module " + MODULE + " --token-label YENIKART " + question).split(" ");
-        Process tool = new ProcessBuilder(command).redirectErrorStream(true).start();
-        String answer = new String(tool.getInputStream().readAllBytes());
-        assertEquals(0, tool.waitFor(), answer);
-        return answer;
+        return output(new ProcessBuilder(command).redirectErrorStream(true));
+    }
+
+    /** What a command prints; it has to succeed. */
+    static String output(ProcessBuilder command) throws Exception {
+        Process process = command.start();
+        String output = new String(process.getInputStream().readAllBytes());
+        assertEquals(0, process.waitFor(), output);
+        return output;
     }
 
     /** The signature opens to the data with PKCS #1 padding. */
