@@ -36,8 +36,8 @@ struct EntryPoint {
   std::string name;
   State state;
   Arguments arguments;
-  std::set<std::string>
-      keptBack;  // calls whose failure leaves the result as it is: `C_Sign`, or only `C_Sign#2`
+  /// Calls whose failure leaves the result as it is: `C_Sign`, or only `C_Sign#2`.
+  std::set<std::string> keptBack;
   bool nullsAllowed;
   std::string form;  // of a result that is only a code, with % in its place: `%`, `{%}`, `{{%}}`, `[]`
 

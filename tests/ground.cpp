@@ -9,8 +9,8 @@
 
 namespace {
 
-std::function<void(const std::string&)>
-    onLoad;  // told what the library asks of the loader, before it is done
+/// Told what the library asks of the loader, before it is done.
+std::function<void(const std::string&)> onLoad;
 
 /// The loader's own function behind one of ours.
 template <class Function>
