@@ -248,7 +248,9 @@ class KeyStoreTest {
                 signed[20] ^= 1;
             }
             signature.update(DATA);
-            assertFalse(signature.verify(new byte[1]));
+            byte[] longer = new byte[257]; // the same number
+            System.arraycopy(signed, 0, longer, 1, 256);
+            assertFalse(signature.verify(longer));
         }
         sign(provider, "NONEwithRSA", key, new byte[245]);
         assertFails(SignatureException.class, "245", () -> sign(provider, "NONEwithRSA", key, new byte[246]));
@@ -425,6 +427,7 @@ class KeyStoreTest {
                 load C_GetAttributeValue 4 200 200
                 sign C_Sign            1 32    32
                 sign C_Sign            1 101   101
+                sign C_Sign            1 e0    e0
                 sign C_FindObjects     1 30    30
                 sign C_FindObjects     1 100   82
                 """.lines().toList()) {
@@ -457,6 +460,7 @@ class KeyStoreTest {
             assertFails(InvalidParameterException.class, "SLOT is expected", () -> provider.configure(argument));
         }
         assertThrows(NullPointerException.class, () -> provider.configure(null));
+        assertTrue(!provider.isConfigured() && provider.configure(MOCK).isConfigured());
         assertFails(IOException.class, "configure",
                 () -> KeyStore.getInstance("Smartcard", provider).load(null, null));
 
