@@ -3,7 +3,7 @@
 
 version=$(sed -n 's/^project(.* VERSION \([0-9.]*\) .*/\1/p' "$root/CMakeLists.txt")
 : "${version:?is not in CMakeLists.txt}"
-# The commit's time, or in an archive's sources theirs.
+# The commit's time; where git does not tell it, that of the list of changes.
 if [ ! "${SOURCE_DATE_EPOCH:-}" ]; then
   SOURCE_DATE_EPOCH=$({ [ -e "$root/.git" ] && git -C "$root" log -1 --format=%ct 2>/dev/null; } ||
     stat -c %Y "$root/CHANGELOG.md")

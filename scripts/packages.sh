@@ -17,17 +17,21 @@ evidence() {
     libclang-rt-14-dev) echo '/usr/lib*/clang/*/lib/*/libclang_rt.fuzzer*.a' ;;
     libgtest-dev) echo '<gtest/gtest.h>' ;;
     libp11-kit-dev) echo '<p11-kit/pkcs11.h>' ;;
+    libsofthsm2)
+      echo '/usr/lib*/softhsm/libsofthsm2.so /usr/lib*/pkcs11/libsofthsm2.so' \
+        '/usr/local/lib*/softhsm/libsofthsm2.so'
+      ;;
     ninja-build) echo ninja ;;
     opensc) echo pkcs11-tool ;;
     p11-kit-modules) echo '/usr/lib*/pkcs11/p11-kit-client.so /usr/lib*/*/pkcs11/p11-kit-client.so' ;;
     qemu-user) echo qemu-aarch64 ;;
     softhsm2) echo softhsm2-util ;;
-    libsofthsm2) echo '/usr/lib*/softhsm/libsofthsm2.so /usr/lib*/pkcs11/libsofthsm2.so /usr/local/lib*/softhsm/libsofthsm2.so' ;;
     *) echo "$1" ;;
   esac
 }
 
-first_of() { # Prints the first file that one of the patterns matches.
+# Prints the files of the first of the patterns that has any.
+files_of() {
   local pattern patterns
   read -ra patterns <<<"$1"
   for pattern in "${patterns[@]}"; do
@@ -39,7 +43,7 @@ first_of() { # Prints the first file that one of the patterns matches.
 is_there() { # one of the commands, headers or files
   case $1 in
     '<'*) c++ -I/usr/include/p11-kit-1 -E -x c++ - <<<"#include $1" ;;
-    /*) first_of "$1" ;;
+    /*) files_of "$1" ;;
     *) command -v "$1" ;;
   esac >/dev/null 2>&1
 }
@@ -95,7 +99,7 @@ need_jdk() {
 }
 
 # Prints the path of the software token's module.
-find_softhsm() { first_of "$(evidence libsofthsm2)" | sed -n 1p; }
+find_softhsm() { files_of "$(evidence libsofthsm2)" | sed -n 1p; }
 
 step() { printf '\n==> %s\n' "$*"; }
 
