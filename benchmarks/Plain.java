@@ -12,11 +12,11 @@ final class Plain {
     private Plain() {
     }
 
-    /** Opens a session of its own in the first slot of a module that somebody has initialised. */
+    /** Opens a session of its own in the first slot of a module that is initialised already. */
     static native void bind(String module);
 
     /** Does the work in C alone. */
-    static native void repeatInC(int work, long times, byte[] data, byte[] id);
+    static native void repeatInC(int work, long times);
 
     static synchronized native byte[] sign(long slotIndex, byte[] data);
 
@@ -25,7 +25,4 @@ final class Plain {
     static synchronized native byte[][] readAllCertificates(long slotIndex);
 
     static synchronized native long getSlotInfo(long slotIndex);
-
-    /** The same without the lock, which shows what the lock costs. */
-    static native long getSlotInfoUnlocked(long slotIndex);
 }

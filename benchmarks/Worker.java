@@ -14,86 +14,67 @@ import java.util.Collections;
 import java.util.Objects;
 
 /**
- * A virtual machine that does what {@link Bench} tells it and reports on standard error, since standard output belongs
- * to the library's traces. The library and SunPKCS11 cannot drive a module in one process, so that each has its own.
+ * A JVM that works for {@link Bench} and reports on standard error, since standard output belongs to the library's
+ * traces. The library and SunPKCS11 cannot use a module in one process, so each has its own.
  */
 final class Worker {
-    static final int THREADS = 4;
+    // Works beside those of Plain: each is done once, by a process of its own.
+    static final int FIRST_SIGNATURE = 4;
+    static final int MEMORY = 5;
+    static final int FILL = 6;
+
     private static final long SLOT = 0;
     private static final String PIN = "1234";
     private static final byte[] DATA = new byte[51]; // as long as the DigestInfo of SHA-256
     private static final byte[] ID = "00001".getBytes(StandardCharsets.US_ASCII);
 
-    /** Repeats its work, and gives the last result. */
-    private interface Contestant {
-        Object run(long times) throws Exception;
-    }
-
     private static Provider provider;
     private static KeyStore keyStore;
     private static PrivateKey key;
-    private static Signature signature;
 
     private Worker() {
     }
 
-    /** Arguments: the module, then {@code bare}, {@code fill CERTIFICATES} or {@code KIND WORK [serve]}. */
+    /** Arguments: a module, {@code library} or {@code SunPKCS11}, and a work. */
     public static void main(String[] arguments) throws Exception {
         String module = arguments[0];
-        switch (arguments[1]) {
-            case "library" -> {
-                bindLibrary(module);
-                library(Integer.parseInt(arguments[2]), 1);
-            }
-            case "SunPKCS11" -> {
-                bindSunPkcs11(module);
-                sunPkcs11(Integer.parseInt(arguments[2]), 1);
-            }
-            case "fill" -> fill(module, Integer.parseInt(arguments[2]));
-            default -> { } // a bare virtual machine, which only prints its line
+        String contestant = arguments[1];
+        int work = Integer.parseInt(arguments[2]);
+        long start = System.nanoTime();
+        if (work == FILL) {
+            fill(module, Integer.parseInt(System.getenv("BENCH_CERTIFICATES")));
+        } else if (contestant.equals("library")) {
+            bindLibrary(module);
+        } else {
+            bindSunPkcs11(module);
         }
-        System.err.println("ready");
-        if (arguments.length > 3) {
-            serve(module, Integer.parseInt(arguments[2]));
+        switch (work) {
+            case FILL -> System.err.println("0");
+            case MEMORY -> System.err.println(memory());
+            case FIRST_SIGNATURE -> {
+                run(contestant, Plain.SIGN, 1);
+                System.err.println(System.nanoTime() - start);
+            }
+            default -> serve(module, contestant, work);
         }
-        Runtime.getRuntime().halt(0); // at once: a closed standard input is Bench's way to end a worker
     }
 
-    /** Takes lines of a number and a contestant's name, and answers each with nanoseconds, or with bytes. */
-    private static void serve(String module, int work) throws Exception {
-        if (provider == null) {
+    /** Takes lines of a number and a contestant's name, and answers each with nanoseconds. */
+    private static void serve(String module, String contestant, int work) throws Exception {
+        if (contestant.equals("library")) {
             Plain.bind(module);
-            require(Objects.deepEquals(library(work, 1), repeat(work, true, 1)), "the library and plain JNI differ");
+            require(Objects.deepEquals(run("library", work, 1), run("plain JNI", work, 1)), "plain JNI differs");
         }
         BufferedReader commands = new BufferedReader(new InputStreamReader(System.in, StandardCharsets.US_ASCII));
         for (String line = commands.readLine(); line != null; line = commands.readLine()) {
-            String name = line.substring(line.indexOf(' ') + 1);
-            long times = Long.parseLong(line, 0, line.indexOf(' '), 10);
-            if (name.equals("memory")) {
-                System.err.println(memory(work));
-                continue;
-            }
-            Contestant contestant = switch (name) {
-                case "C" -> n -> {
-                    Plain.repeatInC(work, n, DATA, ID);
-                    return null;
-                };
-                case "plain JNI" -> n -> repeat(work, true, n);
-                case "unlocked JNI" -> Worker::plainUnlocked;
-                case "library" -> n -> library(work, n);
-                case "threads" -> n -> inThreads(work, n);
-                case "SunPKCS11" -> n -> sunPkcs11(work, n);
-                case "Signature kept" -> Worker::signWithKeptSignature;
-                default -> throw new IllegalArgumentException(name);
-            };
+            String[] command = line.split(" ", 2);
+            long times = Long.parseLong(command[0]);
             if (times > 1) {
-                contestant.run(1); // others have had the processor's caches meanwhile
+                run(command[1], work, 1); // others have had the processor's caches meanwhile
             }
             long start = System.nanoTime();
-            Object result = contestant.run(times);
-            long elapsed = System.nanoTime() - start;
-            require(!(result instanceof byte[] bytes) || bytes.length == 256, "a signature has failed");
-            System.err.println(elapsed);
+            run(command[1], work, times);
+            System.err.println(System.nanoTime() - start);
         }
     }
 
@@ -104,6 +85,18 @@ final class Worker {
         }
     }
 
+    /** Repeats a work, and returns the last result. */
+    private static Object run(String contestant, int work, long times) throws Exception {
+        Object last = null;
+        switch (contestant) {
+            case "C" -> Plain.repeatInC(work, times);
+            case "SunPKCS11" -> last = runSunPkcs11(work, times);
+            default -> last = runNatives(work, contestant.equals("plain JNI"), times);
+        }
+        require(!(last instanceof byte[] signature) || signature.length == 256, "a signature");
+        return last;
+    }
+
     // ---- The library, and plain JNI in its place ----
 
     private static void bindLibrary(String module) {
@@ -111,11 +104,7 @@ final class Worker {
                 && Smartcard.loginDLL(SLOT, PIN, 1) == 0, "binding");
     }
 
-    private static Object library(int work, long times) {
-        return repeat(work, false, times);
-    }
-
-    private static Object repeat(int work, boolean plain, long times) {
+    private static Object runNatives(int work, boolean plain, long times) {
         Object last = null;
         for (; times > 0; --times) {
             last = switch (work) {
@@ -129,36 +118,13 @@ final class Worker {
         return last;
     }
 
-    private static Object plainUnlocked(long times) {
-        Object last = null;
-        for (; times > 0; --times) {
-            last = Plain.getSlotInfoUnlocked(SLOT);
-        }
-        return last;
-    }
-
-    /** The library again, called by several threads at once: as many calls as by one. */
-    private static Object inThreads(int work, long times) throws InterruptedException {
-        Thread[] threads = new Thread[THREADS];
-        Object[] results = new Object[THREADS];
-        for (int i = 0; i < THREADS; ++i) {
-            int number = i;
-            threads[i] = new Thread(() -> results[number] = library(work, times / THREADS + 1));
-            threads[i].start();
-        }
-        for (Thread thread : threads) {
-            thread.join();
-        }
-        return results[0];
-    }
-
-    /** What one call takes of Java's heap and, at most, of the process's memory outside of it, which is all used. */
-    private static long memory(int work) throws Exception {
+    /** The bytes that a listing takes of Java's heap and, at most, of the process's memory outside of it. */
+    private static long memory() throws Exception {
         var threads = (com.sun.management.ThreadMXBean) ManagementFactory.getThreadMXBean();
-        Files.writeString(Path.of("/proc/self/clear_refs"), "5"); // the peak is what there is now
+        Files.writeString(Path.of("/proc/self/clear_refs"), "5"); // sets the peak to what is resident now
         long resident = kilobytes("VmRSS:");
         long allocated = threads.getCurrentThreadAllocatedBytes();
-        library(work, 1);
+        Smartcard.readAllCertificatesDLL(SLOT);
         allocated = threads.getCurrentThreadAllocatedBytes() - allocated;
         return allocated + 1024 * Math.max(0, kilobytes("VmHWM:") - resident);
     }
@@ -181,39 +147,27 @@ final class Worker {
                 key = (PrivateKey) keyStore.getKey(alias, null);
             }
         }
-        signature = Signature.getInstance("SHA256withRSA", provider);
-        signature.initSign(key);
     }
 
-    /** Signs with the key kept, or has the key store read what is on the token. */
-    private static Object sunPkcs11(int work, long times) throws Exception {
+    /** Signs with the key found before, or makes the KeyStore read the token again. */
+    private static Object runSunPkcs11(int work, long times) throws Exception {
         Object last = null;
         for (; times > 0; --times) {
             if (work == Plain.LIST) {
                 keyStore.load(null, PIN.toCharArray());
-                last = keyStore.size();
             } else {
-                Signature fresh = Signature.getInstance("SHA256withRSA", provider);
-                fresh.initSign(key);
-                fresh.update(DATA);
-                last = fresh.sign();
+                Signature signature = Signature.getInstance("SHA256withRSA", provider);
+                signature.initSign(key);
+                signature.update(DATA);
+                last = signature.sign();
             }
-        }
-        return last;
-    }
-
-    private static Object signWithKeptSignature(long times) throws Exception {
-        Object last = null;
-        for (; times > 0; --times) {
-            signature.update(DATA);
-            last = signature.sign();
         }
         return last;
     }
 
     // ---- A token of SoftHSM2 ----
 
-    /** Makes a token with a private key and so many certificates, named as the cheap module's. */
+    /** Makes a token with a private key and as many certificates, which differ in ID, label and serial number. */
     private static void fill(String module, int certificates) throws Exception {
         require(Smartcard.initDLL(module) == 0 && Smartcard.initTokenDLL(SLOT, PIN, 4) == 0
                 && Smartcard.finalizeDLL() == 0 && Smartcard.initDLL(module) == 0

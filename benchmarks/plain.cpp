@@ -1,8 +1,6 @@
 // What the library is measured against, on the module that it has bound: the same calls of the module in C
-// alone
-// (`Silent`), and in JNI functions that make the library's calls of the module and of JNI, its prints and
-// flushes
-// (`Printing`), and do nothing else.
+// alone (`Silent`), and in JNI functions that make the library's calls of the module and of JNI, its prints
+// and its flushes, and do nothing else (`Printing`).
 
 #include "Plain.h"
 
@@ -13,6 +11,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <span>
 #include <type_traits>
 
 namespace {
@@ -54,6 +53,11 @@ unsigned call(CK_RV (*CK_FUNCTION_LIST::*function)(Parameter...),
   return static_cast<unsigned>((pkcs11->*function)(arguments...));
 }
 
+template <class Output, std::size_t N>
+unsigned beginSearch(std::array<CK_ATTRIBUTE, N> wanted) {
+  return call<Output>(&CK_FUNCTION_LIST::C_FindObjectsInit, session, wanted.data(), N);
+}
+
 template <class Output>
 unsigned findNext(CK_OBJECT_HANDLE* object, CK_ULONG* count) {
   return call<Output>(&CK_FUNCTION_LIST::C_FindObjects, session, object, 1, count);
@@ -64,38 +68,48 @@ unsigned endSearch() {
   return call<Output>(&CK_FUNCTION_LIST::C_FindObjectsFinal, session);
 }
 
-/// Room for any value, reused: no allocation is part of the measure.
-std::array<CK_BYTE, 65536> room;
 CK_OBJECT_CLASS privateKey = CKO_PRIVATE_KEY;
 CK_CERTIFICATE_TYPE x509 = CKC_X_509;
 CK_MECHANISM mechanism = {CKM_RSA_PKCS, nullptr, 0};
+const CK_ATTRIBUTE isPrivateKey = {CKA_CLASS, &privateKey, sizeof privateKey};
+const CK_ATTRIBUTE isCertificate = {CKA_CERTIFICATE_TYPE, &x509, sizeof x509};
+
+using Input = std::span<jbyte>;
+/// Room for any value, reused: no allocation is part of the measure.
+std::array<CK_BYTE, 65536> room;
+
+template <class Output>
+unsigned signIntoRoom(Input data, CK_ULONG* length) {
+  *length = room.size();
+  const unsigned result =
+      call<Output>(&CK_FUNCTION_LIST::C_Sign, session, reinterpret_cast<CK_BYTE*>(data.data()), data.size(),
+                   room.data(), length);
+  require(result == CKR_OK, "C_Sign");
+  return result;
+}
 
 /// Signs with the first private key; the signature is in `room`.
 template <class Output>
-CK_ULONG sign(void* data, CK_ULONG size) {
-  CK_ATTRIBUTE wanted = {CKA_CLASS, &privateKey, sizeof privateKey};
+CK_ULONG sign(Input data) {
   CK_OBJECT_HANDLE key = 0;
   CK_ULONG count = 0;
-  call<Output>(&CK_FUNCTION_LIST::C_FindObjectsInit, session, &wanted, 1);
+  beginSearch<Output>(std::array{isPrivateKey});
   findNext<Output>(&key, &count);
   endSearch<Output>();
-  CK_ULONG length = room.size();
   call<Output>(&CK_FUNCTION_LIST::C_SignInit, session, &mechanism, key);
-  const unsigned result = call<Output>(&CK_FUNCTION_LIST::C_Sign, session, static_cast<CK_BYTE*>(data), size,
-                                       room.data(), &length);
-  require(result == CKR_OK, "C_Sign");
+  CK_ULONG length = 0;
+  const unsigned result = signIntoRoom<Output>(data, &length);
   Output::print("*** JNI *** C_Sign = %d\n", static_cast<int>(result));
   Output::print("*** JNI *** resultLen = %ld\n", static_cast<long>(length));
   return length;
 }
 
 template <class Output>
-CK_OBJECT_HANDLE findKey(void* id, CK_ULONG size) {
-  std::array<CK_ATTRIBUTE, 2> wanted = {{{CKA_CLASS, &privateKey, sizeof privateKey}, {CKA_ID, id, size}}};
+CK_OBJECT_HANDLE findKey(Input id) {
   CK_OBJECT_HANDLE key = 0;
   CK_ULONG count = 0;
-  Output::print("C_FindObjectsInit = 0x%x\n",
-                call<Output>(&CK_FUNCTION_LIST::C_FindObjectsInit, session, wanted.data(), wanted.size()));
+  const CK_ATTRIBUTE hasId = {CKA_ID, id.data(), id.size()};
+  Output::print("C_FindObjectsInit = 0x%x\n", beginSearch<Output>(std::array{isPrivateKey, hasId}));
   Output::print("C_FindObjects = 0x%x\n", findNext<Output>(&key, &count));
   Output::print("ObjectCount = %d\n", static_cast<int>(count));
   Output::print("C_FindObjectsFinal = 0x%x\n", endSearch<Output>());
@@ -103,27 +117,22 @@ CK_OBJECT_HANDLE findKey(void* id, CK_ULONG size) {
 }
 
 template <class Output>
-CK_ULONG signWithKey(CK_OBJECT_HANDLE key, void* data, CK_ULONG size) {
+CK_ULONG signWithKey(CK_OBJECT_HANDLE key, Input data) {
   Output::print("once result = 0x%x\n", static_cast<unsigned>(reinterpret_cast<CK_ULONG>(room.data())));
   Output::print("sonra result = 0x%x\n", static_cast<unsigned>(reinterpret_cast<CK_ULONG>(room.data())));
-  CK_ULONG length = room.size();
   Output::print("C_SignInit = 0x%x\n", call<Output>(&CK_FUNCTION_LIST::C_SignInit, session, &mechanism, key));
-  const unsigned result = call<Output>(&CK_FUNCTION_LIST::C_Sign, session, static_cast<CK_BYTE*>(data), size,
-                                       room.data(), &length);
-  require(result == CKR_OK, "C_Sign");
-  Output::print("C_Sign = 0x%x\n", result);
+  CK_ULONG length = 0;
+  Output::print("C_Sign = 0x%x\n", signIntoRoom<Output>(data, &length));
   Output::print("resultLen = %d\n", static_cast<int>(length));
   return length;
 }
 
 template <class Output>
 int countCertificates() {
-  CK_ATTRIBUTE wanted = {CKA_CERTIFICATE_TYPE, &x509, sizeof x509};
   CK_OBJECT_HANDLE certificate = 0;
   CK_ULONG count = 1;
   int total = -1;
-  Output::print("C_FindObjectsInit = 0x%x\n",
-                call<Output>(&CK_FUNCTION_LIST::C_FindObjectsInit, session, &wanted, 1));
+  Output::print("C_FindObjectsInit = 0x%x\n", beginSearch<Output>(std::array{isCertificate}));
   for (; count == 1; ++total) {
     const unsigned result = findNext<Output>(&certificate, &count);
     Output::print("C_FindObjects = 0x%x, 0x%d\n", result, static_cast<int>(count));
@@ -136,11 +145,9 @@ int countCertificates() {
 /// Reads the certificates, and gives each to `store` with its number: its value, its ID and its label.
 template <class Output, class Store>
 void readCertificates(int total, Store store) {
-  CK_ATTRIBUTE wanted = {CKA_CERTIFICATE_TYPE, &x509, sizeof x509};
   CK_OBJECT_HANDLE certificate = 0;
   CK_ULONG count = 0;
-  Output::print("C_FindObjectsInit (2) = 0x%x\n",
-                call<Output>(&CK_FUNCTION_LIST::C_FindObjectsInit, session, &wanted, 1));
+  Output::print("C_FindObjectsInit (2) = 0x%x\n", beginSearch<Output>(std::array{isCertificate}));
   findNext<Output>(&certificate, &count);
   for (int k = 1; k <= total; ++k) {
     std::array<CK_ATTRIBUTE, 3> values = {
@@ -174,6 +181,10 @@ jlong askSlot() {
   return static_cast<jint>(information.flags);
 }
 
+Input elements(JNIEnv* env, jbyteArray array) {
+  return {env->GetByteArrayElements(array, nullptr), static_cast<std::size_t>(env->GetArrayLength(array))};
+}
+
 jbyteArray byteArray(JNIEnv* env, const void* bytes, CK_ULONG length) {
   jbyteArray array = env->NewByteArray(static_cast<jsize>(length));
   env->SetByteArrayRegion(array, 0, static_cast<jsize>(length), static_cast<const jbyte*>(bytes));
@@ -196,20 +207,16 @@ JNIEXPORT void JNICALL Java_Plain_bind(JNIEnv* env, jclass, jstring jModule) {
   require(pkcs11->C_OpenSession(slot, flags, nullptr, nullptr, &session) == CKR_OK, "C_OpenSession");
 }
 
-JNIEXPORT void JNICALL Java_Plain_repeatInC(JNIEnv* env, jclass, jint work, jlong times, jbyteArray jData,
-                                            jbyteArray jId) {
-  const jsize dataLength = env->GetArrayLength(jData);
-  const jsize idLength = env->GetArrayLength(jId);
-  jbyte* data = env->GetByteArrayElements(jData, nullptr);
-  jbyte* id = env->GetByteArrayElements(jId, nullptr);
+JNIEXPORT void JNICALL Java_Plain_repeatInC(JNIEnv*, jclass, jint work, jlong times) {
+  std::array<jbyte, 51> data = {};  // as long as what the JNI functions get
+  std::array<jbyte, 5> id = {};
   for (; times > 0; --times) {
     switch (work) {
       case Plain_SIGN:
-        sign<Silent>(data, static_cast<CK_ULONG>(dataLength));
+        sign<Silent>(data);
         break;
       case Plain_SIGN_WITH_ID:
-        signWithKey<Silent>(findKey<Silent>(id, static_cast<CK_ULONG>(idLength)), data,
-                            static_cast<CK_ULONG>(dataLength));
+        signWithKey<Silent>(findKey<Silent>(id), data);
         break;
       case Plain_LIST:
         readCertificates<Silent>(countCertificates<Silent>(), [](int, const auto&) {});
@@ -218,16 +225,13 @@ JNIEXPORT void JNICALL Java_Plain_repeatInC(JNIEnv* env, jclass, jint work, jlon
         askSlot<Silent>();
     }
   }
-  env->ReleaseByteArrayElements(jId, id, JNI_ABORT);
-  env->ReleaseByteArrayElements(jData, data, JNI_ABORT);
 }
 
 JNIEXPORT jbyteArray JNICALL Java_Plain_sign(JNIEnv* env, jclass, jlong, jbyteArray jData) {
-  const jsize size = env->GetArrayLength(jData);
-  jbyte* data = env->GetByteArrayElements(jData, nullptr);
+  const Input data = elements(env, jData);
   env->NewByteArray(1);
-  const CK_ULONG length = sign<Printing>(data, static_cast<CK_ULONG>(size));
-  env->ReleaseByteArrayElements(jData, data, 0);
+  const CK_ULONG length = sign<Printing>(data);
+  env->ReleaseByteArrayElements(jData, data.data(), 0);
   Printing::print("*** JNI ***  dataTemp released\n");
   const jbyteArray result = byteArray(env, room.data(), length);
   Printing::print("*** JNI ***  Result set to environment\n");
@@ -238,16 +242,14 @@ JNIEXPORT jbyteArray JNICALL Java_Plain_sign(JNIEnv* env, jclass, jlong, jbyteAr
 
 JNIEXPORT jbyteArray JNICALL Java_Plain_signWithID(JNIEnv* env, jclass, jlong, jbyteArray jData,
                                                    jbyteArray jId) {
-  const jsize idSize = env->GetArrayLength(jId);
-  Printing::print("Query ID Len = %d\n", idSize);
-  jbyte* id = env->GetByteArrayElements(jId, nullptr);
-  const jsize size = env->GetArrayLength(jData);
-  jbyte* data = env->GetByteArrayElements(jData, nullptr);
+  Printing::print("Query ID Len = %d\n", env->GetArrayLength(jId));
+  const Input id = elements(env, jId);
+  const Input data = elements(env, jData);
   env->NewByteArray(1);
-  const CK_OBJECT_HANDLE key = findKey<Printing>(id, static_cast<CK_ULONG>(idSize));
-  env->ReleaseByteArrayElements(jId, id, 0);
-  const CK_ULONG length = signWithKey<Printing>(key, data, static_cast<CK_ULONG>(size));
-  env->ReleaseByteArrayElements(jData, data, 0);
+  const CK_OBJECT_HANDLE key = findKey<Printing>(id);
+  env->ReleaseByteArrayElements(jId, id.data(), 0);
+  const CK_ULONG length = signWithKey<Printing>(key, data);
+  env->ReleaseByteArrayElements(jData, data.data(), 0);
   const jbyteArray result = byteArray(env, room.data(), length);
   Printing::flush();
   return result;
@@ -276,5 +278,3 @@ JNIEXPORT jobjectArray JNICALL Java_Plain_readAllCertificates(JNIEnv* env, jclas
 }
 
 JNIEXPORT jlong JNICALL Java_Plain_getSlotInfo(JNIEnv*, jclass, jlong) { return askSlot<Printing>(); }
-
-JNIEXPORT jlong JNICALL Java_Plain_getSlotInfoUnlocked(JNIEnv*, jclass, jlong) { return askSlot<Printing>(); }
