@@ -12,10 +12,9 @@ import java.util.Locale;
 import java.util.Map;
 import java.util.Random;
 import java.util.TreeMap;
-import java.util.stream.IntStream;
 
 /**
- * Measures the library beside plain C, plain JNI functions and the JDK's SunPKCS11, in turn within each round.
+ * Measures the library beside plain C, plain JNI functions and the JDK's SunPKCS11, which take turns in each round.
  * Arguments: rounds, milliseconds of one measurement, the most certificates on a token, the folder for the report and
  * one for temporary files, the modules (the cheap one, SoftHSM2), then the JDKs, each as "HOME VERSION".
  */
@@ -57,7 +56,8 @@ final class Bench {
     private final Path temporary;
     private final String[] modules;
     private final TreeMap<String, String> jdks = new TreeMap<>();
-    private final Map<Figure, List<Double>> figures = new HashMap<>(); // one for each round
+    /** The least of all rounds: what disturbs a round only adds to it. */
+    private final Map<Figure, Double> figures = new HashMap<>();
 
     private Bench(String[] arguments) {
         rounds = Integer.parseInt(arguments[0]);
@@ -68,7 +68,7 @@ final class Bench {
         modules = new String[] {arguments[5], arguments[6]};
         for (int i = 7; i < arguments.length; ++i) {
             String[] jdk = arguments[i].split(" ");
-            jdks.put(jdk[1], jdk[0]);
+            jdks.putIfAbsent(jdk[1], jdk[0]);
         }
     }
 
@@ -150,7 +150,7 @@ final class Bench {
             return answer();
         }
 
-        /** Finds how many repetitions fill the time of a sample, which warms up the just-in-time compiler as well. */
+        /** Finds how many repetitions fill the time of a sample, which also warms up the just-in-time compiler. */
         void prepare() throws IOException {
             start();
             for (String contestant : contestants) {
@@ -196,13 +196,13 @@ final class Bench {
         }
         Random random = new Random(1);
         for (int round = 0; round < rounds; ++round) {
-            // Contestants of one process stay together, to be compared; which of them comes after which matters.
+            // In another order each time: it matters who has just used the processor's caches.
             Collections.shuffle(processes, random);
             for (WorkerProcess process : processes) {
                 Collections.shuffle(process.contestants, random);
                 for (String contestant : process.contestants) {
-                    figures.computeIfAbsent(new Figure(on, process.jdk, contestant), figure -> new ArrayList<>())
-                            .add(process.measure(contestant));
+                    double value = process.measure(contestant);
+                    figures.merge(new Figure(on, process.jdk, contestant), value, Math::min);
                 }
             }
         }
@@ -213,23 +213,9 @@ final class Bench {
 
     // ---- Reporting ----
 
-    private List<Double> samples(Case on, String jdk, String contestant) {
-        return figures.getOrDefault(new Figure(on, jdk, contestant), List.of());
-    }
-
-    /** The median; NaN for what was not measured. */
-    private static double median(List<Double> values) {
-        double[] sorted = values.stream().mapToDouble(Double::doubleValue).sorted().toArray();
-        int middle = sorted.length / 2;
-        return sorted.length == 0 ? Double.NaN
-                : sorted.length % 2 == 1 ? sorted[middle] : (sorted[middle - 1] + sorted[middle]) / 2;
-    }
-
-    /** The median of the rounds' ratios: what disturbs a round disturbs both halves of its ratio. */
-    private double ratio(Case on, String jdk, String other) {
-        List<Double> library = samples(on, jdk, "library");
-        List<Double> others = samples(on, jdk, other);
-        return median(IntStream.range(0, others.size()).mapToObj(i -> library.get(i) / others.get(i)).toList());
+    /** NaN for what was not measured. */
+    private double figure(Case on, String jdk, String contestant) {
+        return figures.getOrDefault(new Figure(on, jdk, contestant), Double.NaN);
     }
 
     private void writeReport() throws IOException {
@@ -241,11 +227,11 @@ final class Bench {
             for (String jdk : jdks.keySet()) {
                 List<String> cells = new ArrayList<>(List.of(each.title(), jdk));
                 for (String contestant : CONTESTANTS) {
-                    double value = median(samples(each, jdk, contestant));
+                    double value = figure(each, jdk, contestant);
                     cells.add(each.work == Worker.MEMORY ? format("%.1f MB", value / 1e6) : time(value));
                 }
                 for (String other : List.of("C", "plain JNI", "SunPKCS11")) {
-                    cells.add(format("%.2f", ratio(each, jdk, other)));
+                    cells.add(format("%.2f", figure(each, jdk, "library") / figure(each, jdk, other)));
                 }
                 appendRow(table, cells);
             }
@@ -278,7 +264,7 @@ final class Bench {
             for (int work : List.of(Plain.LIST, Plain.SIGN)) {
                 for (String contestant : List.of("C", "library", "SunPKCS11")) {
                     Case on = new Case(false, work, certificates);
-                    out.append(' ').append(median(samples(on, jdks.firstKey(), contestant)) / 1e6);
+                    out.append(' ').append(figure(on, jdks.firstKey(), contestant) / 1e6);
                 }
             }
             out.append('\n');
