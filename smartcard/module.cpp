@@ -123,7 +123,6 @@ JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_initDLL(JNIEnv* 
                                                                         jstring jPath) try {
   const TracedCall traced;
   if (anyNull(jPath)) return CKR_ARGUMENTS_BAD;
-  askAboutBrokenPipes();
   trace("INITIALIZE start\n");
   LoadedModule module;
   const StringInput path(env, jPath);

@@ -9,8 +9,19 @@
 
 namespace {
 
-bool waiting = false;
-bool brokenPipeKills = true;  // until the host has been asked
+bool waiting = false;  // something that has been traced has not been flushed
+bool brokenPipeKills;  // while something is waiting, and for its flush
+
+/// Precedes each trace. The first one after a flush asks what a broken pipe does to this process: one system
+/// call, which spares a process that survives it the guard's four at every write. The answer holds only until
+/// the flush, because the host can change it between two calls, and the module whenever it runs.
+void beginTrace() noexcept {
+  if (waiting) return;
+  waiting = true;
+  struct sigaction action = {};
+  sigaction(SIGPIPE, nullptr, &action);
+  brokenPipeKills = action.sa_handler == SIG_DFL;
+}
 
 /// While it lives, writing to a pipe that nobody reads fails instead of killing the process. Only this
 /// thread's signal mask changes, and only for that time: handlers belong to the host. One that it has is
@@ -43,18 +54,13 @@ class BrokenPipeTolerated {
 
 }  // namespace
 
-void askAboutBrokenPipes() noexcept {
-  struct sigaction action = {};
-  brokenPipeKills = sigaction(SIGPIPE, nullptr, &action) != 0 || action.sa_handler == SIG_DFL;
-}
-
 void trace(const char* format, ...) noexcept {
+  beginTrace();
   const BrokenPipeTolerated guard;
   va_list values;
   va_start(values, format);
   std::vprintf(format, values);
   va_end(values);
-  waiting = true;
 }
 
 void traceBytes(const char* heading, std::span<const CK_BYTE> bytes) {
@@ -67,9 +73,9 @@ void traceBytes(const char* heading, std::span<const CK_BYTE> bytes) {
     text += ' ';
   }
   text += '\n';
+  beginTrace();
   const BrokenPipeTolerated guard;
   static_cast<void>(std::fputs(text.c_str(), stdout));
-  waiting = true;
 }
 
 void flushTraces() noexcept {

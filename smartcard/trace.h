@@ -11,11 +11,6 @@
 /// line end.
 void traceBytes(const char* heading, std::span<const CK_BYTE> bytes);
 
-/// Asks what a broken pipe does to this process, so that one that bears it is spared two system calls a
-/// trace. Once for each bind will do: a virtual machine has its handler before it loads a library, and a
-/// native host that wants one has it before it binds. What it changes later counts from the next bind on.
-void askAboutBrokenPipes() noexcept;
-
 /// Hands what has been traced to the operating system, so that a module that hangs, waits for a PIN pad or
 /// crashes shows where, and the lines keep their place among Java's own output.
 void flushTraces() noexcept;
