@@ -23,7 +23,6 @@ class Search {
   template <std::size_t N = 0>
   explicit Search(Session session, std::array<CK_ATTRIBUTE, N> wanted = {}) : session_(session) {
     begin_ = call(&CK_FUNCTION_LIST::C_FindObjectsInit, session_, N == 0 ? nullptr : wanted.data(), N);
-    active_ = begun();
   }
   Search(const Search&) = delete;
   Search& operator=(const Search&) = delete;
@@ -69,7 +68,7 @@ class Search {
   CK_ULONG count_ = 0;
   CK_RV begin_ = CKR_OK;
   CK_RV next_ = CKR_OK;
-  bool active_ = false;
+  bool active_ = false;  // from the first next() on: nothing leaves an entry point before it
 };
 
 /// Takes a search that has just begun to its end, for one object, and traces each step; `begun` is what the
