@@ -10,12 +10,13 @@
 
 // The process-wide state. The caller serialises all entry points, so nothing here is guarded.
 
-extern CK_FUNCTION_LIST_PTR p;    // the module's function list; keeps its last value after an unload
-extern CK_RV rv;                  // the result of the most recent PKCS#11 call of any entry point
-extern CK_SLOT_ID_PTR pSlotList;  // the module's slots, in its own order
-extern CK_ULONG ulSlotCount;      // entries of pSlotList and of the session table
-extern CK_BBOOL yes;              // what templates point to for a true boolean attribute
-extern CK_BBOOL no;               // and for a false one
+extern CK_FUNCTION_LIST_PTR p;             // the module's function list; keeps its last value after an unload
+extern CK_RV rv;                           // the result of the most recent PKCS#11 call of any entry point
+extern CK_SLOT_ID_PTR pSlotList;           // the module's slots, in its own order
+extern CK_SESSION_HANDLE_PTR allSessions;  // the session table; exists exactly while the library is bound
+extern CK_ULONG ulSlotCount;               // entries of pSlotList and of allSessions
+extern CK_BBOOL yes;                       // what templates point to for a true boolean attribute
+extern CK_BBOOL no;                        // and for a false one
 
 /// What an entry point answers to a slot index out of range, or without a session where it needs one.
 inline constexpr jlong kBadSlotIndex = -1;

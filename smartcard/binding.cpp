@@ -1,0 +1,160 @@
+#include <dlfcn.h>
+
+#include <algorithm>
+
+#include "com_calvenhor_vork_utils_Smartcard.h"
+#include "marshal.h"
+#include "memory.h"
+#include "module.h"
+
+namespace {
+
+void* hModule = nullptr;
+
+constexpr jlong kNotLoadable = -1;
+constexpr jlong kNoFunctionList = -2;
+constexpr jlong kNoSlots = -3;
+
+/// A module as the dynamic loader holds it: unloaded when its scope is left, unless it is kept. Code of the
+/// module may run while it is loaded or unloaded, hence the flushes.
+class LoadedModule {
+ public:
+  LoadedModule() = default;
+  LoadedModule(const LoadedModule&) = delete;
+  LoadedModule& operator=(const LoadedModule&) = delete;
+  ~LoadedModule() { unload(); }
+
+  void load(const char* path) {
+    flushTraces();
+    handle_ = dlopen(path, RTLD_LAZY);
+  }
+  void* handle() const { return handle_; }
+  CK_C_GetFunctionList functionListGetter() const {
+    return reinterpret_cast<CK_C_GetFunctionList>(dlsym(handle_, "C_GetFunctionList"));
+  }
+  void keep() { handle_ = nullptr; }
+  void unload() {
+    if (handle_ == nullptr) return;
+    flushTraces();
+    dlclose(handle_);
+    handle_ = nullptr;
+  }
+
+ private:
+  void* handle_ = nullptr;
+};
+
+/// Takes the module's function list and initialises the module through it.
+CK_RV initialise(CK_C_GetFunctionList getFunctionList, CK_FUNCTION_LIST_PTR& list) {
+  list = nullptr;
+  rv = getFunctionList(&list);
+  if (rv != CKR_OK) return rv;
+  trace("Got fuction list\n");
+
+  if (call(list, &CK_FUNCTION_LIST::C_Initialize, nullptr) != CKR_OK) return rv;
+  trace("Initialized=0x%x\n", hex32(rv));
+  return rv;
+}
+
+/// initDLL while bound: whatever the answer, everything stays as it is.
+CK_RV initialiseAgain(const LoadedModule& module, CK_C_GetFunctionList getFunctionList) {
+  if (module.handle() != hModule) return CKR_CRYPTOKI_ALREADY_INITIALIZED;
+
+  CK_FUNCTION_LIST_PTR list = nullptr;
+  const CK_RV answer = initialise(getFunctionList, list);
+  // Some modules give out another list every time, each initialised on its own; p stays the earlier one.
+  if (answer == CKR_OK && list != p) call(list, &CK_FUNCTION_LIST::C_Finalize, nullptr);
+  return answer;
+}
+
+void freeSlotList() {
+  std::free(pSlotList);
+  pSlotList = nullptr;
+}
+
+/// Undoes a binding after C_Initialize: because of a failure or, where nothing has failed, because there are
+/// no slots. Then the traces show each step. The result of C_Finalize stays in `rv`.
+jlong givenUp(LoadedModule& module, CK_RV failure, const char* cause = nullptr) {
+  const bool noSlots = failure == CKR_OK;
+  const auto traceStep = [noSlots](const char* step) {
+    if (noSlots) trace("%s...\n", step);
+  };
+  call(p, &CK_FUNCTION_LIST::C_Finalize, nullptr);
+  if (cause != nullptr) trace("finalized (%s)=0x%x\n", cause, hex32(rv));
+  if (pSlotList != nullptr) {
+    traceStep("Freeing pSlotList");
+    freeSlotList();
+    traceStep("Freed pSlotList");
+  }
+  traceStep("Checked pSlotList");
+  module.unload();
+  traceStep("Freed library");
+  return noSlots ? kNoSlots : asJava(failure);
+}
+
+}  // namespace
+
+JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_initDLL(JNIEnv* env, jclass,
+                                                                        jstring jPath) try {
+  const TracedCall traced;
+  if (anyNull(jPath)) return CKR_ARGUMENTS_BAD;
+  trace("INITIALIZE start\n");
+  LoadedModule module;
+  const StringInput path(env, jPath);
+  trace("%s\n", path.characters());
+
+  module.load(path.characters());
+  if (!isBound()) hModule = module.handle();
+  if (module.handle() == nullptr) {
+    trace("Error: DLL not found");
+    return kNotLoadable;
+  }
+  const CK_C_GetFunctionList getFunctionList = module.functionListGetter();
+  if (getFunctionList == nullptr) {
+    trace("Error: C_GetFunctionList not found in DLL ");
+    return kNoFunctionList;
+  }
+
+  if (isBound()) return asJava(initialiseAgain(module, getFunctionList));
+  if (initialise(getFunctionList, p) != CKR_OK) return asJava(rv);
+
+  if (call(p, &CK_FUNCTION_LIST::C_GetSlotList, CK_FALSE, nullptr, &ulSlotCount) != CKR_OK) {
+    return givenUp(module, rv, "getslotlist err");
+  }
+  trace("Slot_count = %d\n", dec32(ulSlotCount));
+  if (ulSlotCount == 0) return givenUp(module, rv, "no slots");
+
+  trace("Before slots malloc\n");
+  const CK_ULONG room = ulSlotCount;
+  pSlotList = tryZeroed<CK_SLOT_ID>(room).release();
+  if (pSlotList == nullptr) return givenUp(module, CKR_HOST_MEMORY);
+  trace("After slots malloc\n");
+
+  call(p, &CK_FUNCTION_LIST::C_GetSlotList, CK_FALSE, pSlotList, &ulSlotCount);
+  trace("Get Slot List = 0x%x\n", hex32(rv));
+  if (rv != CKR_OK) return givenUp(module, rv);
+  ulSlotCount = std::min(ulSlotCount, room);
+  if (ulSlotCount == 0) return givenUp(module, rv, "no slots");
+
+  allSessions = tryZeroed<CK_SESSION_HANDLE>(ulSlotCount).release();
+  if (allSessions == nullptr) return givenUp(module, CKR_HOST_MEMORY);
+  module.keep();
+  return asJava(rv);
+} catch (...) {
+  return CKR_HOST_MEMORY;
+}
+
+JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_getSlotCountDLL(JNIEnv*, jclass) {
+  return asJava(ulSlotCount);
+}
+
+JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_finalizeDLL(JNIEnv*, jclass) {
+  if (!isBound()) return CKR_CRYPTOKI_NOT_INITIALIZED;
+
+  std::free(allSessions);
+  allSessions = nullptr;
+  call(p, &CK_FUNCTION_LIST::C_Finalize, nullptr);
+  freeSlotList();
+  if (hModule != nullptr) dlclose(hModule);
+  return asJava(rv);
+}
