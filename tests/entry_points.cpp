@@ -56,7 +56,7 @@ std::string EntryPoint::inForm(CK_RV code) const {
 
 const std::vector<EntryPoint>& entryPoints() {
 #define ENTRY(name) #name, Java_com_calvenhor_vork_utils_Smartcard_##name##DLL
-#define SECRET(name) "SECRET " name " SECRET"
+#define SECRET(name) Argument(name, std::string(name "\0\0\0\xfe", sizeof name + 3))
 #define RSA "n", "e", SECRET("d"), SECRET("p"), SECRET("q"), SECRET("dp"), SECRET("dq"), SECRET("qi")
   const Argument slot(0, true);
   static const std::vector<EntryPoint> table = {

@@ -91,7 +91,7 @@ struct Module {
   CK_FUNCTION_LIST genuine;
   CK_FUNCTION_LIST functions;
   CK_FUNCTION_LIST* list = &functions;  // if null, nothing is handed out
-  bool freshListEachTime = false;       // every C_GetFunctionList hands out another copy of `functions`
+  bool freshListEachTime = false;       // every C_GetFunctionList hands out another copy of `genuine`
   std::deque<CK_FUNCTION_LIST> freshLists;
 
   bool acceptsSecondInitialize = false;  // answers CKR_OK; the module ends at the C_Finalize for the first
@@ -124,9 +124,9 @@ struct Module {
   CK_SESSION_HANDLE nextSession = 0x7e0000000501;
   CK_OBJECT_HANDLE nextObject = 0x7f0000000010;
 
-  /// The nth call of the function from now, the next one being 1, answers `code` and does nothing else. What
-  /// ends an operation ends it all the same: C_FindObjectsFinal, C_Finalize and, but for a buffer that is too
-  /// small, C_Sign.
+  /// The nth call of the function from now, the next one being 1, answers `code`, which may be CKR_OK, and
+  /// does nothing else. What ends an operation ends it all the same: C_FindObjectsFinal, C_Finalize and, but
+  /// for a buffer that is too small, C_Sign.
   void failAt(const std::string& name, std::size_t nth, CK_RV code) {
     faults[{name, calls[name] + nth}] = code;
   }

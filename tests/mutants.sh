@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Plants each fault of mutants.txt in a copy of the library and tells which native test notices it. Ends with
-# the number of those that none noticed. A fault that can no longer be planted has to be mended in the table.
+# Plants each fault of mutants.txt in a copy of the library and names the native test that notices it, the first in
+# ctest's order. Ends with the number of those that none noticed. A fault that can no longer be planted has to be
+# mended in the table.
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 copy=$root/build/mutants
@@ -22,7 +23,7 @@ while IFS=$'\t' read -r file change what; do
   else # each test in a process of its own
     ctest --test-dir "$copy/build" --exclude-regex 'java|valgrind|binary' --parallel "$(nproc)" --timeout 60 \
       >"$copy/log" 2>&1 </dev/null || true
-    noticed=$(sed -n '0,/.*Test *#[0-9]*: \([^ ]*\) .*\*\*\*.*/s//\1/p' "$copy/log")
+    noticed=$(sed -n 's/.*Test *#\([0-9]*\): \([^ ]*\) .*\*\*\*.*/\1 \2/p' "$copy/log" | sort -n | sed 's/.* //;q')
   fi
   case ${noticed:=NOBODY} in CANNOT* | DOES* | NOBODY) survivors=$((survivors + 1)) ;; esac
   printf '%-60s %s\n' "$what" "$noticed"

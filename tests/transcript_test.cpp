@@ -15,7 +15,7 @@
 #include <map>
 #include <sstream>
 
-#include "ground.h"
+#include "fixture.h"
 
 namespace {
 
@@ -71,7 +71,7 @@ Argument argument(const std::string& word) {
   return result;
 }
 
-class Transcript : public Ground, public testing::WithParamInterface<const char*> {
+class Transcript : public Fixture, public testing::WithParamInterface<const char*> {
  protected:
   /// From now on a function succeeds and claims this length or count in its first call, that one in its
   /// second, and so on; C_FindObjects claims to have found so many, with the second number for its result.
@@ -114,7 +114,11 @@ class Transcript : public Ground, public testing::WithParamInterface<const char*
         {"emptyFreshLists",
          [&] { std::fill(module.freshLists.begin(), module.freshLists.end(), CK_FUNCTION_LIST{}); }},
         {"acceptsSecondInitialize", [&] { module.acceptsSecondInitialize = true; }},
-        {"noFunction", [&] { module.functions.C_OpenSession = nullptr; }},
+        {"noFunction",
+         [&] {
+           module.functions.C_OpenSession = nullptr;
+           module.functions.C_Finalize = nullptr;
+         }},
         {"claims", [&] { claim(words.at(1), number(2), number(3)); }},
         // When the second search of a call begins.
         {"later",
@@ -131,9 +135,10 @@ class Transcript : public Ground, public testing::WithParamInterface<const char*
     directions.at(words.at(0))();
   }
 
-  /// The record as a script shows it. Traces stand behind the call that they follow, and calls of the virtual
-  /// machine in a row share a line, where one of the same name is not named again. A new array and its
-  /// filling are one event. What is said several times is counted.
+  /// The record as a script shows it. Traces stand behind the call that they follow, and so do the further
+  /// calls of a search, the second of a read, an unloading, and the virtual machine's in a row, where one of
+  /// the same name is not named again. A new array and its filling are one event. What is said several times
+  /// is counted.
   Words lines(const std::string& answer) const {
     Words shown;
     std::string last;
@@ -145,7 +150,11 @@ class Transcript : public Ground, public testing::WithParamInterface<const char*
       const bool isFilled = event + 1 != record.end() && event[1].ends_with(filling);
       const std::string text =
           (isJava && name == last ? event->substr(name.size()) : *event) + (isFilled ? " filled" : "");
-      const bool isBehind = !shown.empty() && (isTrace || (isJava && !last.empty()));
+      const std::string before = shown.empty() ? "" : shown.back();
+      const bool isSecondRead = event->starts_with("C_GetAttributeValue(") && before.starts_with("C_GetAttr");
+      const bool isNext = event->starts_with("C_FindObjects(") || event->starts_with("C_FindObjectsFinal(") ||
+                          isSecondRead || *event == "dlclose()";
+      const bool isBehind = !before.empty() && (isTrace || isNext || (isJava && !last.empty()));
       if (isBehind && shown.back().size() + text.size() < 108)
         shown.back() += ' ' + text;
       else

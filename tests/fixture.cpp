@@ -1,6 +1,7 @@
-#include "ground.h"
+#include "fixture.h"
 
 #include <dlfcn.h>
+#include <stdio_ext.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -9,8 +10,14 @@
 
 namespace {
 
-/// Told what the library asks of the loader, before it is done.
-std::function<void(const std::string&)> onLoad;
+// Standard output is fully buffered, so that what the library forgets to flush is seen to wait.
+char buffer[1 << 16];
+
+/// Leaves no zeros where the library's variables will be.
+[[gnu::noinline]] void dirtyStack() {
+  volatile char dirt[1 << 12];
+  for (auto& byte : dirt) byte = 0x55;
+}
 
 /// The loader's own function behind one of ours.
 template <class Function>
@@ -20,31 +27,30 @@ Function* genuine(Function*, const char* name) {
 
 }  // namespace
 
+std::function<void(const std::string&)> Fixture::onLoad;
+
 // An executable's own functions come before the C library's.
 extern "C" [[gnu::visibility("default")]] void* dlopen(const char* path, int mode) noexcept {
-  if (onLoad) onLoad("dlopen(" + std::string(path) + ", " + std::to_string(mode) + ")");
+  if (Fixture::onLoad) Fixture::onLoad("dlopen(" + std::string(path) + ", " + std::to_string(mode) + ")");
   return genuine(dlopen, "dlopen")(path, mode);
 }
 
 extern "C" [[gnu::visibility("default")]] int dlclose(void* handle) noexcept {
-  if (onLoad) onLoad("dlclose()");
+  if (Fixture::onLoad) Fixture::onLoad("dlclose()");
   return genuine(dlclose, "dlclose")(handle);
 }
 
-Ground::Ground()
+Fixture::Fixture()
     : output_(memfd_create("stdout", 0)),
       traced_(0),
       handle_(dlopen(kModule, RTLD_NOW)),
       module(*reinterpret_cast<decltype(&mockModule)>(dlsym(handle_, "mockModule"))()) {
-  // Fully buffered, so that nothing is seen of what the library forgets to flush; the buffer has to outlive
-  // it.
-  static char buffer[1 << 16];
   std::setvbuf(stdout, buffer, _IOFBF, sizeof buffer);
   static const std::string beforeAll = entryPoint("getSlotCount").call(java, {});
   EXPECT_EQ("0", beforeAll);
 }
 
-Ground::~Ground() {
+Fixture::~Fixture() {
   begin(State::kUnbound);
   dlclose(handle_);
   for (const char* path : {kModule, OTHER_MODULE}) {
@@ -53,7 +59,7 @@ Ground::~Ground() {
   close(output_);
 }
 
-void Ground::begin(State state, bool populated) {
+void Fixture::begin(State state, bool populated) {
   module.functions = module.genuine;
   module.onAnswer = nullptr;
   module.onCall = nullptr;
@@ -69,7 +75,8 @@ void Ground::begin(State state, bool populated) {
   ASSERT_EQ("0", call("login", {0, officer ? "12345678" : "1234", officer ? CKU_SO : CKU_USER}));
 }
 
-std::string Ground::call(const std::string& name, const Arguments& arguments, std::size_t refusedAllocation) {
+std::string Fixture::call(const std::string& name, const Arguments& arguments,
+                          std::size_t refusedAllocation) {
   java.clear();
   module.log.clear();
   module.yielded.clear();
@@ -78,28 +85,25 @@ std::string Ground::call(const std::string& name, const Arguments& arguments, st
   record.clear();
   buffer_.clear();
   java.onCall = [this](const std::string& line) {
-    std::fflush(stdout);
     addTraces();
     add(line);
   };
   const auto onCall = module.onCall;
   module.onCall = [&](const std::string& line) {
-    addTraces();  // no flush here: the library has to have flushed
-    add(line);
+    addOutside(line);
     if (onCall) onCall(line);
   };
-  onLoad = [this](const std::string& line) {
-    addTraces();  // nor here: a module's own code may run
-    add(line);
-  };
+  onLoad = [this](const std::string& line) { addOutside(line); };
   if (refusedAllocation != 0) java.refuse(refusedAllocation);
 
   std::fflush(stdout);
   const int before = dup(STDOUT_FILENO);
   dup2(output_, STDOUT_FILENO);
-  traced_ = lseek(output_, 0, SEEK_END);
+  EXPECT_EQ(ftruncate(output_, 0), 0);
+  traced_ = static_cast<std::size_t>(lseek(output_, 0, SEEK_SET));
+  dirtyStack();
   const std::string answer = entryPoint(name).call(java, arguments);
-  addTraces();  // nor here
+  addOutside("");
   dup2(before, STDOUT_FILENO);
   close(before);
 
@@ -113,7 +117,7 @@ std::string Ground::call(const std::string& name, const Arguments& arguments, st
   return answer;
 }
 
-void Ground::add(std::string line) {
+void Fixture::add(std::string line) {
   const auto replace = [&](const std::string& what, const std::string& by) {
     for (auto at = line.find(what); at != std::string::npos; at = line.find(what))
       line.replace(at, what.size(), by);
@@ -131,23 +135,31 @@ void Ground::add(std::string line) {
   record.push_back(std::move(line));
 }
 
-void Ground::addTraces() {
-  std::string text(static_cast<std::size_t>(lseek(output_, 0, SEEK_END) - traced_), '\0');
-  traced_ += pread(output_, text.data(), text.size(), traced_);
-  for (std::size_t at = 0; at < text.size();) {
-    const auto end = text.find('\n', at);
-    add('"' + text.substr(at, end - at) + (end == std::string::npos ? "\"" : "\\n\""));
-    at = end == std::string::npos ? end : end + 1;
+void Fixture::addTraces() {
+  std::string text(static_cast<std::size_t>(lseek(output_, 0, SEEK_END)), '\0');
+  text.resize(static_cast<std::size_t>(pread(output_, text.data(), text.size(), 0)));
+  text.append(buffer, __fpending(stdout));
+  while (traced_ < text.size()) {
+    const auto end = std::min(text.find('\n', traced_), text.size());
+    add('"' + text.substr(traced_, end - traced_) + (end == text.size() ? "\"" : "\\n\""));
+    traced_ = std::min(end + 1, text.size());
   }
 }
 
-std::vector<std::pair<std::string, std::size_t>> Ground::moduleCalls() const {
+/// Control leaves the library, for the module, the loader or Java: all that has been traced has left before.
+void Fixture::addOutside(const std::string& line) {
+  addTraces();
+  EXPECT_EQ(__fpending(stdout), 0U) << "a trace still waits: " << record.back();
+  if (!line.empty()) add(line);
+}
+
+std::vector<std::pair<std::string, std::size_t>> Fixture::moduleCalls() const {
   std::map<std::string, std::size_t> made;
   std::vector<std::pair<std::string, std::size_t>> all;
   for (const auto& line : module.log) all.emplace_back(mock::nameOf(line), ++made[mock::nameOf(line)]);
   return all;
 }
 
-bool Ground::called(const std::string& text) const {
+bool Fixture::called(const std::string& text) const {
   return std::ranges::any_of(module.log, [&](const auto& line) { return line.find(text) != line.npos; });
 }

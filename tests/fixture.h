@@ -1,5 +1,5 @@
-// The ground that every native test stands on: the library, the mock module, a fake virtual machine, and what
-// must hold after each call whatever was asked and answered.
+// The fixture of every native test: the library, the mock module, a fake virtual machine, and what must hold
+// after each call whatever was asked and answered.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -9,12 +9,16 @@
 
 #include "entry_points.h"
 
-class Ground : public testing::Test {
+class Fixture : public testing::Test {
+ public:
+  /// Told what the library asks of the loader, before it is done.
+  static std::function<void(const std::string&)> onLoad;
+
  protected:
   static constexpr const char* kModule = MOCK_MODULE;
 
-  Ground();
-  ~Ground() override;
+  Fixture();
+  ~Fixture() override;
 
   /// A new life of the library and the module, as far as this state; with a populated token, if so wished.
   void begin(State state, bool populated = false);
@@ -39,9 +43,10 @@ class Ground : public testing::Test {
  private:
   void add(std::string line);
   void addTraces();
+  void addOutside(const std::string& line);
 
   int output_;          // where standard output goes during a call
-  off_t traced_;        // how much of it is in the record
+  std::size_t traced_;  // how much of it is in the record
   void* handle_;        // keeps the module's state alive over the library's dlclose
   std::string buffer_;  // the address that signWithID traces
 
