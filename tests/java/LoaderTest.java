@@ -80,8 +80,9 @@ class LoaderTest {
     @Test
     void propertyNamesTheOnlyOne() throws Exception {
         Files.writeString(inJar(), "no library");
-        assertTrue(load("-Dsmartcard.library=" + LIBRARY, NOT_ON_LIBRARY_PATH).startsWith(LIBRARY));
-
+        for (Path path : List.of(Path.of(LIBRARY), Path.of("").toAbsolutePath().relativize(Path.of(LIBRARY)))) {
+            assertTrue(load("-Dsmartcard.library=" + path, NOT_ON_LIBRARY_PATH).startsWith(LIBRARY));
+        }
         Files.copy(Path.of(LIBRARY), inJar(), StandardCopyOption.REPLACE_EXISTING);
         String message = load("-Dsmartcard.library=/nowhere/mine.so", ON_LIBRARY_PATH);
         assertFailed(message, "-Dsmartcard.library=PATH", "smartcard.library=/nowhere/mine.so: ");
@@ -116,6 +117,27 @@ class LoaderTest {
                 "the jar: ", "NoSuchFile", "/nowhere/tmp", "java.library.path: ");
         Files.writeString(inJar(), "no library");
         assertFailed(load(NOT_ON_LIBRARY_PATH), "the jar: " + temporary, "java.library.path: ", "/nowhere");
+    }
+
+    /** The JDK's class for temporary files fails in its initializer if the locale cannot encode the folder's name. */
+    @Test
+    void temporaryFolderThatTheLocaleCannotName() throws Exception {
+        List<String> wrapper = List.of("env", "LC_ALL=C");
+        String folder = "-Djava.io.tmpdir=" + temporary.resolve("ü");
+        assertTrue(load(wrapper, folder, ON_LIBRARY_PATH).startsWith(LIBRARY));
+        assertFailed(load(wrapper, folder, NOT_ON_LIBRARY_PATH), "the jar: ", "InvalidPathException",
+                "java.library.path: ");
+    }
+
+    @Test
+    void deniedAccess() throws Exception {
+        Assumptions.assumeTrue(Runtime.version().feature() >= 24, "nothing is denied before");
+        String deny = "--illegal-native-access=deny";
+        String classes = Path.of(Smartcard.class.getProtectionDomain().getCodeSource().getLocation().toURI()).toString();
+        String module = Smartcard.class.getPackageName();
+        assertFailed(load(deny), "--enable-native-access=ALL-UNNAMED", "IllegalCallerException");
+        assertFailed(load(deny, "-p", classes, "--add-modules", module), "--enable-native-access=" + module, "Illegal");
+        assertTrue(load(deny, "--enable-native-access=ALL-UNNAMED", ON_LIBRARY_PATH).contains("libsmartcard"));
     }
 
     @Test

@@ -21,6 +21,7 @@ final class NativeLibrary {
     }
 
     private final List<String> failures = new ArrayList<>();
+    private String advice = "-Dsmartcard.library=PATH names the one to take";
 
     private NativeLibrary() {
     }
@@ -34,8 +35,8 @@ final class NativeLibrary {
                 : library.loadsFrom("the jar", NativeLibrary::loadFromJar)
                         || library.loadsFrom("java.library.path", () -> System.loadLibrary("smartcard"));
         if (!loaded) {
-            throw new UnsatisfiedLinkError("libsmartcard.so cannot be loaded; -Dsmartcard.library=PATH names the one to"
-                    + " take. Tried: " + String.join("; ", library.failures));
+            throw new UnsatisfiedLinkError("libsmartcard.so cannot be loaded; " + library.advice + ". Tried: "
+                    + String.join("; ", library.failures));
         }
     }
 
@@ -45,8 +46,14 @@ final class NativeLibrary {
             return true;
         } catch (UnsatisfiedLinkError e) {
             failures.add(place + ": " + e.getMessage());
-        } catch (IOException | RuntimeException e) { // no access to native code from Java is one of these
-            failures.add(place + ": " + e);
+        } catch (Exception | Error e) { // whatever it is, the next place may do
+            if (e instanceof IllegalCallerException) {
+                Module module = NativeLibrary.class.getModule();
+                advice = "allow native access with --enable-native-access="
+                        + (module.isNamed() ? module.getName() : "ALL-UNNAMED");
+            }
+            // An error in an initializer has its cause in place of a message.
+            failures.add(place + ": " + (e instanceof ExceptionInInitializerError ? e.getCause() : e));
         }
         return false;
     }
