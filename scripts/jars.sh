@@ -26,6 +26,7 @@ make_jar() { # the jar, a folder to work in, and as often as wanted an architect
   rm -rf "$classes"
   mapfile -t sources < <(find "$root/java" -name '*.java' | LC_ALL=C sort)
   "$JAVA_HOME/bin/javac" --release 17 -Xlint:all -Werror -encoding UTF-8 -d "$classes" "${sources[@]}"
+  cp -r "$root/java/META-INF" "$classes"
   while [ $# -gt 0 ]; do
     resources=$classes/com/calvenhor/vork/utils/linux-$1
     mkdir "$resources"

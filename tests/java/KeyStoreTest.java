@@ -532,8 +532,10 @@ class KeyStoreTest {
     /** A tool of the JDK under test, with the first token in place of a file. */
     private static String tool(String command) throws Exception {
         String jar = Path.of(Smartcard.class.getProtectionDomain().getCodeSource().getLocation().toURI()).toString();
-        return run((JDK + command + " -keystore NONE -storetype Smartcard -storepass 1234 -providerClass "
-                + SmartcardProvider.class.getName() + " -providerArg " + first + " -J-cp -J" + jar
+        String provider = command.startsWith("keytool") ? "-addprovider Smartcard" // by name, or else by class
+                : "-providerClass " + SmartcardProvider.class.getName();
+        return run((JDK + command + " -keystore NONE -storetype Smartcard -storepass 1234 " + provider
+                + " -providerArg " + first + " -J-cp -J" + jar
                 + " -J-Djava.library.path=" + System.getProperty("java.library.path")).split(" "));
     }
 

@@ -25,6 +25,8 @@ import java.util.Map;
  *
  * What asks for a Signature without naming a provider, as TLS and XML signatures do, needs {@code
  * Security.addProvider(provider)}. One is enough for the keys of several tokens; a second of this name is not added.
+ * Configuration finds the provider by name, from the class path too: {@code -addprovider Smartcard -providerarg MODULE}
+ * for {@code keytool}, {@code security.provider.N=Smartcard MODULE} in {@code java.security}.
  *
  * <h2>Loading</h2>
  * {@code load} binds the module, opens the slot's session and logs in, as far as the application has not done so;
