@@ -21,6 +21,7 @@ import java.util.Collections;
 import java.util.Comparator;
 import java.util.Date;
 import java.util.Enumeration;
+import java.util.HashMap;
 import java.util.HexFormat;
 import java.util.LinkedHashMap;
 import java.util.LinkedHashSet;
@@ -35,10 +36,14 @@ final class SmartcardKeyStore extends KeyStoreSpi {
     private record Item(String label, X509Certificate certificate, SmartcardKey key) {
     }
 
+    /** A token's content. A caller may ask for every chain, so issuers are indexed by subject. */
+    private record Listing(Map<String, Item> byAlias, Map<X500Principal, List<X509Certificate>> bySubject) {
+    }
+
     private static final Item NONE = new Item(null, null, null);
 
     private final SmartcardSlot configured;
-    private volatile Map<String, Item> items = Map.of();
+    private volatile Listing listing = new Listing(Map.of(), Map.of());
 
     /** @param configured null if the provider was not configured */
     SmartcardKeyStore(SmartcardSlot configured) {
@@ -64,25 +69,35 @@ final class SmartcardKeyStore extends KeyStoreSpi {
             privateKeys = slot.privateKeys();
             certificates = slot.certificates();
         }
+        listing = parse(slot, privateKeys, certificates);
+    }
+
+    /** Makes entries of the private keys and certificates that a slot has listed. */
+    private static Listing parse(SmartcardSlot slot, List<byte[][]> privateKeys, List<byte[][]> certificates)
+            throws NoSuchAlgorithmException, CertificateException {
         // Objects without an ID do not belong together for that.
         Set<ByteBuffer> keyIds = privateKeys.stream().map(row -> ByteBuffer.wrap(row[0]))
                 .filter(ByteBuffer::hasRemaining).collect(Collectors.toSet());
         CertificateFactory factory = CertificateFactory.getInstance("X.509");
         List<Item> found = new ArrayList<>();
+        Map<X500Principal, List<X509Certificate>> bySubject = new HashMap<>();
         for (byte[][] row : certificates) {
             try {
                 X509Certificate certificate =
                         (X509Certificate) factory.generateCertificate(new ByteArrayInputStream(row[2]));
-                SmartcardKey key = keyIds.contains(ByteBuffer.wrap(row[0]))
-                        && certificate.getPublicKey() instanceof RSAPublicKey publicKey
+                SmartcardKey key = certificate.getPublicKey() instanceof RSAPublicKey publicKey
                         && publicKey.getAlgorithm().equals("RSA") // and not RSASSA-PSS
+                        && keyIds.contains(ByteBuffer.wrap(row[0]))
                         ? new SmartcardKey(slot, row[0], publicKey) : null;
+                bySubject.computeIfAbsent(certificate.getSubjectX500Principal(), name -> new ArrayList<>())
+                        .add(certificate);
                 found.add(new Item(SmartcardSlot.text(row[1]), certificate, key));
-            } catch (CertificateException e) {
-                // One that cannot be read must not keep the others away.
+            } catch (CertificateException | RuntimeException e) {
+                // An unreadable one must not keep the others away. Another provider's factory may return null, or
+                // throw an unchecked exception when a part is asked for.
             }
         }
-        items = byAlias(found);
+        return new Listing(byAlias(found), bySubject);
     }
 
     /** A label that stands for several certificates, or for none, is told apart by the certificate. */
@@ -108,21 +123,21 @@ final class SmartcardKeyStore extends KeyStoreSpi {
 
     @Override
     public Enumeration<String> engineAliases() {
-        return Collections.enumeration(items.keySet());
+        return Collections.enumeration(listing.byAlias.keySet());
     }
 
     @Override
     public int engineSize() {
-        return items.size();
+        return listing.byAlias.size();
     }
 
     @Override
     public boolean engineContainsAlias(String alias) {
-        return items.containsKey(alias);
+        return listing.byAlias.containsKey(alias);
     }
 
     private Item item(String alias) {
-        return items.getOrDefault(alias, NONE);
+        return listing.byAlias.getOrDefault(alias, NONE);
     }
 
     @Override
@@ -164,8 +179,8 @@ final class SmartcardKeyStore extends KeyStoreSpi {
     private X509Certificate issuer(X509Certificate certificate) {
         X500Principal name = certificate.getIssuerX500Principal();
         return name.equals(certificate.getSubjectX500Principal()) ? null
-                : items.values().stream().map(Item::certificate)
-                .filter(other -> name.equals(other.getSubjectX500Principal()) && isSigned(certificate, other))
+                : listing.bySubject.getOrDefault(name, List.of()).stream()
+                .filter(other -> isSigned(certificate, other))
                 .max(Comparator.comparing(X509Certificate::getNotAfter)).orElse(null);
     }
 
@@ -180,7 +195,7 @@ final class SmartcardKeyStore extends KeyStoreSpi {
 
     @Override
     public String engineGetCertificateAlias(Certificate certificate) {
-        return items.entrySet().stream().filter(entry -> entry.getValue().certificate.equals(certificate))
+        return listing.byAlias.entrySet().stream().filter(entry -> entry.getValue().certificate.equals(certificate))
                 .map(Map.Entry::getKey).findFirst().orElse(null);
     }
 
