@@ -5,6 +5,7 @@ import java.security.PrivateKey;
 import java.security.interfaces.RSAKey;
 import java.security.interfaces.RSAPublicKey;
 import java.security.spec.AlgorithmParameterSpec;
+import java.util.Arrays;
 import java.util.HexFormat;
 
 /**
@@ -39,6 +40,17 @@ record SmartcardKey(SmartcardSlot slot, byte[] id, RSAPublicKey publicKey) imple
     @Override
     public AlgorithmParameterSpec getParams() {
         return null;
+    }
+
+    /** A record would compare the array by identity, and no key would equal that of another load. */
+    @Override
+    public boolean equals(Object other) {
+        return other instanceof SmartcardKey key && slot.equals(key.slot) && Arrays.equals(id, key.id);
+    }
+
+    @Override
+    public int hashCode() {
+        return 31 * slot.hashCode() + Arrays.hashCode(id);
     }
 
     @Override

@@ -7,10 +7,11 @@ import java.util.Map;
 
 /**
  * A token as a {@link java.security.KeyStore KeyStore} of the type {@code Smartcard}, whose keys sign by {@link
- * java.security.Signature Signature}: {@code NONEwithRSA} (over a DigestInfo that the caller gives) and {@code SHA1},
- * {@code SHA224}, {@code SHA256}, {@code SHA384} and {@code SHA512withRSA}, all of PKCS #1 v1.5. What CKM_RSA_PKCS
- * alone cannot do, it does not offer: PSS, and so no TLS 1.3 client authentication (limit the client to TLS 1.2); EC
- * keys; decryption; keys that want a PIN for each signature.
+ * java.security.Signature Signature}: {@code NONEwithRSA} (over a DigestInfo that the caller gives); {@code SHA1},
+ * {@code SHA224}, {@code SHA256}, {@code SHA384} and {@code SHA512withRSA}; {@code SHA3-224}, {@code SHA3-256}, {@code
+ * SHA3-384} and {@code SHA3-512withRSA}. All are PKCS #1 v1.5, and each but the first also has its OID as a name. What
+ * CKM_RSA_PKCS alone cannot do, it does not offer: PSS, and so no TLS 1.3 client authentication (limit the client to
+ * TLS 1.2); EC keys; decryption; keys that want a PIN for each signature.
  *
  * <p>It is not a trust store: every certificate on the token would be an anchor. Traces go to standard output, as with
  * {@link Smartcard}; let tools write with an option such as {@code -file}.
@@ -44,8 +45,9 @@ import java.util.Map;
  * hexadecimal. Key passwords are not used. Entries cannot be changed; the natives of {@link Smartcard} do that.
  *
  * <h2>Keys</h2>
- * A key is a slot and an ID. Each signature is verified with the certificate before it is returned, so that one by
- * another key of the same ID, or by another card, is a {@link java.security.SignatureException}.
+ * A key is a slot and an ID; keys with the same slot and ID are equal. Each signature is verified with the certificate
+ * before it is returned, so that one by another key of the same ID, or by another card, is a {@link
+ * java.security.SignatureException}.
  *
  * <p>Several threads may use all of it at once, also beside calls of {@link Smartcard}, which share its lock.
  */
@@ -62,11 +64,22 @@ public final class SmartcardProvider extends Provider {
     private SmartcardProvider(SmartcardSlot slot) {
         super("Smartcard", "1.0", "RSA keys and certificates of smart cards, through PKCS#11");
         this.slot = slot;
-        putService(new TokenService("KeyStore", "Smartcard", SmartcardKeyStore.class, Map.of()));
+        putService(new Service(this, "KeyStore", "Smartcard", SmartcardKeyStore.class.getName(), null, null) {
+            @Override
+            public Object newInstance(Object parameter) {
+                return new SmartcardKeyStore(slot);
+            }
+        });
         // Asked for one of these without a provider, the JDK chooses it by the key's class.
         Map<String, String> keys = Map.of("SupportedKeyClasses", SmartcardKey.class.getName());
         for (Algorithm algorithm : Algorithm.values()) {
-            putService(new TokenService("Signature", algorithm.name(), SmartcardSignature.class, keys));
+            putService(new Service(this, "Signature", algorithm.standardName(), SmartcardSignature.class.getName(),
+                    algorithm.aliases(), keys) {
+                @Override
+                public Object newInstance(Object parameter) throws NoSuchAlgorithmException {
+                    return new SmartcardSignature(algorithm);
+                }
+            });
         }
     }
 
@@ -86,17 +99,5 @@ public final class SmartcardProvider extends Provider {
     @Override
     public boolean isConfigured() {
         return slot != null;
-    }
-
-    private final class TokenService extends Service {
-        TokenService(String type, String algorithm, Class<?> spi, Map<String, String> attributes) {
-            super(SmartcardProvider.this, type, algorithm, spi.getName(), null, attributes);
-        }
-
-        @Override
-        public Object newInstance(Object parameter) throws NoSuchAlgorithmException {
-            return getType().equals("KeyStore") ? new SmartcardKeyStore(slot)
-                    : new SmartcardSignature(Algorithm.valueOf(getAlgorithm()));
-        }
     }
 }

@@ -14,24 +14,41 @@ import java.security.SignatureSpi;
 import java.security.interfaces.RSAPublicKey;
 import java.util.Arrays;
 import java.util.HexFormat;
+import java.util.List;
 
 /** RSA signatures of PKCS #1 v1.5: made by the token, verified here. */
 final class SmartcardSignature extends SignatureSpi {
-    /** The algorithms by their names, each with its digest and the DER encoding of DigestInfo up to the digest. */
+    /** Each algorithm with its OID, its digest and the DER encoding of DigestInfo up to the digest. */
     enum Algorithm {
-        NONEwithRSA(null, ""), // the caller gives the DigestInfo
-        SHA1withRSA("SHA-1", "3021300906052b0e03021a05000414"),
-        SHA224withRSA("SHA-224", "302d300d06096086480165030402040500041c"),
-        SHA256withRSA("SHA-256", "3031300d060960864801650304020105000420"),
-        SHA384withRSA("SHA-384", "3041300d060960864801650304020205000430"),
-        SHA512withRSA("SHA-512", "3051300d060960864801650304020305000440");
+        NONEwithRSA(null, null, ""), // the caller passes the DigestInfo, and it has no OID of its own
+        SHA1withRSA("1.2.840.113549.1.1.5", "SHA-1", "3021300906052b0e03021a05000414"),
+        SHA224withRSA("1.2.840.113549.1.1.14", "SHA-224", "302d300d06096086480165030402040500041c"),
+        SHA256withRSA("1.2.840.113549.1.1.11", "SHA-256", "3031300d060960864801650304020105000420"),
+        SHA384withRSA("1.2.840.113549.1.1.12", "SHA-384", "3041300d060960864801650304020205000430"),
+        SHA512withRSA("1.2.840.113549.1.1.13", "SHA-512", "3051300d060960864801650304020305000440"),
+        SHA3_224withRSA("2.16.840.1.101.3.4.3.13", "SHA3-224", "302d300d06096086480165030402070500041c"),
+        SHA3_256withRSA("2.16.840.1.101.3.4.3.14", "SHA3-256", "3031300d060960864801650304020805000420"),
+        SHA3_384withRSA("2.16.840.1.101.3.4.3.15", "SHA3-384", "3041300d060960864801650304020905000430"),
+        SHA3_512withRSA("2.16.840.1.101.3.4.3.16", "SHA3-512", "3051300d060960864801650304020a05000440");
 
+        private final String oid;
         private final String digest;
         private final byte[] prefix;
 
-        Algorithm(String digest, String prefix) {
+        Algorithm(String oid, String digest, String prefix) {
+            this.oid = oid;
             this.digest = digest;
             this.prefix = HexFormat.of().parseHex(prefix);
+        }
+
+        /** {@return the name in the JDK, such as SHA3-256withRSA} */
+        String standardName() {
+            return name().replace('_', '-');
+        }
+
+        /** {@return the OID as the only other name, if there is one} */
+        List<String> aliases() {
+            return oid == null ? List.of() : List.of(oid);
         }
     }
 
@@ -49,7 +66,8 @@ final class SmartcardSignature extends SignatureSpi {
     @Override
     protected void engineInitSign(PrivateKey privateKey) throws InvalidKeyException {
         if (!(privateKey instanceof SmartcardKey smartcardKey)) {
-            throw new InvalidKeyException("a key from a KeyStore of the type Smartcard is expected");
+            throw new InvalidKeyException(privateKey == null ? "the key is null: getKey returns null for "
+                    + "an alias that has no key" : "a key from a KeyStore of the type Smartcard is expected");
         }
         key = smartcardKey;
         engineInitVerify(key.publicKey()); // each signature is verified with it
