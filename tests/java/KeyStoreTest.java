@@ -2,23 +2,21 @@ import static org.junit.jupiter.api.Assertions.*;
 
 import com.calvenhor.vork.utils.*;
 import java.io.*;
+import java.math.BigInteger;
 import java.net.Socket;
 import java.nio.file.*;
 import java.security.*;
+import java.security.cert.*;
 import java.security.cert.Certificate;
-import java.security.cert.X509Certificate;
 import java.security.interfaces.RSAKey;
+import java.security.spec.PSSParameterSpec;
+import java.time.Duration;
 import java.util.*;
 import java.util.concurrent.*;
 import javax.net.ssl.*;
-import javax.xml.crypto.dsig.*;
-import javax.xml.crypto.dsig.dom.*;
-import javax.xml.crypto.dsig.spec.*;
-import javax.xml.parsers.DocumentBuilderFactory;
 import org.junit.jupiter.api.*;
 import org.junit.jupiter.api.function.Executable;
 import org.junit.jupiter.api.io.TempDir;
-import org.w3c.dom.*;
 
 /** The KeyStore: on tokens that another maker's tool has filled, and on the mock module for what goes wrong. */
 class KeyStoreTest {
@@ -41,6 +39,10 @@ class KeyStoreTest {
             echo basicConstraints=critical,CA:TRUE >ca.ext
             req ca | openssl x509 -req -CA root.crt -CAkey root.pem -extfile ca.ext -outform DER -out ca.crt
             req leaf | openssl x509 -req -CA ca.crt -CAkey ca.pem -outform DER -out leaf.crt
+            req a | openssl x509 -req -CA b.crt -CAkey b.pem -outform DER -out a-by-b.crt
+            for days in 60 45 30; do
+              req b | openssl x509 -req -days $days -CA a.crt -CAkey a.pem -outform DER -out b-$days.crt
+            done
             openssl req -new -x509 -days 9999 -subj /CN=ca -key b.pem -outform DER -out other-ca.crt
             openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout ec.pem -subj /CN=ec \\
               -outform DER -out ec.crt
@@ -58,7 +60,7 @@ class KeyStoreTest {
             key b --id 0606; crt b --id 0606
             key a --id 0707; crt ec --id 0707 --label other-algorithm; crt pss --id 0707 --label pss
             token=Second pin=şifre1
-            key a --id 0909; crt a --id 0909 --label x/01234567
+            key a --id 01; crt a --id 01 --label x/01234567
             """;
 
     @TempDir
@@ -112,7 +114,10 @@ class KeyStoreTest {
     }
 
     private static byte[] sign(Provider provider, String algorithm, PrivateKey key, byte[] data) throws Exception {
-        Signature signature = Signature.getInstance(algorithm, provider);
+        return sign(Signature.getInstance(algorithm, provider), key, data);
+    }
+
+    private static byte[] sign(Signature signature, PrivateKey key, byte[] data) throws Exception {
         signature.initSign(key);
         signature.update(data[0]);
         signature.update(data, 1, data.length - 1);
@@ -149,13 +154,15 @@ class KeyStoreTest {
     /** The certificate of "a" with each ID and label, on the mock that has a key with the ID "mock", and junk. */
     private static void fillMock(String... idsAndLabels) throws Exception {
         MockTest.begin();
-        byte[] der = Files.readAllBytes(folder.resolve("a.crt"));
         for (int i = 0; i < idsAndLabels.length; i += 2) {
-            Smartcard.writeCertificateDLL(0, der, der, der, der, idsAndLabels[i].getBytes(),
-                    idsAndLabels[i + 1].getBytes());
+            write(Files.readAllBytes(folder.resolve("a.crt")), idsAndLabels[i], idsAndLabels[i + 1]);
         }
         Smartcard.finalizeDLL();
         MockTest.takeCalls();
+    }
+
+    private static void write(byte[] der, String id, String label) {
+        Smartcard.writeCertificateDLL(0, der, der, der, der, id.getBytes(), label.getBytes());
     }
 
     // ---- Entries and signatures ----
@@ -163,6 +170,7 @@ class KeyStoreTest {
     @Test
     void entries() throws Exception {
         KeyStore store = load(first, "1234");
+        Signature signature = Signature.getInstance("SHA256withRSA", store.getProvider()); // with each key in turn
         List<String> found = new ArrayList<>();
         for (String alias : Collections.list(store.aliases())) {
             X509Certificate certificate = (X509Certificate) store.getCertificate(alias);
@@ -176,7 +184,8 @@ class KeyStoreTest {
                 assertArrayEquals(store.getCertificateChain(alias), key.getCertificateChain());
                 entry = "key, chain of " + key.getCertificateChain().length;
                 try {
-                    entry += signs(store, alias) ? ", signs" : ", WRONG";
+                    byte[] signed = sign(signature, key.getPrivateKey(), DATA);
+                    entry += verifies("SHA256withRSA", certificate, signed) ? ", signs" : ", WRONG";
                 } catch (SignatureException e) {
                     entry += ", refuses";
                     assertNull(e.getCause(), e.toString());
@@ -213,15 +222,72 @@ class KeyStoreTest {
 
     @Test
     void copies() throws Exception {
+        KeyStore store = store(MOCK);
         for (String[] copies : new String[][] {{"mock", "X\0", "none", "X"}, {"none", "X", "mock", "X"}}) {
             fillMock(copies);
-            KeyStore store = load(MOCK, "1");
+            store.load(null, "1".toCharArray());
             assertEquals(List.of("X"), Collections.list(store.aliases()));
             assertTrue(store.isKeyEntry("X"));
         }
         fillMock("none", "X", "mock", "Y");
+        store.load(null, "1".toCharArray());
+        Certificate equal = CertificateFactory.getInstance("X.509").generateCertificates(
+                Files.newInputStream(folder.resolve("a.crt"))).iterator().next(); // which does not cache
+        assertNotSame(equal, store.getCertificate("Y"));
+        assertEquals("Y", store.getCertificateAlias(equal));
+    }
+
+    /** Two issuers signed each other, one of them three times: the chain takes the one valid longest, and ends. */
+    @Test
+    void circleOfIssuers() throws Exception {
+        MockTest.begin();
+        for (String name : List.of("b-45", "b-60", "a-by-b", "b-30")) {
+            write(Files.readAllBytes(folder.resolve(name + ".crt")), name.equals("a-by-b") ? "mock" : "none", name);
+        }
         KeyStore store = load(MOCK, "1");
-        assertEquals("Y", store.getCertificateAlias(store.getCertificate("X")));
+        assertArrayEquals(new Certificate[] {store.getCertificate("a-by-b"), store.getCertificate("b-60")},
+                assertTimeoutPreemptively(Duration.ofSeconds(20), () -> store.getCertificateChain("a-by-b")));
+    }
+
+    /** Returns null for an empty value, as those of other providers do. */
+    public static final class OtherFactory extends CertificateFactorySpi {
+        @Override
+        public Certificate engineGenerateCertificate(InputStream in) throws CertificateException {
+            return ((ByteArrayInputStream) in).available() == 0 ? null
+                    : CertificateFactory.getInstance("X.509", Security.getProvider("SUN")).generateCertificate(in);
+        }
+
+        @Override
+        public Collection<Certificate> engineGenerateCertificates(InputStream in) {
+            return null;
+        }
+
+        @Override
+        public CRL engineGenerateCRL(InputStream in) {
+            return null;
+        }
+
+        @Override
+        public Collection<CRL> engineGenerateCRLs(InputStream in) {
+            return null;
+        }
+    }
+
+    @Test
+    void otherCertificateFactory() throws Exception {
+        fillMock("mock", "X");
+        load(MOCK, "1");
+        write(new byte[0], "mock", "empty");
+        Provider other = new Provider("Other", "1", "") {
+            private static final long serialVersionUID = 1;
+        };
+        other.put("CertificateFactory.X.509", OtherFactory.class.getName());
+        Security.insertProviderAt(other, 1);
+        try {
+            assertEquals(List.of("X"), Collections.list(load(MOCK, "1").aliases()));
+        } finally {
+            Security.removeProvider("Other");
+        }
     }
 
     @Test
@@ -233,9 +299,11 @@ class KeyStoreTest {
                 + HexFormat.of().formatHex(MessageDigest.getInstance("SHA-256").digest(DATA)));
         Provider provider = store.getProvider();
         assertTrue(verifies("SHA256withRSA", certificate, sign(provider, "NONEwithRSA", key, digestInfo)));
-        for (String digest : List.of("SHA1", "SHA224", "SHA256", "SHA384", "SHA512")) {
-            String algorithm = digest + "withRSA";
-            byte[] signed = sign(provider, algorithm, key, DATA);
+        for (String oid : List.of("1.2.840.113549.1.1.5", "1.2.840.113549.1.1.14", "1.2.840.113549.1.1.11",
+                "1.2.840.113549.1.1.12", "1.2.840.113549.1.1.13", "2.16.840.1.101.3.4.3.13", "2.16.840.1.101.3.4.3.14",
+                "2.16.840.1.101.3.4.3.15", "2.16.840.1.101.3.4.3.16")) {
+            String algorithm = Security.getProvider("SunRsaSign").getService("Signature", oid).getAlgorithm();
+            byte[] signed = sign(provider, oid, key, DATA);
             assertTrue(verifies(algorithm, certificate, signed), algorithm);
 
             Signature signature = Signature.getInstance(algorithm, provider);
@@ -256,8 +324,32 @@ class KeyStoreTest {
         assertFails(SignatureException.class, "245", () -> sign(provider, "NONEwithRSA", key, new byte[246]));
         assertEquals(2048, ((RSAKey) key).getModulus().bitLength());
         assertNull(((RSAKey) key).getParams());
+        assertNull(key.getFormat());
+        assertNull(key.getEncoded());
         assertThrows(NotSerializableException.class,
                 () -> new ObjectOutputStream(new ByteArrayOutputStream()).writeObject(key));
+        assertTrue(new HashSet<>(List.of(key)).contains(key(load(first, "1234"), "Köy")));
+        KeyStore other = load(second, "şifre1"); // its key has the same ID
+        assertFalse(List.of(key(store, "wrong"), key(other, other.aliases().nextElement())).contains(key));
+    }
+
+    @Test
+    @SuppressWarnings("deprecation")
+    void numbersAndParameters() throws Exception {
+        KeyPairGenerator generator = KeyPairGenerator.getInstance("RSA");
+        generator.initialize(2047); // also 256 bytes
+        KeyPair keys = generator.generateKeyPair();
+        Signature signature = Signature.getInstance("SHA256withRSA", new SmartcardProvider());
+        signature.initVerify(keys.getPublic());
+        byte[] signed = sign(Security.getProvider("SunRsaSign"), "SHA256withRSA", keys.getPrivate(), DATA);
+        signature.update(DATA);
+        assertTrue(signature.verify(signed));
+        byte[] larger = new BigInteger(1, signed).add(((RSAKey) keys.getPublic()).getModulus()).toByteArray();
+        signature.update(DATA);
+        assertFalse(signature.verify(Arrays.copyOfRange(larger, larger.length - 256, larger.length)));
+
+        assertThrows(UnsupportedOperationException.class, () -> signature.setParameter(PSSParameterSpec.DEFAULT));
+        assertThrows(InvalidParameterException.class, () -> signature.setParameter("saltLength", 32));
     }
 
     /** Asked without a provider, the JDK chooses by the key, wherever this provider stands. */
@@ -490,7 +582,7 @@ class KeyStoreTest {
         KeyPair software = KeyPairGenerator.getInstance("EC").generateKeyPair();
         assertFails(InvalidKeyException.class, "KeyStore", () -> signature.initSign(software.getPrivate()));
         assertFails(InvalidKeyException.class, "RSA", () -> signature.initVerify(software.getPublic()));
-        assertThrows(InvalidKeyException.class, () -> signature.initSign(null));
+        assertFails(InvalidKeyException.class, "key is null", () -> signature.initSign(null));
     }
 
     @Test
@@ -521,8 +613,6 @@ class KeyStoreTest {
         assertTrue(tool("keytool -list").contains("contains 13 entries"));
         tool("keytool -exportcert -alias Köy -file exported");
         assertEquals(-1, Files.mismatch(folder.resolve("leaf.crt"), folder.resolve("exported")));
-        tool("keytool -certreq -alias Köy -file request");
-        assertTrue(run("openssl", "req", "-verify", "-noout", "-subject", "-in", "request").contains("CN = leaf"));
         run(JDK + "jar", "cf", "signed.jar", "leaf.crt");
         tool("jarsigner -sigalg SHA512withRSA signed.jar Köy");
         String verified = run(JDK + "jarsigner", "-verify", "-verbose:summary", "-certs", "signed.jar");
@@ -537,24 +627,6 @@ class KeyStoreTest {
         return run((JDK + command + " -keystore NONE -storetype Smartcard -storepass 1234 " + provider
                 + " -providerArg " + first + " -J-cp -J" + jar
                 + " -J-Djava.library.path=" + System.getProperty("java.library.path")).split(" "));
-    }
-
-    @Test
-    void xmlSignature() throws Exception {
-        KeyStore store = load(first, "1234");
-        Security.addProvider(store.getProvider());
-        Document document = DocumentBuilderFactory.newDefaultNSInstance().newDocumentBuilder().newDocument();
-        Node root = document.appendChild(document.createElement("a"));
-        XMLSignatureFactory factory = XMLSignatureFactory.getInstance();
-        Reference reference = factory.newReference("", factory.newDigestMethod(DigestMethod.SHA256, null),
-                List.of(factory.newTransform(Transform.ENVELOPED, (TransformParameterSpec) null)), null, null);
-        SignedInfo information = factory.newSignedInfo(
-                factory.newCanonicalizationMethod(CanonicalizationMethod.INCLUSIVE, (C14NMethodParameterSpec) null),
-                factory.newSignatureMethod(SignatureMethod.RSA_SHA256, null), List.of(reference));
-        factory.newXMLSignature(information, null).sign(new DOMSignContext(key(store, "Köy"), root));
-        DOMValidateContext context = new DOMValidateContext(store.getCertificate("Köy").getPublicKey(),
-                root.getFirstChild());
-        assertTrue(factory.unmarshalXMLSignature(context).validate(context));
     }
 
     @Test
