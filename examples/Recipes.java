@@ -14,6 +14,7 @@ import java.security.KeyStore;
 import java.security.MessageDigest;
 import java.security.PrivateKey;
 import java.security.Provider;
+import java.security.Security;
 import java.security.Signature;
 import java.security.cert.CertificateFactory;
 import java.security.cert.X509Certificate;
@@ -173,7 +174,8 @@ final class Recipes {
         long reported = -1;
         for (long slot = slotOf(serialNumber);; Thread.sleep(500)) {
             synchronized (Smartcard.class) {
-                boolean goesOn = Smartcard.isSessionOpenDLL(slot) == 0
+                boolean goesOn = (Smartcard.getSlotInfoDLL(slot) & 1) != 0 // first: OpenSC looks for the card only here
+                        && Smartcard.isSessionOpenDLL(slot) == 0
                         && Arrays.equals(Smartcard.readCardSerialNumberDLL(slot), serialNumber);
                 if (!goesOn) {
                     slot = reconnect(module, serialNumber, pin);
@@ -212,12 +214,19 @@ final class Recipes {
     }
 
     static final class Binding implements AutoCloseable {
+        private final Provider provider = new SmartcardProvider().configure("0"); // slot 0 of the bound module
+
         Binding(String module) throws IOException {
             check("initDLL", Smartcard.initDLL(module));
+            if (Security.addProvider(provider) == -1) { // an earlier deployment's, which cannot use keys of this one
+                Smartcard.finalizeDLL();
+                throw new IOException("another provider " + provider.getName() + " is registered");
+            }
         }
 
         @Override
         public void close() {
+            Security.removeProvider(provider.getName());
             Smartcard.finalizeDLL(); // waits for the call that is under way, then ends all sessions
         }
     }

@@ -101,7 +101,8 @@ final class Token implements AutoCloseable {
 
     private static void bind(String module) throws Failure {
         long code = Smartcard.initDLL(module);
-        require(code != -1, "initDLL: " + module + " cannot be loaded");
+        require(code != -1, "initDLL: " + module + " cannot be loaded; if the file exists, `ldd " + module
+                + "` shows which library is missing");
         require(code != -2, "initDLL: " + module + " is no PKCS#11 module");
         require(code != -3, "initDLL: the module has no slot; is the reader there?");
         check(code, "initDLL");
@@ -131,7 +132,9 @@ final class Token implements AutoCloseable {
     private static Token existing(long slot, String pin) throws Failure {
         Token token = new Token(slot >= 0 ? slot : firstToken());
         step("Open a session in slot " + token.slot);
-        check(Smartcard.openSessionDLL(token.slot), "openSessionDLL");
+        long code = Smartcard.openSessionDLL(token.slot);
+        require(code != -1, "there is no slot " + slot + ": the last is " + (Smartcard.getSlotCountDLL() - 1));
+        check(code, "openSessionDLL");
         if (pin == null || pin.isEmpty()) {
             tell("No PIN is given: what the token keeps private stays out of sight.");
         } else {

@@ -6,6 +6,7 @@ import java.lang.reflect.Method;
 import java.net.*;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.*;
+import java.security.Security;
 import java.util.*;
 import java.util.concurrent.*;
 import java.util.regex.*;
@@ -222,7 +223,7 @@ class DocsTest {
         assertWatched(MODULE, serialNumber, PIN, () -> {
             Files.move(token, folder.resolve("away"));
             assertAnswers(3);
-        }, () -> Files.move(folder.resolve("away"), token));
+        }, () -> Files.move(folder.resolve("away"), token), () -> { });
 
         if (MODULE.equals(DEBIANS_MODULE)) { // which these two name
             assertArrayEquals(signature, Recipes.asKeyStore(PIN.toCharArray(), DOCUMENT));
@@ -235,35 +236,59 @@ class DocsTest {
         assertTrue(signed.contains("jar verified."), signed);
     }
 
-    /** The mock's card asks for its PIN itself. */
+    /** The mock's card asks for its PIN itself, and is noticed late as well, as by OpenSC. */
     @Test
     void recipesWithAPinPad() throws Throwable {
-        Smartcard.finalizeDLL();
-        MockTest.reset();
-        MockTest.setTokenFlags(0x100); // CKF_PROTECTED_AUTHENTICATION_PATH
-        assertWatched(MOCK, "0123456789abcdef".getBytes(), "not asked for", () -> {
+        for (int column : new int[] {2, 4}) {
+            beginWithAPinPad(column == 4);
             MockTest.setCard(false);
-            assertAnswers(2);
-        }, () -> {
-            MockTest.setCard(true);
-            MockTest.failAt("C_OpenSession", 1, 0xE0); // not ready yet
-        });
+            assertAnswers(column);
+            beginWithAPinPad(column == 4);
+            assertWatched(MOCK, "0123456789abcdef".getBytes(), "not asked for", () -> MockTest.setCard(false), () -> {
+                MockTest.setCard(true);
+                MockTest.failAt("C_OpenSession", 1, 0xE0); // not ready yet
+            }, () -> {
+                synchronized (Smartcard.class) { // the mock is everybody's
+                    MockTest.takeCalls();
+                    MockTest.setCard(false);
+                    MockTest.setCard(true);
+                }
+                String calls = "";
+                for (int i = 0; i < 200 && !calls.contains("C_Login"); i++) {
+                    Thread.sleep(50);
+                    synchronized (Smartcard.class) {
+                        calls += MockTest.takeCalls();
+                    }
+                }
+                assertTrue(calls.contains("C_Login"), calls);
+            });
+        }
+    }
+
+    private static void beginWithAPinPad(boolean noticesLate) {
+        MockTest.begin();
+        MockTest.setTokenFlags(0x500); // CKF_PROTECTED_AUTHENTICATION_PATH, CKF_TOKEN_INITIALIZED
+        if (noticesLate) {
+            MockTest.noticeLate();
+        }
     }
 
     /** What is answered while the card is out stands in a column of the table. */
     private static void assertAnswers(int column) throws Exception {
         String table = matches("^\\| asked \\|.*\n.*\n((?:\\|.*\n)+)", read("docs/using.md")).get(0).group(1);
         for (String line : table.split("\n")) {
-            MatchResult row = matches("^\\| `(\\w+)` \\| (\\S+) \\| (\\S+) \\|$", line).get(0);
+            String[] cells = line.split("\\|");
+            MatchResult row = matches("`(\\w+)(?:\\(slot\\) & (\\w+))?`", cells[1]).get(0);
             Method method = NATIVES.get(row.group(1));
             Object answer = method.invoke(null, MockTest.arguments(method));
-            assertEquals(row.group(column), answer instanceof Long code ? String.format("0x%02X", code)
-                    : String.format("{%02X}", head(answer)[0]), row.group());
+            long mask = row.group(2) == null ? -1 : Long.decode(row.group(2));
+            assertEquals(cells[column].strip(), answer instanceof Long code ? String.format("0x%02X", code & mask)
+                    : head(answer).length > 1 ? "the number" : String.format("{%02X}", head(answer)[0]), line);
         }
     }
 
     private static void assertWatched(String module, byte[] serialNumber, String pin, Executable takeOut,
-            Executable putIn) throws Throwable {
+            Executable putIn, Executable then) throws Throwable {
         BlockingQueue<Long> reports = new LinkedBlockingQueue<>();
         FutureTask<Void> watcher = new FutureTask<>(() -> {
             Recipes.watch(module, serialNumber, pin, reports::add);
@@ -277,6 +302,7 @@ class DocsTest {
             }
             assertEquals(step == takeOut ? -1 : 0, reports.poll(20, TimeUnit.SECONDS));
         }
+        then.execute();
         assertEquals(3, Smartcard.getSessionInfoDLL(0)[0]); // CKS_RW_USER_FUNCTIONS
         thread.interrupt();
         assertThrows(ExecutionException.class, watcher::get);
@@ -302,12 +328,20 @@ class DocsTest {
     void redeployed(@TempDir Path folder) throws Exception {
         Smartcard.finalizeDLL();
         Path copy = Files.copy(LIBRARY, folder.resolve("copy.so"));
+        Security.addProvider(new SmartcardProvider());
+        for (int i = 0; i < 2; i++) { // the second shows that the first has left no module bound
+            assertTrue(assertThrows(IOException.class, () -> new Recipes.Binding(MOCK)).getMessage()
+                    .startsWith("another provider Smartcard"));
+        }
+        Security.removeProvider("Smartcard");
         Recipes.Binding first = new Recipes.Binding(MOCK);
+        assertNotNull(Security.getProvider("Smartcard"));
         try (URLClassLoader samePath = loader(LIBRARY); URLClassLoader ownCopy = loader(copy)) {
             assertTrue(assertThrows(UnsatisfiedLinkError.class, () -> call(samePath, "initDLL", MOCK)).getMessage()
                     .contains("already loaded in another classloader"));
             assertEquals(0x191L, call(ownCopy, "initDLL", MOCK));
             first.close();
+            assertNull(Security.getProvider("Smartcard"));
             assertEquals(0L, call(ownCopy, "initDLL", MOCK));
             call(ownCopy, "finalizeDLL");
         }

@@ -222,8 +222,9 @@ class KeyStoreTest {
 
     @Test
     void copies() throws Exception {
+        String unprintable = "\0\u009F\u061C\u200E\u200F\u202A\u202E\u2066\u2069";
         KeyStore store = store(MOCK);
-        for (String[] copies : new String[][] {{"mock", "X\0", "none", "X"}, {"none", "X", "mock", "X"}}) {
+        for (String[] copies : new String[][] {{"mock", "X" + unprintable, "none", "X"}, {"none", "X", "mock", "X"}}) {
             fillMock(copies);
             store.load(null, "1".toCharArray());
             assertEquals(List.of("X"), Collections.list(store.aliases()));
@@ -398,6 +399,10 @@ class KeyStoreTest {
         assertWrongPin(0xA0, MOCK, "2");
         MockTest.failAt("C_Login", 1, 0xA2);
         assertWrongPin(0xA2, MOCK, "1");
+        for (String row : List.of("10000 more than one", "30000 one try", "70000 locked")) {
+            MockTest.setTokenFlags(0x40D | Long.parseLong(row.substring(0, 5), 16));
+            assertFails(SmartcardException.class, row.substring(6), () -> load(MOCK, "2"));
+        }
         MockTest.failAt("C_Login", 1, 0xA4);
         assertNull(assertThrows(SmartcardException.class, () -> load(MOCK, "1")).getCause()); // locked, not wrong
     }
@@ -447,27 +452,55 @@ class KeyStoreTest {
         assertEquals(3, Smartcard.getSessionInfoDLL(0)[0]);
         Smartcard.finalizeDLL();
 
-        assertFails(IOException.class, "cannot be loaded", () -> load("no such module", "1"));
+        assertFails(IOException.class, "`ldd no such module`", () -> load("no such module", "1"));
         assertFails(IOException.class, "C_GetFunctionList", () -> load("libc.so.6", "1"));
         assertFails(IOException.class, "no slot 1: the last is 0", () -> load(MOCK + "#1", "1"));
         Smartcard.finalizeDLL();
         for (String label : List.of("First", "Second")) {
             assertFails(IOException.class, '"' + label + '"', () -> load(MODULE, "1234"));
         }
-        SoftTokenTest.useTokens(Files.createDirectory(folder.resolve("none")));
-        assertFails(IOException.class, "no token", () -> load(MODULE, "1234"));
+    }
+
+    /** SoftHSM2 looks for its tokens only when it is initialised, and goes on with those that it found. */
+    @Test
+    void tokensThatComeAndGo() throws Exception {
+        Path tokens = Files.createDirectory(folder.resolve("others"));
+        SoftTokenTest.useTokens(tokens);
+        for (String argument : List.of(MODULE, MODULE + "#0")) {
+            assertGone(argument);
+        }
+        run("softhsm2-util", "--init-token", "--free", "--label", "Late", "--so-pin", "12345678", "--pin", "1234");
+        for (String argument : List.of(MODULE, MODULE + "#0")) {
+            assertGone(argument);
+        }
+        assertFails(IOException.class, "the last is 0; a slot that is newer", () -> load(MODULE + "#1", "1234"));
+        Smartcard.finalizeDLL();
+        load(MODULE, "1234");
+        Path token = tokens.resolve(tokens.toFile().list()[0]);
+        Files.move(token, folder.resolve("away"));
+        assertGone(MODULE + "#0");
+        Files.move(folder.resolve("away"), token);
+        assertGone(MODULE + "#0");
+        Smartcard.finalizeDLL();
+        load(MODULE, "1234");
         SoftTokenTest.useTokens(folder.resolve("tokens"));
+    }
+
+    private static void assertGone(String argument) {
+        assertFails(SmartcardException.class, "insert the card; if it is in, call Smartcard.finalizeDLL and load again",
+                () -> load(argument, "1234"));
     }
 
     @Test
     void sessionsLostAndFound() throws Throwable {
         KeyStore store = load(first, "1234");
         PrivateKey old = key(store, "Köy");
-        List<Executable> losses = List.of(() -> Smartcard.closeSessionDLL(slot), Smartcard::finalizeDLL,
+        Map<String, Executable> losses = Map.of("INVALID (0xb3); insert the card", () -> Smartcard.closeSessionDLL(slot),
+                "(0x190); no module is bound", Smartcard::finalizeDLL, "(0xb3); the module was bound again",
                 () -> { Smartcard.finalizeDLL(); Smartcard.initDLL(MODULE); });
-        for (Executable loss : losses) {
-            loss.execute();
-            assertTrue(List.of(0xB3L, 0x190L).contains(code(() -> sign(store, "Köy"))));
+        for (String told : losses.keySet()) {
+            losses.get(told).execute();
+            assertFails(SignatureException.class, told, () -> sign(store, "Köy"));
             store.load(null, "1234".toCharArray());
             for (PrivateKey key : List.of(old, key(store, "Köy"))) {
                 byte[] signed = sign(store.getProvider(), "SHA256withRSA", key, DATA);
@@ -482,7 +515,39 @@ class KeyStoreTest {
         assertEquals(0xE0, code(() -> away.load(null, "1".toCharArray())));
         assertEquals(0xB3, code(() -> sign(away, "X")));
         away.load(null, "1".toCharArray());
-        assertFails(SignatureException.class, "do not belong together", () -> sign(away, "X")); // no cryptography there
+        assertSignsOnMock(away);
+    }
+
+    /** There is no cryptography there: the signature is refused, but made. */
+    private static void assertSignsOnMock(KeyStore store) {
+        assertFails(SignatureException.class, "do not belong together", () -> sign(store, "X"));
+    }
+
+    /** Where a card that was out is noticed late, as by OpenSC, however it is named. */
+    @Test
+    void cardThatComesBack() throws Exception {
+        for (String argument : List.of(MOCK, MOCK + "#0", "0")) {
+            fillMock("mock", "X");
+            MockTest.noticeLate();
+            Smartcard.initDLL(MOCK);
+            KeyStore store = load(argument, "1");
+            assertSignsOnMock(store);
+            for (boolean isTried : new boolean[] {false, true}) {
+                MockTest.setCard(false);
+                assertFails(SignatureException.class, "(0x32); insert the card", () -> sign(store, "X"));
+                if (isTried) {
+                    assertEquals(0xE0, code(() -> store.load(null, "1".toCharArray())));
+                }
+                MockTest.setCard(true);
+                store.load(null, "1".toCharArray());
+                assertSignsOnMock(store);
+            }
+        }
+        Smartcard.finalizeDLL();
+        MockTest.addSlot();
+        assertFails(IOException.class, "several tokens", () -> load(MOCK, "2"));
+        MockTest.setCard(false);
+        load(MOCK, "2");
     }
 
     /** A handle that was the first slot's is the second's now: no PIN goes there. */
@@ -490,20 +555,57 @@ class KeyStoreTest {
     void sessionOfAnotherSlot() throws Exception {
         MockTest.addSlot();
         Smartcard.initDLL(MOCK);
-        Smartcard.openSessionDLL(0);
-        Smartcard.closeSessionDLL(0);
-        MockTest.reuseHandles();
-        Smartcard.openSessionDLL(1);
-        assertEquals(0, Smartcard.isSessionOpenDLL(0));
+        reuseHandleOfFirst();
         load(MOCK + "#0", "1");
         assertEquals(3, Smartcard.getSessionInfoDLL(0)[0]);
         assertEquals(2, Smartcard.getSessionInfoDLL(1)[0]); // public
-        MockTest.takeCalls();
-        load(MOCK + "#0", "1");
-        assertFalse(MockTest.takeCalls().contains("C_OpenSession"));
 
         MockTest.failAt("C_GetTokenInfo", 1, 0x30); // one that is there but cannot be asked
         assertFails(IOException.class, "several tokens", () -> load(MOCK, "1"));
+
+        // Also if it reads like the slot that was the first one before the application bound the module again.
+        Smartcard.finalizeDLL();
+        MockTest.renumberSlots();
+        Smartcard.initDLL(MOCK);
+        reuseHandleOfFirst();
+        load(MOCK + "#0", "2");
+        assertEquals(3, Smartcard.getSessionInfoDLL(0)[0]);
+        assertEquals(2, Smartcard.getSessionInfoDLL(1)[0]);
+    }
+
+    private static void reuseHandleOfFirst() {
+        for (long each = 0; each < 2; each++) {
+            Smartcard.closeSessionDLL(0);
+            MockTest.reuseHandles();
+            Smartcard.openSessionDLL(each);
+        }
+        assertEquals(0, Smartcard.isSessionOpenDLL(0));
+    }
+
+    /** A session stays open in the module until all are closed, and many a token has room for eight. */
+    @Test
+    void sessionsInDoubt() throws Exception {
+        MockTest.addSlot();
+        load(MOCK + "#0", null);
+        reuseHandleOfFirst();
+        assertOpens(1, "1", null); // whose of the two is it?
+        assertOpens(0, "1", null); // this one's
+        assertOpens(1, "1", "2"); // a PIN wants certainty
+        assertOpens(0, "1", "2");
+        assertOpens(1, "0", null); // known to be another's
+
+        // What was known of the slots ends with the binding.
+        Smartcard.finalizeDLL();
+        MockTest.renumberSlots();
+        load(MOCK + "#1", "1");
+        Smartcard.openSessionDLL(0);
+        assertOpens(0, "0", "2");
+    }
+
+    private static void assertOpens(int sessions, String slot, String pin) throws Exception {
+        MockTest.takeCalls();
+        load(slot, pin);
+        assertEquals(sessions, Collections.frequency(List.of(MockTest.takeCalls().split(" ")), "C_OpenSession"));
     }
 
     @Test
@@ -539,6 +641,8 @@ class KeyStoreTest {
         Smartcard.logoutDLL(0);
         assertEquals(0x101, code(() -> sign(store, "X")));
         load(MOCK, "1");
+        MockTest.failAt("C_SignInit", 1, 0x68);
+        assertFails(SignatureException.class, "the key may not sign", () -> sign(store, "X"));
         Smartcard.deletePrivateKeyDLL(0, "mock".getBytes());
         assertEquals(0x82, code(() -> sign(store, "X")));
         assertEquals("CKR_PIN_INCORRECT", SmartcardException.nameOf(0xA0));

@@ -23,17 +23,19 @@ JNIEXPORT void JNICALL Java_MockTest_setTokenFlags(JNIEnv*, jclass, jlong flags)
 
 JNIEXPORT void JNICALL Java_MockTest_setCard(JNIEnv*, jclass, jboolean there) {
   mock::Slot& slot = mockModule()->slots[0];
-  slot.info.flags = there ? CKF_TOKEN_PRESENT : 0;
-  if (there) return;
-  std::erase_if(mockModule()->sessions, [&](const auto& session) { return session.slot == &slot; });
-  slot.login.reset();
+  slot.moves.push_back(there);
+  if (!mockModule()->noticesLate || slot.info.flags == 0) mockModule()->notice(slot);
 }
+
+JNIEXPORT void JNICALL Java_MockTest_noticeLate(JNIEnv*, jclass) { mockModule()->noticesLate = true; }
 
 JNIEXPORT void JNICALL Java_MockTest_addSlot(JNIEnv*, jclass) {
   mock::Slot second(0x22, CKF_TOKEN_PRESENT);
   second.userPin = "2";
   mockModule()->slots.push_back(second);
 }
+
+JNIEXPORT void JNICALL Java_MockTest_renumberSlots(JNIEnv*, jclass) { std::ranges::reverse(mockModule()->slots); }
 
 JNIEXPORT void JNICALL Java_MockTest_reuseHandles(JNIEnv*, jclass) {
   mockModule()->nextSession = mock::Module(mockModule()->genuine).nextSession;
