@@ -98,8 +98,8 @@ struct Module {
   bool acceptsSecondInitialize = false;  // answers CKR_OK; the module ends at the C_Finalize for the first
   int initializations = 0;
 
-  // OpenSC's way: that a card left is noticed by C_GetSlotInfo and C_Initialize alone. Until then it seems to be in,
-  // with its sessions, and only C_Sign and C_CreateObject fail.
+  // OpenSC's way: that a card left is noticed by C_GetSlotInfo and C_Initialize alone. Until then it seems to
+  // be in, with its sessions, and only C_Sign and C_CreateObject fail.
   bool noticesLate = false;
 
   bool overwritesConstants = false;  // the flags and numbers in every template that it is given

@@ -81,8 +81,9 @@ class KeyStoreTest {
     }
 
     @BeforeEach
-    void startAnew() {
+    void startAnew() throws Exception {
         Smartcard.finalizeDLL();
+        SoftTokenTest.useTokens(folder.resolve("tokens"));
         MockTest.reset();
         Security.removeProvider("Smartcard");
     }
@@ -483,7 +484,6 @@ class KeyStoreTest {
         assertGone(MODULE + "#0");
         Smartcard.finalizeDLL();
         load(MODULE, "1234");
-        SoftTokenTest.useTokens(folder.resolve("tokens"));
     }
 
     private static void assertGone(String argument) {
@@ -495,7 +495,7 @@ class KeyStoreTest {
     void sessionsLostAndFound() throws Throwable {
         KeyStore store = load(first, "1234");
         PrivateKey old = key(store, "Köy");
-        Map<String, Executable> losses = Map.of("INVALID (0xb3); insert the card", () -> Smartcard.closeSessionDLL(slot),
+        Map<String, Executable> losses = Map.of("(0xb3); insert the card", () -> Smartcard.closeSessionDLL(slot),
                 "(0x190); no module is bound", Smartcard::finalizeDLL, "(0xb3); the module was bound again",
                 () -> { Smartcard.finalizeDLL(); Smartcard.initDLL(MODULE); });
         for (String told : losses.keySet()) {

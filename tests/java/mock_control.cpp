@@ -35,7 +35,9 @@ JNIEXPORT void JNICALL Java_MockTest_addSlot(JNIEnv*, jclass) {
   mockModule()->slots.push_back(second);
 }
 
-JNIEXPORT void JNICALL Java_MockTest_renumberSlots(JNIEnv*, jclass) { std::ranges::reverse(mockModule()->slots); }
+JNIEXPORT void JNICALL Java_MockTest_renumberSlots(JNIEnv*, jclass) {
+  std::ranges::reverse(mockModule()->slots);
+}
 
 JNIEXPORT void JNICALL Java_MockTest_reuseHandles(JNIEnv*, jclass) {
   mockModule()->nextSession = mock::Module(mockModule()->genuine).nextSession;

@@ -102,9 +102,9 @@ public final class Smartcard {
      * initialised twice, and -1 or -2 as ever.
      *
      * @param modulePath path of the module, or a file name for the system's library search
-     * @return 0; -1 if the file cannot be loaded; -2 if it has no C_GetFunctionList; -3 if the module has no slot; or
-     *         the module's code, CKR_CRYPTOKI_ALREADY_INITIALIZED (0x191) if it is in use already, by this class or by
-     *         anything else in the process
+     * @return 0; -1 if the file cannot be loaded ({@code ldd} shows a library that it lacks); -2 if it has no
+     *         C_GetFunctionList; -3 if the module has no slot; or the module's code, CKR_CRYPTOKI_ALREADY_INITIALIZED
+     *         (0x191) if it is in use already, by this class or by anything else in the process
      */
     public static synchronized native long initDLL(String modulePath);
 

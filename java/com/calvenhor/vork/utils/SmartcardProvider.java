@@ -25,7 +25,9 @@ import java.util.Map;
  * }</pre>
  *
  * What asks for a Signature without naming a provider, as TLS and XML signatures do, needs {@code
- * Security.addProvider(provider)}. One is enough for the keys of several tokens; a second of this name is not added.
+ * Security.addProvider(provider)}. One is enough for the keys of several tokens; a second of this name is not added,
+ * and {@code addProvider} returns -1. Look at the result: a provider that an earlier deployment of the application left
+ * there cannot use the keys of this one. {@code Security.removeProvider("Smartcard")} removes it.
  * Configuration finds the provider by name, from the class path too: {@code -addprovider Smartcard -providerarg MODULE}
  * for {@code keytool}, {@code security.provider.N=Smartcard MODULE} in {@code java.security}.
  *
@@ -36,7 +38,13 @@ import java.util.Map;
  * module is bound than the one named, {@code load} refuses. A failure with a PKCS#11 code is a {@link
  * SmartcardException}; a wrong PIN has an {@link java.security.UnrecoverableKeyException} as its cause.
  *
- * <p>After the card was out and in again, {@code load} once more: the keys obtained before work again as well.
+ * <p>While the user is logged in, {@code load} with a wrong PIN succeeds: the PIN is not sent. To check a PIN, call
+ * {@link Smartcard#logoutDLL logoutDLL} first.
+ *
+ * <p>After the card was removed and inserted, {@code load} again: keys obtained earlier work again, too. Some modules,
+ * such as SoftHSM2, find a token again, or a new one, only when the module is bound again. {@code load} then throws a
+ * {@link SmartcardException}: call {@link Smartcard#finalizeDLL finalizeDLL}, which ends all sessions, and {@code load}
+ * again.
  *
  * <h2>Entries</h2>
  * Each X.509 certificate is an entry: a key entry, with the chain that the token holds, if an RSA private key has its

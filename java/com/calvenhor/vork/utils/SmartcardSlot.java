@@ -120,7 +120,7 @@ record SmartcardSlot(String module, long index) {
     }
 
     private void openSession(char[] pin) throws IOException {
-        Smartcard.getSlotInfoDLL(index); // until it is asked, OpenSC reports a removed card and its session from a cache
+        Smartcard.getSlotInfoDLL(index); // only then OpenSC notices that a card was removed, and its session closed
         if (Smartcard.isSessionOpenDLL(index) == 0 && !mayBelongToAnotherSlot(needsLogin(pin))) {
             return;
         }
