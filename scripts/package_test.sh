@@ -5,7 +5,7 @@ tests=$root/build/package/test
 module=com.calvenhor.vork.utils
 jar=$root/dist/smartcard-$version.jar
 rm -rf "$tests"
-mkdir -p "$tests/libraries" "$tests/examples" "$tests/tokens"
+mkdir -p "$tests/libraries" "$tests/tokens"
 
 export SOFTHSM2_CONF=$tests/softhsm2.conf
 printf 'directories.tokendir = %s\nlog.level = ERROR\n' "$tests/tokens" >"$SOFTHSM2_CONF"
@@ -56,11 +56,13 @@ for arch in "${!debian[@]}"; do
 done
 
 step "Run the jar on every JDK: on the class path, as a module, linked into an image"
-"$JAVA_HOME/bin/javac" --release 17 -Xlint:all -Werror -cp "$jar" -d "$tests/examples" examples/*.java
-printf 'Main-Class: SignDocument\nClass-Path: file:%s\nEnable-Native-Access: ALL-UNNAMED\n' "$jar" >"$tests/manifest"
-"$JAVA_HOME/bin/jar" --create --file "$tests/application.jar" --manifest "$tests/manifest" -C "$tests/examples" .
+quietly cmake --build build/package/one/aarch64 --target examples
+examples=$root/build/package/one/aarch64/examples/examples.jar
+printf 'Main-Class: SignDocument\nClass-Path: %s\nEnable-Native-Access: ALL-UNNAMED\n' "$jar $examples" \
+  >"$tests/manifest"
+"$JAVA_HOME/bin/jar" --create --file "$tests/application.jar" --manifest "$tests/manifest"
 softhsm=$(find_softhsm)
-classes=$jar:$tests/examples
+classes=$jar:$examples
 while read -r jdk feature; do
   class_path=() module_path=()
   if [ "$feature" -ge 24 ]; then
@@ -71,10 +73,10 @@ while read -r jdk feature; do
   fi
   signs "JDK $feature, class path" "$softhsm" "$jdk/bin/java" "${class_path[@]}" -cp "$classes" SignDocument
   signs "JDK $feature, module path" "$softhsm" "$jdk/bin/java" "${module_path[@]}" -p "$jar" --add-modules "$module" \
-    -cp "$tests/examples" SignDocument
+    -cp "$examples" SignDocument
   signs "JDK $feature, executable jar" "$softhsm" "$jdk/bin/java" "${class_path[@]:0:1}" -jar "$tests/application.jar"
   "$jdk/bin/jlink" --module-path "$jar" --add-modules "$module" --output "$tests/image-$feature"
-  signs "JDK $feature, image" "$softhsm" "$tests/image-$feature/bin/java" "${module_path[@]}" -cp "$tests/examples" \
+  signs "JDK $feature, image" "$softhsm" "$tests/image-$feature/bin/java" "${module_path[@]}" -cp "$examples" \
     SignDocument
 done < <(find_jdks)
 
@@ -82,9 +84,9 @@ step "Install the Debian packages into a fresh Debian 12"
 lintian --allow-root --fail-on error dist/*.deb
 cat >"$tests/in_debian12" <<TEXT
 set -e
-cp -r "$root"/dist/*_all.deb "$root"/dist/*_amd64.deb "$tests/examples" "\$1/tmp"
+cp -r "$root"/dist/*_all.deb "$root"/dist/*_amd64.deb "$examples" "\$1/tmp"
 chroot "\$1" sh -c 'apt-get install --yes --no-install-recommends default-jre-headless softhsm2 /tmp/*.deb'
-chroot "\$1" env SOFTHSM2_CONF=/etc/softhsm/softhsm2.conf java -cp /usr/share/java/smartcard.jar:/tmp/examples \\
+chroot "\$1" env SOFTHSM2_CONF=/etc/softhsm/softhsm2.conf java -cp /usr/share/java/smartcard.jar:/tmp/examples.jar \\
   SignDocument --fresh /usr/lib/softhsm/libsofthsm2.so /etc/os-release
 TEXT
 ends 0 as_root mmdebstrap --variant=apt --customize-hook="sh '$tests/in_debian12' \"\$1\"" bookworm /dev/null \

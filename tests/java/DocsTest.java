@@ -15,7 +15,7 @@ import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.function.Executable;
 import org.junit.jupiter.api.io.TempDir;
 
-/** README.md and docs/: what they link to is there, and what they say and show is so. */
+/** The pages here and in docs/: what they link to is there, and what they say and show is so. */
 class DocsTest {
     private static final Path ROOT = Path.of(System.getProperty("root"));
     private static final String MODULE = System.getProperty("softhsm2");
@@ -36,7 +36,8 @@ class DocsTest {
     }
 
     private static List<Path> pages() throws IOException {
-        return Stream.concat(Stream.of(ROOT.resolve("README.md")), files("docs").stream()).toList();
+        return Stream.of(files(""), files("docs")).flatMap(List::stream).filter(file -> file.toString().endsWith(".md"))
+                .toList();
     }
 
     private static String read(String file) throws IOException {
@@ -90,7 +91,7 @@ class DocsTest {
         List<MatchResult> shown = matches("smartcard[:-](\\d[\\w.-]*?)(?=\\.jar|[`\"])", read("README.md"));
         assertFalse(shown.isEmpty());
         shown.forEach(place -> assertEquals(version, place.group(1)));
-        assertEquals("## " + version, texts("^## .*", read("CHANGELOG.md")).get(0));
+        assertEquals(version, matches("^## (\\S+) \\(\\d{4}-\\d\\d-\\d\\d\\)$", read("CHANGELOG.md")).get(0).group(1));
     }
 
     @Test
@@ -198,9 +199,10 @@ class DocsTest {
     private static String shown(String command, String page) throws IOException {
         String classes = "'" + System.getProperty("java.class.path") + "'";
         return matches("^    (" + command + " .*)", read(page).replaceAll("\\\\\n", "")).get(0).group(1)
-                .replace(DEBIANS_MODULE, MODULE).replace("build/smartcard", "'" + LIBRARY.getParent() + "'")
+                .replace(DEBIANS_MODULE, MODULE)
                 .replace("java -cp", "java -Djava.library.path='" + LIBRARY.getParent() + "' -cp")
-                .replace("smartcard.jar:examples", classes).replace("build/java/smartcard.jar", classes);
+                .replace("smartcard.jar:examples", classes)
+                .replaceAll("smartcard-[\\d.]+\\.jar", "'" + System.getProperty("jar") + "'");
     }
 
     @Test

@@ -1,6 +1,16 @@
 # shellcheck shell=bash
-# Sourced by the commands: each says what it needs, as Debian's packages. What is not there, wherever it would come
-# from, is installed on a Debian system, and named on any other.
+# Sourced by the commands, which have set root and usage.
+
+# shellcheck disable=SC2034 # the commands use it
+version=$(sed -n 's/^project(.* VERSION \([0-9.]*\) .*/\1/p' "${root:?}/CMakeLists.txt")
+
+usage_error() {
+  usage >&2
+  exit 2
+}
+
+# Each command says what it needs, as Debian's packages. What is not there, wherever it would come from, is installed on
+# a Debian system, and named on any other.
 
 # What a Debian package is needed for: a command, a header or a file.
 evidence() {
@@ -13,7 +23,6 @@ evidence() {
     gnuplot-nox) echo gnuplot ;;
     googletest) echo /usr/src/googletest/googletest/src/gtest-all.cc ;;
     junit5) echo /usr/share/java/junit-platform-console-standalone.jar ;;
-    libbenchmark-dev) echo '<benchmark/benchmark.h>' ;;
     libclang-rt-14-dev) echo '/usr/lib*/clang/*/lib/*/libclang_rt.fuzzer*.a' ;;
     libgtest-dev) echo '<gtest/gtest.h>' ;;
     libp11-kit-dev) echo '<p11-kit/pkcs11.h>' ;;
@@ -52,8 +61,21 @@ as_root() {
   if [ "$(id -u)" -eq 0 ]; then "$@"; else sudo "$@"; fi
 }
 
+# Waits up to ten minutes for another apt-get to end. Its own option does not do that for `update`.
+apt_get() {
+  local log end=$((SECONDS + 600))
+  until log=$(as_root env DEBIAN_FRONTEND=noninteractive LC_ALL=C apt-get --quiet --quiet \
+    -o DPkg::Lock::Timeout=600 "$@" 2>&1); do
+    if [[ $log != *'Could not get lock'* || $SECONDS -ge $end ]]; then
+      printf '%s\n' "$log" >&2
+      return 1
+    fi
+    sleep 1
+  done
+}
+
 need() {
-  local package what missing=() names=() apt=(as_root env DEBIAN_FRONTEND=noninteractive apt-get --quiet --quiet)
+  local package what missing=() names=()
   for package in "$@"; do
     what=$(evidence "$package")
     if ! is_there "$what"; then
@@ -70,32 +92,20 @@ need() {
     echo "Missing; install it as root, or install sudo:" >&2
   else
     echo "Installing ${missing[*]}..."
-    if "${apt[@]}" update >/dev/null && "${apt[@]}" install --yes --no-install-recommends "${missing[@]}" >/dev/null; then
-      return
-    fi
+    if apt_get update && apt_get install --yes --no-install-recommends "${missing[@]}"; then return; fi
     echo "Could not be installed:" >&2
   fi
   printf '  %s\n' "${names[@]}" >&2
   return 1
 }
 
-# Prints the homes and versions of the JDKs from 17 up: JAVA_HOME's, the one of the javac on the path, then those that
-# Debian knows of.
-find_jdks() {
-  local jdk version
-  for jdk in "${JAVA_HOME:-}" "$(readlink -f "$(command -v javac || true)" | sed 's|/bin/javac$||')" /usr/lib/jvm/*; do
-    if [ -x "$jdk/bin/javac" ] && [ -f "$jdk/include/jni.h" ]; then
-      version=$("$jdk/bin/javac" -version 2>&1 | sed -n 's/.*javac \([0-9]*\).*/\1/p')
-      if [ "${version:-0}" -ge 17 ]; then echo "$(readlink -f "$jdk") $version"; fi
-    fi
-  done | awk '!seen[$0]++'
-}
+find_jdks() { sh "$root/cmake/jdks.sh"; }
 
-# The first of them.
-find_jdk() { find_jdks | awk 'NR == 1'; }
-
+# Sets JAVA_HOME and java_version to the first of them.
 need_jdk() {
-  if [ ! "$(find_jdk)" ]; then need default-jdk-headless; fi
+  if [ ! "$(find_jdks)" ]; then need default-jdk-headless; fi
+  read -r JAVA_HOME java_version <<<"$(find_jdks)"
+  export JAVA_HOME java_version
 }
 
 # Prints the path of the software token's module.
@@ -107,8 +117,7 @@ step() { printf '\n==> %s\n' "$*"; }
 quietly() {
   local log
   if ! log=$("$@" 2>&1 | tr -d '\0'); then
-    printf '%s\n' "$log"
-    echo "failed: $*"
+    printf '%s\n' "$log" "failed: $*" >&2
     return 1
   fi
 }
