@@ -56,7 +56,7 @@ for arch in "${!debian[@]}"; do
 done
 
 step "Run the jar on every JDK: on the class path, as a module, linked into an image"
-quietly cmake --build build/package/one/aarch64 --target examples
+quietly cmake --build build/package/one/aarch64 --target smartcard_examples
 examples=$root/build/package/one/aarch64/examples/examples.jar
 printf 'Main-Class: SignDocument\nClass-Path: %s\nEnable-Native-Access: ALL-UNNAMED\n' "$jar $examples" \
   >"$tests/manifest"
