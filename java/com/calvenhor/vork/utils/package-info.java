@@ -1,5 +1,5 @@
 /**
- * {@link com.calvenhor.vork.utils.Smartcard} has the native methods, for applications that work with tokens themselves.
- * {@link com.calvenhor.vork.utils.SmartcardProvider} makes a token a KeyStore, for what speaks to {@code java.security}.
+ * Native methods in {@link com.calvenhor.vork.utils.Smartcard}, for applications that work with tokens themselves, and
+ * the {@code java.security} provider {@link com.calvenhor.vork.utils.SmartcardProvider}, which uses them.
  */
 package com.calvenhor.vork.utils;
