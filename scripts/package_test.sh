@@ -85,7 +85,7 @@ lintian --allow-root --fail-on error dist/*.deb
 cat >"$tests/in_debian12" <<TEXT
 set -e
 cp -r "$root"/dist/*_all.deb "$root"/dist/*_amd64.deb "$examples" "\$1/tmp"
-chroot "\$1" sh -c 'apt-get install --yes --no-install-recommends default-jre-headless softhsm2 /tmp/*.deb'
+chroot "\$1" sh -c 'apt-get install --yes -o APT::Install-Recommends=true softhsm2 /tmp/*.deb'
 chroot "\$1" env SOFTHSM2_CONF=/etc/softhsm/softhsm2.conf java -cp /usr/share/java/smartcard.jar:/tmp/examples.jar \\
   SignDocument --fresh /usr/lib/softhsm/libsofthsm2.so /etc/os-release
 TEXT
