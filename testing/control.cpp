@@ -38,19 +38,22 @@ std::string text(JNIEnv* env, jstring string) {
 }  // namespace
 
 NATIVE(jlong, open)(JNIEnv* env, jclass, jstring copy, jstring genuine) {
-  const char* problem = nullptr;
+  std::string problem;
   void* const library = dlopen(text(env, copy).c_str(), RTLD_LAZY | RTLD_LOCAL);
   if (library == nullptr) {
     problem = dlerror();
   } else {
     const auto moduleBefore =
         reinterpret_cast<decltype(&faultyModuleBefore)>(dlsym(library, "faultyModuleBefore"));
-    if (State* const state = moduleBefore(text(env, genuine).c_str(), &problem)) {
+    const char* unloadable = nullptr;
+    if (State* const state = moduleBefore(text(env, genuine).c_str(), &unloadable)) {
       state->library = library;
       return reinterpret_cast<jlong>(state);
     }
+    problem = unloadable != nullptr ? unloadable : text(env, genuine) + " is not a PKCS#11 module";
+    dlclose(library);
   }
-  env->ThrowNew(env->FindClass("java/lang/UnsatisfiedLinkError"), problem);
+  env->ThrowNew(env->FindClass("java/lang/UnsatisfiedLinkError"), problem.c_str());
   return 0;
 }
 
@@ -126,5 +129,6 @@ NATIVE(jstring, takeCalls)(JNIEnv* env, jclass, jlong module) {
 }
 
 NATIVE(void, close)(JNIEnv*, jclass, jlong module) {
-  dlclose(Locked(module)->library);  // the application may hold it still, with calls under way
+  void* const library = Locked(module)->library;
+  dlclose(library);  // with the state in it, unless the application holds it still
 }

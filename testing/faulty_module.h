@@ -185,6 +185,7 @@ struct State {
 
 }  // namespace faulty
 
-/// Loads the genuine module for this copy of the library. Null, and the problem, if that cannot be done.
-extern "C" __attribute__((visibility("default"))) faulty::State* faultyModuleBefore(const char* genuine,
-                                                                                    const char** problem);
+/// Puts this copy of the library before the module of a path. Null if that cannot be loaded, with the reason,
+/// or is no PKCS#11 module.
+extern "C" __attribute__((visibility("default"))) faulty::State* faultyModuleBefore(const char* path,
+                                                                                    const char** unloadable);

@@ -8,7 +8,7 @@ copy=$root/build/mutants
 library=$copy/smartcard
 
 mkdir -p "$copy"
-cp -r "$root"/{CMakeLists.txt,cmake,examples,java,smartcard,tests} "$copy"
+cp -r "$root"/{CMakeLists.txt,cmake,examples,java,smartcard,testing,tests} "$copy"
 cmake -S "$copy" -B "$copy/build" -DCMAKE_BUILD_TYPE=Debug -DSMARTCARD_BUILD_BENCHMARKS=OFF >/dev/null
 cmake --build "$copy/build" --parallel --target native_tests >/dev/null
 

@@ -69,14 +69,15 @@ class DocsTest {
         }
     }
 
-    /** The snippets stand in Recipes, and nothing stands there that nobody calls. */
+    /** The snippets stand in Recipes or SignerTest, and nothing stands in Recipes that nobody calls. */
     @Test
     void snippetsAreRecipes() throws Exception {
         String recipes = squeezed(read("examples/Recipes.java"));
+        String snippets = recipes + squeezed(read("tests/java/SignerTest.java"));
         for (Path page : pages()) {
             String text = Files.readString(page);
             matches("^```java\n((?s:.*?))^```$", text).forEach(snippet ->
-                    assertTrue(recipes.contains(squeezed(snippet.group(1))), page + ": " + snippet.group()));
+                    assertTrue(snippets.contains(squeezed(snippet.group(1))), page + ": " + snippet.group()));
             assertFalse(text.replaceAll("(?ms)^```java$.*?^```$", "").matches("(?s).*\n {4}[^\n]*;\n.*"),
                     () -> page + ": Java that is not marked as such");
         }
@@ -88,7 +89,8 @@ class DocsTest {
     @Test
     void versionIsTheBuilds() throws Exception {
         String version = matches("^project\\(.* VERSION (\\S+) ", read("CMakeLists.txt")).get(0).group(1);
-        List<MatchResult> shown = matches("smartcard[:-](\\d[\\w.-]*?)(?=\\.jar|[`\"])", read("README.md"));
+        List<MatchResult> shown = matches("smartcard(?:-testing)?[:-](\\d[\\w.-]*?)(?=\\.jar|[`\"])",
+                read("README.md") + read("docs/testing.md"));
         assertFalse(shown.isEmpty());
         shown.forEach(place -> assertEquals(version, place.group(1)));
         assertEquals(version, matches("^## (\\S+) \\(\\d{4}-\\d\\d-\\d\\d\\)$", read("CHANGELOG.md")).get(0).group(1));
