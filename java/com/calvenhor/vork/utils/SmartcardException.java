@@ -8,6 +8,22 @@ import java.util.Map;
 public final class SmartcardException extends IOException {
     private static final long serialVersionUID = 1;
 
+    static final long HOST_MEMORY = 0x02;
+    static final long DEVICE_REMOVED = 0x32;
+    static final long OBJECT_HANDLE_INVALID = 0x82;
+    static final long OPERATION_NOT_INITIALIZED = 0x91;
+    static final long PIN_INVALID = 0xA1;
+    static final long SESSION_HANDLE_INVALID = 0xB3;
+    static final long TOKEN_NOT_PRESENT = 0xE0;
+    static final long TOKEN_NOT_RECOGNIZED = 0xE1;
+    static final long USER_NOT_LOGGED_IN = 0x101;
+    static final long CRYPTOKI_NOT_INITIALIZED = 0x190;
+    static final long CRYPTOKI_ALREADY_INITIALIZED = 0x191;
+    static final long FUNCTION_REJECTED = 0x200;
+
+    // Many modules, such as SoftHSM2, find a token that came since only once they are bound again.
+    static final String INSERT = "; insert the card; if it is in, call Smartcard.finalizeDLL and load again";
+
     private static final Map<Long, String> NAMES = new HashMap<>();
 
     static {
@@ -50,5 +66,11 @@ public final class SmartcardException extends IOException {
      */
     public static String nameOf(long code) {
         return NAMES.getOrDefault(code, "0x" + Long.toHexString(code));
+    }
+
+    static void check(long code, String step, String advice) throws SmartcardException {
+        if (code != 0) {
+            throw new SmartcardException(step, code, advice);
+        }
     }
 }

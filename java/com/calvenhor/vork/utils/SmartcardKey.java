@@ -1,6 +1,7 @@
 package com.calvenhor.vork.utils;
 
 import java.math.BigInteger;
+import java.security.GeneralSecurityException;
 import java.security.PrivateKey;
 import java.security.interfaces.RSAKey;
 import java.security.interfaces.RSAPublicKey;
@@ -56,5 +57,13 @@ record SmartcardKey(SmartcardSlot slot, byte[] id, RSAPublicKey publicKey) imple
     @Override
     public String toString() {
         return "RSA key with the ID " + HexFormat.of().formatHex(id) + " in slot " + slot.index();
+    }
+
+    /** Throws unless the token signs with this key what the public key verifies. */
+    void requireSigns() throws GeneralSecurityException {
+        SmartcardSignature signature = new SmartcardSignature(SmartcardSignature.Algorithm.SHA256withRSA);
+        signature.engineInitSign(this);
+        signature.engineUpdate((byte) 0);
+        signature.engineSign();
     }
 }

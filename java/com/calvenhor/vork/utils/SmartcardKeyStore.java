@@ -1,53 +1,33 @@
 package com.calvenhor.vork.utils;
 
-import java.io.ByteArrayInputStream;
+import com.calvenhor.vork.utils.SmartcardContents.Entry;
 import java.io.IOException;
 import java.io.InputStream;
 import java.io.OutputStream;
-import java.nio.ByteBuffer;
 import java.security.GeneralSecurityException;
 import java.security.Key;
 import java.security.KeyStore;
+import java.security.KeyStoreException;
 import java.security.KeyStoreSpi;
-import java.security.MessageDigest;
 import java.security.NoSuchAlgorithmException;
 import java.security.cert.Certificate;
 import java.security.cert.CertificateException;
-import java.security.cert.CertificateFactory;
-import java.security.cert.X509Certificate;
-import java.security.interfaces.RSAPublicKey;
-import java.util.ArrayList;
 import java.util.Collections;
-import java.util.Comparator;
 import java.util.Date;
 import java.util.Enumeration;
-import java.util.HashMap;
-import java.util.HexFormat;
-import java.util.LinkedHashMap;
-import java.util.LinkedHashSet;
-import java.util.List;
-import java.util.Map;
-import java.util.Set;
-import java.util.stream.Collectors;
-import javax.security.auth.x500.X500Principal;
+import javax.security.auth.callback.CallbackHandler;
 
-/** The certificates of a token by alias, as they were when it was last loaded; those with a private key come first. */
+/** The entries of a token when it was loaded or last changed here; those with a private key come first. */
 final class SmartcardKeyStore extends KeyStoreSpi {
-    private record Item(String label, X509Certificate certificate, SmartcardKey key) {
+    private interface Change {
+        void make(SmartcardChange change) throws IOException, GeneralSecurityException;
     }
 
-    /** A token's content. A caller may ask for every chain, so issuers are indexed by subject. */
-    private record Listing(Map<String, Item> byAlias, Map<X500Principal, List<X509Certificate>> bySubject) {
-    }
+    private final SmartcardProvider provider;
+    private volatile SmartcardContents contents; // null before the first load, which KeyStore waits for
 
-    private static final Item NONE = new Item(null, null, null);
-
-    private final SmartcardSlot configured;
-    private volatile Listing listing = new Listing(Map.of(), Map.of());
-
-    /** @param configured null if the provider was not configured */
-    SmartcardKeyStore(SmartcardSlot configured) {
-        this.configured = configured;
+    SmartcardKeyStore(SmartcardProvider provider) {
+        this.provider = provider;
     }
 
     // ---- Loading ----
@@ -55,204 +35,174 @@ final class SmartcardKeyStore extends KeyStoreSpi {
     @Override
     public void engineLoad(InputStream stream, char[] pin)
             throws IOException, NoSuchAlgorithmException, CertificateException {
-        if (configured == null) {
-            throw new IOException("no token is named: use what SmartcardProvider.configure returns");
-        }
         if (stream != null) {
             throw new IOException("the entries are on the token: load with null in place of the stream");
         }
-        SmartcardSlot slot;
-        List<byte[][]> privateKeys;
-        List<byte[][]> certificates;
+        if (pin == null || pin.length == 0) {
+            load(provider.callbackHandler());
+        } else {
+            load(pin);
+        }
+    }
+
+    /** The inherited one asks a handler even if no PIN is needed. */
+    @Override
+    public void engineLoad(KeyStore.LoadStoreParameter parameter)
+            throws IOException, NoSuchAlgorithmException, CertificateException {
+        if (parameter != null
+                && parameter.getProtectionParameter() instanceof KeyStore.CallbackHandlerProtection protection) {
+            load(protection.getCallbackHandler());
+        } else {
+            super.engineLoad(parameter);
+        }
+    }
+
+    private void load(CallbackHandler handler) throws IOException, NoSuchAlgorithmException, CertificateException {
+        char[] pin = provider.askForPin(handler);
+        try {
+            load(pin);
+        } finally {
+            SmartcardProvider.clear(pin);
+        }
+    }
+
+    private void load(char[] pin) throws IOException, NoSuchAlgorithmException, CertificateException {
         synchronized (Smartcard.class) {
-            slot = configured.open(pin);
-            privateKeys = slot.privateKeys();
-            certificates = slot.certificates();
+            contents = SmartcardContents.of(provider.open(pin));
         }
-        listing = parse(slot, privateKeys, certificates);
-    }
-
-    /** Makes entries of the private keys and certificates that a slot has listed. */
-    private static Listing parse(SmartcardSlot slot, List<byte[][]> privateKeys, List<byte[][]> certificates)
-            throws NoSuchAlgorithmException, CertificateException {
-        // Objects without an ID do not belong together for that.
-        Set<ByteBuffer> keyIds = privateKeys.stream().map(row -> ByteBuffer.wrap(row[0]))
-                .filter(ByteBuffer::hasRemaining).collect(Collectors.toSet());
-        CertificateFactory factory = CertificateFactory.getInstance("X.509");
-        List<Item> found = new ArrayList<>();
-        Map<X500Principal, List<X509Certificate>> bySubject = new HashMap<>();
-        for (byte[][] row : certificates) {
-            try {
-                X509Certificate certificate =
-                        (X509Certificate) factory.generateCertificate(new ByteArrayInputStream(row[2]));
-                SmartcardKey key = certificate.getPublicKey() instanceof RSAPublicKey publicKey
-                        && publicKey.getAlgorithm().equals("RSA") // and not RSASSA-PSS
-                        && keyIds.contains(ByteBuffer.wrap(row[0]))
-                        ? new SmartcardKey(slot, row[0], publicKey) : null;
-                bySubject.computeIfAbsent(certificate.getSubjectX500Principal(), name -> new ArrayList<>())
-                        .add(certificate);
-                found.add(new Item(SmartcardSlot.text(row[1]), certificate, key));
-            } catch (CertificateException | RuntimeException e) {
-                // An unreadable one must not keep the others away. Another provider's factory may return null, or
-                // throw an unchecked exception when a part is asked for.
-            }
-        }
-        return new Listing(byAlias(found), bySubject);
-    }
-
-    /** A label that stands for several certificates, or for none, is told apart by the certificate. */
-    private static Map<String, Item> byAlias(List<Item> items) throws NoSuchAlgorithmException, CertificateException {
-        Map<String, Set<X509Certificate>> namesakes = items.stream().collect(
-                Collectors.groupingBy(Item::label, Collectors.mapping(Item::certificate, Collectors.toSet())));
-        // Copies of a certificate with one label are one entry: the first, so that it is one with a key.
-        items.sort(Comparator.comparing(item -> item.key == null));
-        Map<String, Item> byAlias = new LinkedHashMap<>();
-        for (Item item : items) {
-            String alias = item.label;
-            // A label that looks like another's alias could take its place.
-            if (alias.isEmpty() || namesakes.get(alias).size() > 1 || alias.matches("(?s).*/[0-9a-f]{8}")) {
-                byte[] digest = MessageDigest.getInstance("SHA-256").digest(item.certificate.getEncoded());
-                alias += "/" + HexFormat.of().formatHex(digest, 0, 4);
-            }
-            byAlias.putIfAbsent(alias, item);
-        }
-        return Collections.unmodifiableMap(byAlias);
     }
 
     // ---- Entries ----
 
     @Override
     public Enumeration<String> engineAliases() {
-        return Collections.enumeration(listing.byAlias.keySet());
+        return Collections.enumeration(contents.aliases());
     }
 
     @Override
     public int engineSize() {
-        return listing.byAlias.size();
+        return contents.aliases().size();
     }
 
     @Override
     public boolean engineContainsAlias(String alias) {
-        return listing.byAlias.containsKey(alias);
-    }
-
-    private Item item(String alias) {
-        return listing.byAlias.getOrDefault(alias, NONE);
+        return contents.aliases().contains(alias);
     }
 
     @Override
     public boolean engineIsKeyEntry(String alias) {
-        return item(alias).key != null;
+        return contents.entry(alias).key() != null;
     }
 
     @Override
     public boolean engineIsCertificateEntry(String alias) {
-        Item item = item(alias);
-        return item.certificate != null && item.key == null;
+        return contents.entry(alias).certificate() != null && !engineIsKeyEntry(alias);
     }
 
     @Override
     public Key engineGetKey(String alias, char[] password) {
-        return item(alias).key;
+        return contents.entry(alias).key();
     }
 
     @Override
     public Certificate engineGetCertificate(String alias) {
-        return item(alias).certificate;
+        return contents.entry(alias).certificate();
     }
 
     @Override
     public Certificate[] engineGetCertificateChain(String alias) {
-        Item item = item(alias);
-        return item.key == null ? null : chain(item.certificate);
-    }
-
-    private Certificate[] chain(X509Certificate first) {
-        Set<X509Certificate> chain = new LinkedHashSet<>();
-        for (X509Certificate next = first; next != null && chain.add(next); ) {
-            next = issuer(next);
-        }
-        return chain.toArray(new Certificate[0]);
-    }
-
-    /** The issuer's, of several the one that is valid longest; null if there is none, or for a root. */
-    private X509Certificate issuer(X509Certificate certificate) {
-        X500Principal name = certificate.getIssuerX500Principal();
-        return name.equals(certificate.getSubjectX500Principal()) ? null
-                : listing.bySubject.getOrDefault(name, List.of()).stream()
-                .filter(other -> isSigned(certificate, other))
-                .max(Comparator.comparing(X509Certificate::getNotAfter)).orElse(null);
-    }
-
-    private static boolean isSigned(X509Certificate certificate, X509Certificate issuer) {
-        try {
-            certificate.verify(issuer.getPublicKey());
-            return true;
-        } catch (GeneralSecurityException e) {
-            return false;
-        }
+        Entry entry = contents.entry(alias);
+        return entry.key() == null ? null : contents.chain(entry.certificate());
     }
 
     @Override
     public String engineGetCertificateAlias(Certificate certificate) {
-        return listing.byAlias.entrySet().stream().filter(entry -> entry.getValue().certificate.equals(certificate))
-                .map(Map.Entry::getKey).findFirst().orElse(null);
+        SmartcardContents contents = this.contents;
+        return contents.aliases().stream().filter(alias -> contents.entry(alias).certificate().equals(certificate))
+                .findFirst().orElse(null);
     }
 
     /** A token keeps no such date: the certificate's first day. */
     @Override
     public Date engineGetCreationDate(String alias) {
-        Item item = item(alias);
-        return item.certificate == null ? null : item.certificate.getNotBefore();
+        Entry entry = contents.entry(alias);
+        return entry.certificate() == null ? null : entry.certificate().getNotBefore();
     }
 
     /** The inherited one wants a password for a key, and none for a certificate. */
     @Override
     public KeyStore.Entry engineGetEntry(String alias, KeyStore.ProtectionParameter protection) {
-        Item item = item(alias);
-        return item.key != null ? new KeyStore.PrivateKeyEntry(item.key, chain(item.certificate))
-                : item.certificate != null ? new KeyStore.TrustedCertificateEntry(item.certificate) : null;
+        SmartcardContents contents = this.contents;
+        Entry entry = contents.entry(alias);
+        return entry.key() != null ? new KeyStore.PrivateKeyEntry(entry.key(), contents.chain(entry.certificate()))
+                : entry.certificate() != null ? new KeyStore.TrustedCertificateEntry(entry.certificate()) : null;
     }
 
-    // ---- Changes, which are refused ----
+    // ---- Changes ----
 
-    private static UnsupportedOperationException readOnly() {
-        return new UnsupportedOperationException("the KeyStore only reads: use Smartcard."
-                + "writeCertificateAndPrivateKeyDLL, writeCertificateDLL, deleteCertificateDLL, deletePrivateKeyDLL");
-    }
-
-    @Override
-    public void engineSetKeyEntry(String alias, Key key, char[] password, Certificate[] chain) {
-        throw readOnly();
-    }
-
-    @Override
-    public void engineSetKeyEntry(String alias, byte[] key, Certificate[] chain) {
-        throw readOnly();
-    }
-
-    @Override
-    public void engineSetCertificateEntry(String alias, Certificate certificate) {
-        throw readOnly();
-    }
-
-    @Override
-    public void engineSetEntry(String alias, KeyStore.Entry entry, KeyStore.ProtectionParameter protection) {
-        throw readOnly();
+    private void change(Change step) throws KeyStoreException {
+        synchronized (Smartcard.class) {
+            try {
+                SmartcardChange change = new SmartcardChange(contents);
+                try {
+                    step.make(change);
+                } finally {
+                    contents = change.contents();
+                }
+            } catch (KeyStoreException e) {
+                throw e;
+            } catch (IOException | GeneralSecurityException e) {
+                throw new KeyStoreException(e.getMessage(), e);
+            }
+        }
     }
 
     @Override
-    public void engineDeleteEntry(String alias) {
-        throw readOnly();
+    public void engineSetKeyEntry(String alias, Key key, char[] password, Certificate[] chain)
+            throws KeyStoreException {
+        change(token -> token.setKeyEntry(alias, key, chain));
     }
 
     @Override
-    public void engineStore(OutputStream stream, char[] password) {
-        throw readOnly();
+    public void engineSetKeyEntry(String alias, byte[] key, Certificate[] chain) throws KeyStoreException {
+        throw new KeyStoreException("an encrypted key cannot be imported: pass the key itself");
+    }
+
+    @Override
+    public void engineSetCertificateEntry(String alias, Certificate certificate) throws KeyStoreException {
+        change(token -> token.setCertificateEntry(alias, certificate));
+    }
+
+    /** The inherited one wants a password for a key. */
+    @Override
+    public void engineSetEntry(String alias, KeyStore.Entry entry, KeyStore.ProtectionParameter protection)
+            throws KeyStoreException {
+        if (entry instanceof KeyStore.PrivateKeyEntry pair) {
+            engineSetKeyEntry(alias, pair.getPrivateKey(), null, pair.getCertificateChain());
+        } else if (entry instanceof KeyStore.TrustedCertificateEntry trusted) {
+            engineSetCertificateEntry(alias, trusted.getTrustedCertificate());
+        } else {
+            throw new KeyStoreException("expected a PrivateKeyEntry or a TrustedCertificateEntry, not " + entry);
+        }
+    }
+
+    @Override
+    public void engineDeleteEntry(String alias) throws KeyStoreException {
+        change(token -> token.deleteEntry(alias));
+    }
+
+    /** Changes are on the token as soon as they are made. */
+    @Override
+    public void engineStore(OutputStream stream, char[] password) throws IOException {
+        if (stream != null) {
+            throw new IOException("the entries are on the token, and its keys cannot leave it: store to null");
+        }
     }
 
     @Override
     public void engineStore(KeyStore.LoadStoreParameter parameter) {
-        throw readOnly();
+        if (parameter != null) {
+            throw new IllegalArgumentException("the entries are on the token: store with null");
+        }
     }
 }

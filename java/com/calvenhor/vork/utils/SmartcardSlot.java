@@ -1,127 +1,61 @@
 package com.calvenhor.vork.utils;
 
+import static com.calvenhor.vork.utils.SmartcardException.*;
+
 import java.io.IOException;
+import java.math.BigInteger;
+import java.nio.ByteBuffer;
 import java.nio.CharBuffer;
 import java.nio.charset.StandardCharsets;
-import java.security.InvalidParameterException;
 import java.security.UnrecoverableKeyException;
 import java.util.Arrays;
 import java.util.List;
 import java.util.function.LongFunction;
 import java.util.HashMap;
 import java.util.Map;
-import java.util.stream.Collectors;
 import java.util.stream.IntStream;
 import java.util.stream.LongStream;
 
 /**
- * A slot and its session, and the only caller of the natives. Steps that belong together hold the natives' lock.
+ * A slot of the bound module, with its session. Steps that belong together hold the natives' lock.
  *
- * @param module the module to bind; null for the one that the application has bound
- * @param index the slot index; {@link #ONLY} for the only slot that has a token
+ * @param index the slot index
  */
-record SmartcardSlot(String module, long index) {
-    private static final long ONLY = -1;
-    private static final long NO_SLOT = -1;
+record SmartcardSlot(long index) {
     private static final long TOKEN_PRESENT = 1;
+    private static final long LOGIN_REQUIRED = 4;
     private static final long TOKEN_INITIALIZED = 0x400;
     private static final long PIN_PAD = 0x100; // CKF_PROTECTED_AUTHENTICATION_PATH
     private static final long PIN_COUNT_LOW = 0x10000;
     private static final long PIN_FINAL_TRY = 0x20000;
     private static final long PIN_LOCKED = 0x40000;
-    private static final long HOST_MEMORY = 0x02;
-    private static final long DEVICE_REMOVED = 0x32;
-    private static final long OBJECT_HANDLE_INVALID = 0x82;
-    private static final long OPERATION_NOT_INITIALIZED = 0x91;
-    private static final long PIN_INVALID = 0xA1;
-    private static final long SESSION_HANDLE_INVALID = 0xB3;
-    private static final long TOKEN_NOT_PRESENT = 0xE0;
-    private static final long TOKEN_NOT_RECOGNIZED = 0xE1;
-    private static final long USER_NOT_LOGGED_IN = 0x101;
-    private static final long CRYPTOKI_NOT_INITIALIZED = 0x190;
-    private static final long CRYPTOKI_ALREADY_INITIALIZED = 0x191;
-    private static final long FUNCTION_REJECTED = 0x200;
-
-    // Many modules, such as SoftHSM2, find a token that came since only once they are bound again.
-    private static final String INSERT = "; insert the card; if it is in, call Smartcard.finalizeDLL and load again";
 
     /** By slot index, the slot ID that a new session reported: certainly that slot's, as long as the binding lasts. */
     private static final Map<Long, Integer> SLOT_IDS = new HashMap<>();
 
-    /** The slot that MODULE, MODULE#SLOT or SLOT names. */
-    static SmartcardSlot named(String argument) {
-        int hash = argument.lastIndexOf('#');
-        String last = argument.substring(hash + 1);
-        boolean isSlot = last.matches("\\d{1,9}");
-        if (argument.isEmpty() || hash == 0 || hash > 0 && !isSlot) {
-            throw new InvalidParameterException("MODULE, MODULE#SLOT or SLOT is expected, with the path of a PKCS#11 "
-                    + "module and a slot index from 0, not " + argument);
-        }
-        return new SmartcardSlot(isSlot ? hash < 0 ? null : argument.substring(0, hash) : argument,
-                isSlot ? Long.parseLong(last) : ONLY);
-    }
-
-    /**
-     * Binds the module, opens a session and logs in, as far as each is not done yet.
-     *
-     * @param pin null or empty for none: then the token asks for it, if it has a PIN pad
-     * @return the slot, with its index
-     */
-    SmartcardSlot open(char[] pin) throws IOException {
-        synchronized (Smartcard.class) {
-            bind();
-            SmartcardSlot slot = index == ONLY ? new SmartcardSlot(module, onlyToken()) : this;
-            slot.openSession(pin);
-            slot.requireToken();
-            slot.logIn(pin);
-            return slot;
+    /** An RSA public key object. */
+    record PublicKey(ByteBuffer label, BigInteger modulus, BigInteger exponent) {
+        boolean isHalfOf(SmartcardKey key) {
+            return modulus.equals(key.getModulus()) && exponent.equals(key.publicKey().getPublicExponent());
         }
     }
 
-    private void bind() throws IOException {
-        boolean isBound = Smartcard.getSessionInfoDLL(NO_SLOT)[0] != CRYPTOKI_NOT_INITIALIZED;
-        if (module == null) {
-            require(isBound, "no module is bound: call Smartcard.initDLL, or configure MODULE#SLOT");
-            return;
-        }
-        long code = Smartcard.initDLL(module);
-        require(code != -1, module + " cannot be loaded; if the file exists, `ldd " + module
-                + "` shows which library is missing");
-        require(code != -2, module + " is not a PKCS#11 module: it has no C_GetFunctionList");
-        require(code != -3, module + " has no slot: connect the reader");
-        if (!isBound) {
-            check(code, "initDLL of " + module,
-                    code == CRYPTOKI_ALREADY_INITIALIZED ? "; something else in the process uses the module" : "");
-            SLOT_IDS.clear();
-            return;
-        }
-        // Whichever module is bound, the answer is 0x191. But only the bound one is called: where it is another, the
-        // last code is still that of the question above.
-        require((Smartcard.readSlotDescriptionDLL(NO_SLOT)[0] & 0xFF) != SESSION_HANDLE_INVALID, "not " + module
-                + " is bound but another module: call Smartcard.finalizeDLL first, or configure SLOT alone to use it");
+    /** To be called when a module has been bound. */
+    static void forgetSlotIds() {
+        SLOT_IDS.clear();
     }
 
-    private long onlyToken() throws IOException {
-        // A token that cannot be asked may be the one that is meant.
-        long[] tokens = LongStream.range(0, Smartcard.getSlotCountDLL()).filter(slot -> {
-            boolean isPresent = (Smartcard.getSlotInfoDLL(slot) & TOKEN_PRESENT) != 0; // first, as in openSession
-            long flags = Smartcard.getTokenInfoDLL(slot);
-            return (flags & TOKEN_INITIALIZED) != 0 || flags == 0 && isPresent;
-        }).toArray();
-        if (tokens.length == 0) {
-            throw new SmartcardException("no token in the slots of " + module, TOKEN_NOT_PRESENT, INSERT);
-        }
-        if (tokens.length > 1) {
-            throw new IOException("several tokens, configure " + module + "#SLOT: " + Arrays.stream(tokens)
-                    .mapToObj(slot -> slot + " \"" + text(Smartcard.readCardLabelDLL(slot)) + '"')
-                    .collect(Collectors.joining(", ")));
-        }
-        return tokens[0];
+    /** Opens a session and logs in, as far as each is not done yet. */
+    void open(char[] pin) throws IOException {
+        openSession(isGiven(pin));
+        serialNumber(); // of a token that is gone, nothing below would tell
+        logIn(pin);
     }
 
-    private void openSession(char[] pin) throws IOException {
+    /** Opens a session unless there is one. */
+    void openSession(boolean isPinGiven) throws IOException {
         Smartcard.getSlotInfoDLL(index); // only then OpenSC notices that a card was removed, and its session closed
-        if (Smartcard.isSessionOpenDLL(index) == 0 && !mayBelongToAnotherSlot(needsLogin(pin))) {
+        if (Smartcard.isSessionOpenDLL(index) == 0 && !mayBelongToAnotherSlot(needsLogin(isPinGiven))) {
             return;
         }
         long code = Smartcard.openSessionDLL(index);
@@ -149,18 +83,63 @@ record SmartcardSlot(String module, long index) {
                         && Smartcard.getSessionInfoDLL(other)[2] == slotId);
     }
 
-    /** SoftHSM2 opens sessions of a token that is gone, logs in and lists nothing; the serial number cannot be read. */
-    private void requireToken() throws IOException {
-        byte[] status = Smartcard.readCardSerialNumberDLL(index);
-        if (status == null || status.length == 1) {
-            throw new SmartcardException("the token in slot " + index + " does not answer", codeOf(status,
-                    FUNCTION_REJECTED), INSERT);
+    /**
+     * {@return the token's serial number} SoftHSM2 opens sessions of a token that is gone, logs in and lists nothing,
+     * but does not give its serial number.
+     */
+    byte[] serialNumber() throws IOException {
+        byte[] number = Smartcard.readCardSerialNumberDLL(index);
+        if (number == null || number.length == 1) {
+            throw new SmartcardException("the token in slot " + index + " does not answer",
+                    codeOf(number, FUNCTION_REJECTED), INSERT);
+        }
+        return number;
+    }
+
+    /** Whether a token is in the slot that can be used, or one that cannot be asked. */
+    boolean mayHaveToken() {
+        boolean isPresent = (Smartcard.getSlotInfoDLL(index) & TOKEN_PRESENT) != 0; // first, as in openSession
+        long flags = Smartcard.getTokenInfoDLL(index);
+        return (flags & TOKEN_INITIALIZED) != 0 || flags == 0 && isPresent;
+    }
+
+    /** {@return whether the token has this label and this serial number, each if it is not null} */
+    boolean has(String label, String serialNumber) {
+        return (label == null || label.equals(text(Smartcard.readCardLabelDLL(index))))
+                && (serialNumber == null || serialNumber.equals(text(Smartcard.readCardSerialNumberDLL(index))));
+    }
+
+    /** {@return the slot index and the token's label} */
+    String description() {
+        return index + " \"" + text(Smartcard.readCardLabelDLL(index)) + "\", serial number "
+                + text(Smartcard.readCardSerialNumberDLL(index));
+    }
+
+    private boolean needsLogin(boolean isPinGiven) {
+        return !isUser(Smartcard.getSessionInfoDLL(index)) && (isPinGiven
+                || (Smartcard.getTokenInfoDLL(index) & PIN_PAD) != 0);
+    }
+
+    /** {@return whether a login is needed for which the token does not ask by itself} */
+    boolean wantsPin() throws IOException {
+        openSession(false);
+        return (Smartcard.getTokenInfoDLL(index) & (LOGIN_REQUIRED | PIN_PAD)) == LOGIN_REQUIRED
+                && !isUser(Smartcard.getSessionInfoDLL(index));
+    }
+
+    /** Without the login that the token requires, much of what it holds cannot be seen. */
+    void requireLogin() throws IOException {
+        long flags = Smartcard.getTokenInfoDLL(index);
+        require(flags > 0, "the token in slot " + index + " does not give its flags");
+        if ((flags & LOGIN_REQUIRED) != 0 && !isUser(Smartcard.getSessionInfoDLL(index))) {
+            throw new SmartcardException("slot " + index, USER_NOT_LOGGED_IN, "; load the KeyStore with the PIN");
         }
     }
 
-    private boolean needsLogin(char[] pin) {
-        return !isUser(Smartcard.getSessionInfoDLL(index)) && (isGiven(pin)
-                || (Smartcard.getTokenInfoDLL(index) & PIN_PAD) != 0);
+    /** Nobody being logged in, or no session, is as good. */
+    void logOut() throws IOException {
+        long code = Smartcard.logoutDLL(index);
+        check(code == -1 || code == USER_NOT_LOGGED_IN ? 0 : code, "logoutDLL in slot " + index, "");
     }
 
     private static boolean isGiven(char[] pin) {
@@ -168,7 +147,7 @@ record SmartcardSlot(String module, long index) {
     }
 
     private void logIn(char[] pin) throws IOException {
-        if (!needsLogin(pin)) {
+        if (!needsLogin(isGiven(pin))) {
             return;
         }
         // Strings reach the module in modified UTF-8, which differs from UTF-8 in these: a wrong PIN, and counted.
@@ -214,6 +193,20 @@ record SmartcardSlot(String module, long index) {
         }
     }
 
+    /** The RSA public keys that the session sees and that have the ID. */
+    List<PublicKey> publicKeys(byte[] id) throws IOException {
+        return rows("readAllRSAPublicKeysDLL", Smartcard::readAllRSAPublicKeysDLL, 4).stream()
+                .filter(row -> Arrays.equals(row[0], id))
+                .map(row -> new PublicKey(ByteBuffer.wrap(row[1]), new BigInteger(1, row[2]),
+                        new BigInteger(1, row[3]))).toList();
+    }
+
+    /** {@return whether all RSA keys that have the ID have this label} */
+    boolean areLabelled(byte[] id, byte[] label) throws IOException {
+        return privateKeys().stream().allMatch(row -> !Arrays.equals(row[0], id) || Arrays.equals(row[1], label))
+                && publicKeys(id).stream().allMatch(key -> key.label().equals(ByteBuffer.wrap(label)));
+    }
+
     /** Signs with the first private key that has the ID, by CKM_RSA_PKCS. */
     byte[] sign(byte[] digestInfo, byte[] id) throws IOException {
         synchronized (Smartcard.class) {
@@ -230,7 +223,7 @@ record SmartcardSlot(String module, long index) {
      *
      * @param zero what a status of 0 stands for
      */
-    private SmartcardException failure(String call, byte[] status, long zero) {
+    SmartcardException failure(String call, byte[] status, long zero) {
         long code = Smartcard.isSessionOpenDLL(index);
         int[] session = Smartcard.getSessionInfoDLL(index);
         String insert = "; insert the card and load the KeyStore again";
@@ -266,12 +259,6 @@ record SmartcardSlot(String module, long index) {
     static String text(byte[] bytes) {
         return new String(bytes, StandardCharsets.UTF_8)
                 .replaceAll("[\\p{Cntrl}\\x80-\\x9F\\u061C\\u200E\\u200F\\u202A-\\u202E\\u2066-\\u2069]", "").strip();
-    }
-
-    private static void check(long code, String step, String advice) throws IOException {
-        if (code != 0) {
-            throw new SmartcardException(step, code, advice);
-        }
     }
 
     private static void require(boolean condition, String otherwise) throws IOException {

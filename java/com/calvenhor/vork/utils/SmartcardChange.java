@@ -1,0 +1,334 @@
+package com.calvenhor.vork.utils;
+
+import com.calvenhor.vork.utils.SmartcardContents.Entry;
+import com.calvenhor.vork.utils.SmartcardContents.Item;
+import com.calvenhor.vork.utils.SmartcardSlot.PublicKey;
+import java.io.IOException;
+import java.math.BigInteger;
+import java.nio.ByteBuffer;
+import java.security.GeneralSecurityException;
+import java.security.Key;
+import java.security.KeyStoreException;
+import java.security.cert.Certificate;
+import java.security.cert.X509Certificate;
+import java.security.interfaces.RSAPrivateCrtKey;
+import java.security.interfaces.RSAPublicKey;
+import java.util.ArrayList;
+import java.util.Arrays;
+import java.util.List;
+import java.util.regex.Pattern;
+import java.util.stream.Stream;
+
+/**
+ * A change of the entries of one token. It refuses before it writes, and writes the new before it deletes the old. It
+ * believes only listings: the result of a native method often speaks for one object of several, and a deletion that
+ * found nothing succeeds. The caller holds the lock of the natives from the constructor on.
+ */
+final class SmartcardChange {
+    private final SmartcardSlot slot;
+    private final SmartcardWriter writer;
+    private SmartcardContents now; // as last listed
+    private boolean isListed; // and not merely tried to be
+
+    /** @param known what the token held before: with another token in the slot, nothing is changed */
+    SmartcardChange(SmartcardContents known) throws IOException, GeneralSecurityException {
+        slot = known.slot();
+        writer = new SmartcardWriter(slot);
+        slot.openSession(false); // asks for the card, which some modules look for only then
+        slot.requireLogin();
+        list();
+        require(Arrays.equals(known.serialNumber(), now.serialNumber()), "another token is in slot " + slot.index()
+                + ": load the KeyStore again");
+    }
+
+    /** {@return what the token holds now, or held when it could last be listed} */
+    SmartcardContents contents() {
+        try {
+            if (!isListed) {
+                list();
+            }
+        } catch (IOException | GeneralSecurityException e) {
+            // What failed before is what the caller is told.
+        }
+        return now;
+    }
+
+    private void list() throws IOException, GeneralSecurityException {
+        isListed = false;
+        now = SmartcardContents.of(slot);
+        isListed = true;
+    }
+
+    // ---- Setting ----
+
+    /** Imports a key with its certificate, or gives a key of this token its certificate. */
+    void setKeyEntry(String alias, Key key, Certificate[] chain) throws IOException, GeneralSecurityException {
+        SmartcardKey known = key instanceof SmartcardKey ours ? ours : null;
+        RSAPrivateCrtKey imported = key instanceof RSAPrivateCrtKey crt ? crt : null;
+        require(known != null || imported != null, "expected a key of this token, or an RSA private key with CRT "
+                + "values, not " + (key == null ? "null" : key.getAlgorithm() + ", " + key.getClass().getName()));
+        require(known == null || known.slot().equals(slot), "the key is on another token: " + known);
+        List<X509Certificate> certificates = x509(chain);
+        BigInteger modulus = known != null ? known.getModulus() : imported.getModulus();
+        BigInteger exponent = known != null ? known.publicKey().getPublicExponent() : imported.getPublicExponent();
+        require(certificates.get(0).getPublicKey() instanceof RSAPublicKey first && first.getModulus().equals(modulus)
+                && first.getPublicExponent().equals(exponent), "the first certificate is not the key's");
+
+        SmartcardKey named = new SmartcardKey(slot, known != null ? known.id() : SmartcardWriter.idOf(modulus),
+                (RSAPublicKey) certificates.get(0).getPublicKey());
+        SmartcardKey present = now.entry(alias).key();
+        require(present == null || present.equals(named), "\"" + alias + "\" is another key's entry: delete it first");
+        int count = now.keyCount(named.id());
+        require(count < 2, "several private keys have its ID: " + named);
+        require(count == 1 || imported != null, "no longer on the token: " + named);
+        // Renaming takes the first of each half.
+        require(known == null || slot.publicKeys(named.id()).size() < 2, "several public keys have its ID: " + named);
+        if (count == 1) {
+            named.requireSigns();
+        }
+        Item item = item(named.id(), alias, certificates.get(0));
+        set(alias, item, certificates.subList(1, certificates.size()), named, count == 0 ? imported : null);
+        if (known != null) {
+            label(named, item.label().array());
+        }
+    }
+
+    void setCertificateEntry(String alias, Certificate certificate) throws IOException, GeneralSecurityException {
+        X509Certificate x509 = x509(certificate).get(0);
+        require(now.entry(alias).key() == null, "\"" + alias + "\" is a key's entry: delete it first");
+        set(alias, item(SmartcardWriter.sha1(x509.getEncoded()), alias, x509), List.of(), null, null);
+    }
+
+    /**
+     * Gives an alias its item, and takes away what the alias stood for.
+     *
+     * @param key null for a certificate entry
+     * @param imported the private key if it has to be written, else null
+     */
+    private void set(String alias, Item item, List<X509Certificate> issuers, SmartcardKey key,
+            RSAPrivateCrtKey imported) throws IOException, GeneralSecurityException {
+        SmartcardContents before = now;
+        List<Item> old = new ArrayList<>(before.objects(alias));
+        List<Item> added = new ArrayList<>();
+        if (!old.removeIf(item::equals) || imported != null) {
+            added.add(item); // with an imported key perhaps a copy
+        }
+        byte[] newKeyId = imported == null ? null : key.id();
+        for (X509Certificate issuer : issuers) {
+            SmartcardContents after = before.after(old, added, newKeyId);
+            if (after.items().stream().noneMatch(other -> issuer.equals(other.certificate()))) {
+                added.add(freeItem(issuer, after));
+            }
+        }
+        SmartcardContents after = before.after(old, added, newKeyId);
+        require(alias.equals(after.alias(item)) && (key == null) == (after.entry(alias).key() == null),
+                "the alias would read back as \"" + after.alias(item) + "\", not as \"" + alias + "\"");
+        for (Item each : old) {
+            requireDeletable(each, Stream.concat(before.items().stream(), added.stream()).toList());
+        }
+        boolean hadPublicKey = newKeyId != null && !slot.publicKeys(newKeyId).isEmpty();
+
+        try {
+            for (Item each : added) {
+                if (each == item && imported != null) {
+                    writer.writeCertificateAndPrivateKey(each, imported);
+                } else {
+                    writer.writeCertificate(each);
+                }
+            }
+            list();
+            for (Item each : added) {
+                require(now.count(each) > before.count(each), "the token does not list " + described(each));
+            }
+            if (imported != null) {
+                require(now.keyCount(newKeyId) == 1, "the token does not list the private key");
+                key.requireSigns();
+            }
+            for (Item each : old) {
+                deleteCertificate(each);
+            }
+        } catch (IOException | GeneralSecurityException | RuntimeException e) {
+            throw undone(e, before, old, added, newKeyId, hadPublicKey);
+        }
+    }
+
+    /** Takes off again what has been written, unless something of the old is gone. The failure says what is left. */
+    private KeyStoreException undone(Exception failure, SmartcardContents before, List<Item> old, List<Item> added,
+            byte[] newKeyId, boolean hadPublicKey) {
+        List<String> left = new ArrayList<>();
+        try {
+            list();
+            if (old.stream().anyMatch(each -> now.count(each) < before.count(each))) {
+                return new KeyStoreException("the entry is set, but not all of the old one is deleted: "
+                        + failure.getMessage(), failure);
+            }
+            for (Item each : added) {
+                if (now.count(each) > before.count(each)) {
+                    try {
+                        deleteCertificate(each);
+                    } catch (IOException | GeneralSecurityException e) {
+                        // The listing below shows it.
+                    }
+                }
+            }
+            if (newKeyId != null) {
+                left.addAll(writer.takeOffKeyPair(newKeyId, !hadPublicKey));
+            }
+            list();
+            added.stream().filter(each -> now.count(each) > before.count(each)).map(SmartcardChange::described)
+                    .forEach(left::add);
+        } catch (IOException | GeneralSecurityException e) {
+            left.add("unknown, since the token cannot be listed");
+        }
+        return new KeyStoreException(failure.getMessage()
+                + (left.isEmpty() ? "" : "; left on the token: " + String.join("; ", left)), failure);
+    }
+
+    /** Gives both halves of a key pair the label, by which other programs show them. */
+    private void label(SmartcardKey key, byte[] label) throws KeyStoreException {
+        try {
+            if (!slot.areLabelled(key.id(), label)) {
+                long code = writer.renameKeyPair(key.id(), key.id(), label);
+                require(slot.areLabelled(key.id(), label), SmartcardException.nameOf(code));
+            }
+        } catch (IOException | KeyStoreException e) {
+            throw new KeyStoreException("the entry is set, but perhaps not its keys' label: " + e.getMessage(), e);
+        }
+    }
+
+    // ---- Deleting ----
+
+    /** Deletes an entry; its keys only with the last certificate that has their ID. */
+    void deleteEntry(String alias) throws IOException, GeneralSecurityException {
+        List<Item> objects = now.objects(alias);
+        if (objects.isEmpty()) {
+            return;
+        }
+        for (Item each : objects) {
+            requireDeletable(each, now.items());
+        }
+        Entry entry = now.entry(alias);
+        SmartcardKey key = entry.key();
+        boolean areKeysShared = now.items().stream()
+                .anyMatch(other -> other.id().equals(entry.item().id()) && !objects.contains(other));
+        if (key != null && !areKeysShared) {
+            require(now.keyCount(key.id()) == 1, "several private keys have its ID: " + key);
+            require(slot.publicKeys(key.id()).stream().allMatch(each -> each.isHalfOf(key)),
+                    "another key's public key has its ID: " + key);
+            key.requireSigns(); // a deletion takes the first key of the ID, of any type: the one that signs
+            writer.deletePrivateKey(key.id());
+            list();
+            require(now.keyCount(key.id()) == 0, "the token still lists the private key: " + key);
+        }
+        if (!areKeysShared) {
+            deletePublicKeys(entry);
+        }
+        for (Item each : objects) {
+            deleteCertificate(each);
+        }
+    }
+
+    /** With the entry's private key gone; a certificate entry may be the rest of an entry that was partly deleted. */
+    private void deletePublicKeys(Entry entry) throws IOException, KeyStoreException {
+        byte[] id = entry.item().id().array();
+        if (id.length == 0 || now.keyCount(id) > 0
+                || !(entry.item().certificate().getPublicKey() instanceof RSAPublicKey publicKey)) {
+            return;
+        }
+        SmartcardKey key = new SmartcardKey(slot, id, publicKey);
+        List<PublicKey> keys = slot.publicKeys(id);
+        boolean areItsOwn = keys.stream().allMatch(
+                each -> each.isHalfOf(key) && (entry.key() != null || each.label().equals(entry.item().label())));
+        for (int count = keys.size(); areItsOwn && count > 0; count--) {
+            writer.deletePublicKey(id);
+            require(slot.publicKeys(id).size() < count, "the token still lists the public key of " + key);
+        }
+    }
+
+    private void deleteCertificate(Item item) throws IOException, GeneralSecurityException {
+        int count = now.count(item);
+        IOException failure = null;
+        for (byte[] serialNumber : serialNumbers(item)) {
+            if (now.items().stream().noneMatch(other -> mayMatch(other, item, serialNumber))) {
+                try {
+                    writer.deleteCertificate(item, serialNumber);
+                } catch (IOException e) {
+                    failure = e;
+                }
+                list();
+                if (now.count(item) < count) {
+                    return;
+                }
+            }
+        }
+        throw failure != null ? failure : new IOException("the token does not find by its names: " + described(item));
+    }
+
+    /** A certificate is found by all but its value: whatever else could be found in its place is in danger. */
+    private static void requireDeletable(Item item, List<Item> among) throws KeyStoreException {
+        byte[] serialNumber = serialNumbers(item).get(0);
+        require(among.stream().noneMatch(other -> mayMatch(other, item, serialNumber)),
+                "another certificate has the same label, ID, names and serial number: " + described(item));
+    }
+
+    /** Whether a deletion of the item, by this form of its serial number, could find another one. */
+    private static boolean mayMatch(Item other, Item item, byte[] serialNumber) {
+        if (other.equals(item) || !other.id().equals(item.id()) || !other.label().equals(item.label())) {
+            return false;
+        }
+        return other.certificate() == null
+                || other.certificate().getSubjectX500Principal().equals(item.certificate().getSubjectX500Principal())
+                && other.certificate().getIssuerX500Principal().equals(item.certificate().getIssuerX500Principal())
+                && serialNumbers(other).stream().anyMatch(each -> Arrays.equals(each, serialNumber));
+    }
+
+    /** The forms that writers give CKA_SERIAL_NUMBER: DER, which PKCS#11 asks for, the number alone, and nothing. */
+    private static List<byte[]> serialNumbers(Item item) {
+        BigInteger number = item.certificate().getSerialNumber();
+        return List.of(SmartcardWriter.der(number), number.toByteArray(), new byte[0]);
+    }
+
+    // ---- Items ----
+
+    private static Item item(byte[] id, String label, X509Certificate certificate) {
+        return new Item(ByteBuffer.wrap(id), ByteBuffer.wrap(SmartcardWriter.label(label)), certificate);
+    }
+
+    /** A certificate entry under the first of its common name, its organisation and its whole name that is free. */
+    private static Item freeItem(X509Certificate certificate, SmartcardContents contents)
+            throws GeneralSecurityException {
+        String name = certificate.getSubjectX500Principal().getName();
+        byte[] id = SmartcardWriter.sha1(certificate.getEncoded());
+        for (String label : List.of(attribute("CN", name), attribute("O", name), name,
+                name + " " + SmartcardContents.digest(certificate))) {
+            Item item = item(id, label, certificate);
+            if (contents.after(List.of(), List.of(item), null).alias(item).equals(label)) {
+                return item;
+            }
+        }
+        throw new KeyStoreException("no label is free for the issuer " + name);
+    }
+
+    /** The value of an attribute in a name as RFC 2253 writes it; empty if there is none. */
+    private static String attribute(String type, String name) {
+        return Pattern.compile("(?:^|[,+])" + type + "=((?:[^,+\\\\]|\\\\.)*)").matcher(name).results()
+                .map(found -> found.group(1).replaceAll("\\\\(.)", "$1")).findFirst().orElse("");
+    }
+
+    private static List<X509Certificate> x509(Certificate... chain) throws KeyStoreException {
+        require(chain != null && chain.length > 0 && Arrays.stream(chain).allMatch(X509Certificate.class::isInstance),
+                "expected X.509 certificates");
+        return Arrays.stream(chain).map(X509Certificate.class::cast).toList();
+    }
+
+    private static String described(Item item) {
+        return "\"" + SmartcardSlot.text(item.label().array()) + "\", "
+                + item.certificate().getSubjectX500Principal().getName();
+    }
+
+    private static void require(boolean condition, String otherwise) throws KeyStoreException {
+        if (!condition) {
+            throw new KeyStoreException(otherwise);
+        }
+    }
+}

@@ -1,0 +1,106 @@
+package com.calvenhor.vork.utils;
+
+import com.calvenhor.vork.utils.SmartcardSlot.PublicKey;
+import java.io.IOException;
+import java.math.BigInteger;
+import java.security.GeneralSecurityException;
+import java.security.InvalidAlgorithmParameterException;
+import java.security.InvalidParameterException;
+import java.security.KeyFactory;
+import java.security.KeyPair;
+import java.security.KeyPairGeneratorSpi;
+import java.security.ProviderException;
+import java.security.SecureRandom;
+import java.security.interfaces.RSAPublicKey;
+import java.security.spec.AlgorithmParameterSpec;
+import java.security.spec.RSAKeyGenParameterSpec;
+import java.security.spec.RSAPublicKeySpec;
+import java.util.ArrayList;
+import java.util.HexFormat;
+import java.util.List;
+import java.util.stream.Collectors;
+
+/** RSA key pairs that the token makes. Their ID is the one that an imported key would have. */
+final class SmartcardKeyPairGenerator extends KeyPairGeneratorSpi {
+    private static final int ID_LENGTH = 20; // as long as a SHA-1
+
+    private final SmartcardProvider provider;
+    private int bits = 2048;
+    private BigInteger exponent = RSAKeyGenParameterSpec.F4;
+
+    SmartcardKeyPairGenerator(SmartcardProvider provider) {
+        this.provider = provider;
+    }
+
+    @Override
+    public void initialize(int keySize, SecureRandom ignored) {
+        if (keySize < 512) {
+            throw new InvalidParameterException("a key of " + keySize + " bits");
+        }
+        bits = keySize;
+    }
+
+    @Override
+    public void initialize(AlgorithmParameterSpec parameters, SecureRandom ignored)
+            throws InvalidAlgorithmParameterException {
+        if (!(parameters instanceof RSAKeyGenParameterSpec rsa) || rsa.getKeyParams() != null) {
+            throw new InvalidAlgorithmParameterException("expected an RSAKeyGenParameterSpec without key parameters");
+        }
+        initialize(rsa.getKeysize(), ignored);
+        exponent = rsa.getPublicExponent();
+    }
+
+    @Override
+    public KeyPair generateKeyPair() {
+        char[] pin = null;
+        try {
+            pin = provider.askForPin(provider.callbackHandler());
+            synchronized (Smartcard.class) {
+                SmartcardSlot slot = provider.open(pin);
+                slot.requireLogin();
+                return generate(slot);
+            }
+        } catch (IOException | GeneralSecurityException e) {
+            throw new ProviderException(e.getMessage(), e);
+        } finally {
+            SmartcardProvider.clear(pin);
+        }
+    }
+
+    /** The ID depends on the modulus: until that is known, the pair is found by another ID. */
+    private KeyPair generate(SmartcardSlot slot) throws IOException, GeneralSecurityException {
+        SmartcardWriter writer = new SmartcardWriter(slot);
+        byte[] interimId = new byte[ID_LENGTH];
+        new SecureRandom().nextBytes(interimId);
+        List<byte[]> ids = new ArrayList<>(List.of(interimId));
+        try {
+            BigInteger modulus = writer.generateKeyPair(bits, exponent, interimId);
+            RSAPublicKey publicKey = (RSAPublicKey) KeyFactory.getInstance("RSA")
+                    .generatePublic(new RSAPublicKeySpec(modulus, exponent));
+            SmartcardKey key = new SmartcardKey(slot, SmartcardWriter.idOf(modulus), publicKey);
+            ids.add(key.id());
+            writer.renameKeyPair(interimId, key.id(), SmartcardWriter.label(HexFormat.of().formatHex(key.id())));
+            List<PublicKey> publicKeys = slot.publicKeys(key.id());
+            if (publicKeys.size() != 1 || !publicKeys.get(0).isHalfOf(key) || !slot.publicKeys(interimId).isEmpty()) {
+                throw new IOException("the token has not given the public key its ID");
+            }
+            key.requireSigns();
+            return new KeyPair(publicKey, key);
+        } catch (IOException | GeneralSecurityException | RuntimeException e) {
+            throw new ProviderException(e.getMessage() + left(writer, ids), e);
+        }
+    }
+
+    /** Takes the pair off again, and says what could not be. */
+    private static String left(SmartcardWriter writer, List<byte[]> ids) {
+        List<String> left = new ArrayList<>();
+        for (byte[] id : ids) {
+            try {
+                left.addAll(writer.takeOffKeyPair(id, true));
+            } catch (IOException e) {
+                left.add("unknown, since the token cannot be listed");
+            }
+        }
+        return left.isEmpty() ? "" : "; left on the token: " + String.join("; ", left);
+    }
+}

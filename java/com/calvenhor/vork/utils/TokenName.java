@@ -1,0 +1,142 @@
+package com.calvenhor.vork.utils;
+
+import static com.calvenhor.vork.utils.SmartcardException.CRYPTOKI_ALREADY_INITIALIZED;
+import static com.calvenhor.vork.utils.SmartcardException.CRYPTOKI_NOT_INITIALIZED;
+import static com.calvenhor.vork.utils.SmartcardException.INSERT;
+import static com.calvenhor.vork.utils.SmartcardException.SESSION_HANDLE_INVALID;
+import static com.calvenhor.vork.utils.SmartcardException.TOKEN_NOT_PRESENT;
+
+import java.io.IOException;
+import java.net.URLDecoder;
+import java.nio.charset.StandardCharsets;
+import java.security.InvalidParameterException;
+import java.util.List;
+import java.util.Map;
+import java.util.Set;
+import java.util.TreeMap;
+import java.util.stream.Collectors;
+import java.util.stream.LongStream;
+
+/**
+ * Which token an argument names.
+ *
+ * @param module the path of the module; null for the one that the application has bound
+ * @param index the slot index; {@link #ANY} for whichever slot has the token
+ * @param label the token's label; null for any
+ * @param serialNumber the token's serial number; null for any
+ */
+record TokenName(String module, long index, String label, String serialNumber) {
+    private static final long ANY = -1;
+    private static final long NO_SLOT = -1;
+    private static final String SYNTAX = "expected MODULE, MODULE#SLOT or SLOT, with the path of a PKCS#11 module and "
+            + "a slot index from 0, or pkcs11:token=LABEL;serial=NUMBER?module-path=MODULE";
+
+    /** @throws InvalidParameterException if it names no token */
+    static TokenName of(String argument) {
+        if (argument.startsWith("pkcs11:")) {
+            return ofUri(argument.substring("pkcs11:".length()));
+        }
+        int hash = argument.lastIndexOf('#');
+        String last = argument.substring(hash + 1);
+        boolean isSlot = last.matches("\\d{1,9}");
+        if (argument.isEmpty() || hash == 0 || hash > 0 && !isSlot) {
+            throw new InvalidParameterException(SYNTAX + ", not " + argument);
+        }
+        return new TokenName(isSlot ? hash < 0 ? null : argument.substring(0, hash) : argument,
+                isSlot ? Long.parseLong(last) : ANY, null, null);
+    }
+
+    /** RFC 7512, but for what the natives cannot compare: a part of the name must not be ignored. */
+    private static TokenName ofUri(String uri) {
+        String[] parts = uri.split("\\?", 2);
+        Map<String, String> path = attributes(parts[0], ";");
+        Map<String, String> query = attributes(parts.length < 2 ? "" : parts[1], "&");
+        TokenName name = new TokenName(query.remove("module-path"), ANY, path.remove("token"), path.remove("serial"));
+        if (name.label != null || name.serialNumber != null) { // which tell the token apart without these
+            path.keySet().removeAll(Set.of("manufacturer", "model"));
+        }
+        path.putAll(query);
+        if (!path.isEmpty()) {
+            throw new InvalidParameterException("the attributes " + path.keySet() + " cannot be compared; " + SYNTAX);
+        }
+        return name;
+    }
+
+    private static Map<String, String> attributes(String text, String separator) {
+        Map<String, String> attributes = new TreeMap<>();
+        for (String attribute : text.isEmpty() ? new String[0] : text.split(separator, -1)) {
+            String[] nameAndValue = attribute.split("=", 2);
+            try {
+                String value = URLDecoder.decode(nameAndValue[1].replace("+", "%2B"), StandardCharsets.UTF_8);
+                if (attributes.put(nameAndValue[0], value) == null) {
+                    continue;
+                }
+            } catch (ArrayIndexOutOfBoundsException | IllegalArgumentException e) {
+                // Told below, like an attribute that stands twice.
+            }
+            throw new InvalidParameterException("not an attribute, or twice: " + nameAndValue[0] + "; " + SYNTAX);
+        }
+        return attributes;
+    }
+
+    /** Binds the module, opens the token's session and logs in, as far as each is not done yet. */
+    SmartcardSlot open(char[] pin) throws IOException {
+        synchronized (Smartcard.class) {
+            SmartcardSlot slot = find();
+            slot.open(pin);
+            return slot;
+        }
+    }
+
+    /** Binds the module, if it is not bound yet; {@return the slot that has the token} */
+    SmartcardSlot find() throws IOException {
+        synchronized (Smartcard.class) {
+            bind();
+            if (index != ANY) {
+                return new SmartcardSlot(index);
+            }
+            List<SmartcardSlot> tokens = LongStream.range(0, Smartcard.getSlotCountDLL()).mapToObj(SmartcardSlot::new)
+                    .filter(SmartcardSlot::mayHaveToken).toList();
+            if (tokens.isEmpty()) {
+                throw new SmartcardException("no token in the slots of "
+                        + (module == null ? "the bound module" : module), TOKEN_NOT_PRESENT, INSERT);
+            }
+            List<SmartcardSlot> found = tokens.stream().filter(slot -> slot.has(label, serialNumber)).toList();
+            if (found.size() != 1) {
+                throw new IOException((found.isEmpty() ? "no such token, there are: " : "several tokens, configure "
+                        + (module == null ? "SLOT: " : module + "#SLOT: "))
+                        + tokens.stream().map(SmartcardSlot::description).collect(Collectors.joining("; ")));
+            }
+            return found.get(0);
+        }
+    }
+
+    private void bind() throws IOException {
+        boolean isBound = Smartcard.getSessionInfoDLL(NO_SLOT)[0] != CRYPTOKI_NOT_INITIALIZED;
+        if (module == null) {
+            require(isBound, "no module is bound: call Smartcard.initDLL, or configure MODULE#SLOT");
+            return;
+        }
+        long code = Smartcard.initDLL(module);
+        require(code != -1, module + " cannot be loaded; if the file exists, `ldd " + module
+                + "` shows which library is missing");
+        require(code != -2, module + " is not a PKCS#11 module: it has no C_GetFunctionList");
+        require(code != -3, module + " has no slot: connect the reader");
+        if (!isBound) {
+            SmartcardException.check(code, "initDLL of " + module,
+                    code == CRYPTOKI_ALREADY_INITIALIZED ? "; something else in the process uses the module" : "");
+            SmartcardSlot.forgetSlotIds();
+            return;
+        }
+        // Whichever module is bound, the answer is 0x191. But only the bound one is called: where it is another, the
+        // last code is still that of the question above.
+        require((Smartcard.readSlotDescriptionDLL(NO_SLOT)[0] & 0xFF) != SESSION_HANDLE_INVALID, "not " + module
+                + " is bound but another module: call Smartcard.finalizeDLL first, or configure SLOT alone to use it");
+    }
+
+    private static void require(boolean condition, String otherwise) throws IOException {
+        if (!condition) {
+            throw new IOException(otherwise);
+        }
+    }
+}
