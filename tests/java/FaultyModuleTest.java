@@ -28,10 +28,11 @@ class FaultyModuleTest {
     }
 
     @AfterEach
-    void close() {
+    void close() throws Exception {
         Smartcard.finalizeDLL();
         module.close();
         assertFalse(Files.exists(Path.of(module.path())));
+        assertFalse(Files.readString(Path.of("/proc/self/maps")).contains(module.path()));
     }
 
     private static byte[] sign() {
@@ -163,7 +164,7 @@ class FaultyModuleTest {
         assertStatus(0, sign());
         SoftTokenTest.assertOk(Smartcard.openSessionDLL(SLOT), Smartcard.logoutDLL(SLOT));
         assertEquals(5, Smartcard.loginDLL(SLOT, PIN, 1));
-        bindAgain();
+        bindAgain(module);
         assertSigns();
     }
 
@@ -182,16 +183,20 @@ class FaultyModuleTest {
         assertEquals(0xB3, Smartcard.isSessionOpenDLL(SLOT));
     }
 
-    /** A call during which the card goes fails like those after it. */
+    /** The genuine module being a faulty one as well, which has the call while the card goes. */
     @Test
     void removalDuringACall() throws Exception {
-        FutureTask<byte[]> signing = hanging();
-        module.remove(SLOT);
-        module.release();
-        assertStatus(0x32, signing.get());
+        try (FaultyModule outer = FaultyModule.before(module.path())) {
+            bindAgain(outer);
+            FutureTask<byte[]> signing = hanging();
+            outer.remove(SLOT);
+            module.release();
+            assertStatus(0x32, signing.get());
+            Smartcard.finalizeDLL();
+        }
     }
 
-    private void bindAgain() {
+    private static void bindAgain(FaultyModule module) {
         SoftTokenTest.assertOk(Smartcard.finalizeDLL(), Smartcard.initDLL(module.path()),
                 Smartcard.openSessionDLL(SLOT), Smartcard.loginDLL(SLOT, PIN, 1));
     }
