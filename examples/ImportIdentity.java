@@ -1,87 +1,59 @@
 import com.calvenhor.vork.utils.Smartcard;
+import java.io.IOException;
 import java.nio.file.Path;
-import java.util.ArrayDeque;
+import java.security.GeneralSecurityException;
 import java.util.Arrays;
-import java.util.Deque;
-import java.util.List;
 
-/** The whole life of an identity on a token: imported from a PKCS#12 file, used, renamed, deleted. */
+/** The life of an identity on a fresh token: imported from a PKCS#12 file, used, renamed, deleted. */
 public final class ImportIdentity {
-    private static final byte[] FIRST_LABEL = Token.utf8("Imported");
-    private static final byte[] NEW_LABEL = Token.utf8("Contracts");
+    private static final byte[] LABEL = "Imported".getBytes();
+    private static final byte[] NEW_LABEL = "Contracts".getBytes();
 
     private ImportIdentity() {
     }
 
-    /** @param arguments the options of {@link Token#open}, then the PKCS#12 file and its password */
-    public static void main(String[] arguments) {
-        Token.run(() -> importIdentity(new ArrayDeque<>(List.of(arguments))));
-    }
+    /** @param arguments MODULE FILE.p12 PASSWORD ALIAS; --keep in front leaves the identity on the token, renamed */
+    public static void main(String[] arguments) throws GeneralSecurityException, IOException {
+        boolean keep = arguments[0].equals("--keep");
+        String[] a = keep ? Arrays.copyOfRange(arguments, 1, arguments.length) : arguments;
+        Recipes.check("initDLL", Smartcard.initDLL(a[0]));
+        try {
+            long slot = Recipes.newToken(a[0], 0, "12345678", "123456");
+            Recipes.logIn(slot, "123456");
+            byte[] id = Recipes.importIdentity(slot, Path.of(a[1]), a[2].toCharArray(), a[3], LABEL);
+            Recipes.Entry entry = list(slot, LABEL);
+            Recipes.sign(slot, entry, "The key came from a file, and signs on the token.".getBytes());
+            System.out.println("\n==> Its key signs, and its certificate verifies that.");
 
-    private static void importIdentity(Deque<String> arguments) throws Exception {
-        Token.require(arguments.contains("--fresh"), "this example empties its token, so it takes only a fresh one");
-        try (Token token = Token.open(arguments)) {
-            Token.require(arguments.size() == 2, "a PKCS#12 file and its password are expected");
-            Path file = Path.of(arguments.remove());
-            Token.step("Read " + file);
-            Identity identity = Identity.read(file, arguments.remove().toCharArray());
-            byte[] id = identity.id();
-            Token.tell("An RSA key of " + identity.key().getModulus().bitLength() + " bits, with a certificate for "
-                    + identity.certificate().getSubjectX500Principal());
-
-            Token.step("Write private key, public key and certificate to the token");
-            identity.write(token.slot, FIRST_LABEL);
-
-            Token.step("List what is on the token");
-            list(token, id, FIRST_LABEL, FIRST_LABEL);
-
-            Token.step("Sign with the imported key, verify with the certificate");
-            byte[] document = Token.utf8("The key came from a file, and signs on the token.");
-            byte[] signature = Token.data(
-                    Smartcard.signWithIDDLL(token.slot, Sha256Rsa.digestInfo(document), id), "signWithIDDLL");
-            Token.require(Sha256Rsa.verifies(identity.certificate().getPublicKey(), document, signature),
-                    "the signature does not verify");
-            Token.tell("The signature verifies.");
-
-            Token.step("Give the key pair the label \"" + Token.text(NEW_LABEL)
-                    + "\"; the ID stays, since the certificate would keep the old one");
-            Token.check(Smartcard.updateKeyPairIDAndLabelDLL(token.slot, id, id, NEW_LABEL),
-                    "updateKeyPairIDAndLabelDLL");
-
-            Token.step("List again: the certificate still has its old label");
-            list(token, id, FIRST_LABEL, NEW_LABEL);
-
-            Token.step("Give the certificate the label of the public key");
-            Token.check(Smartcard.setCertificateLabelDLL(null, token.slot), "setCertificateLabelDLL");
-            list(token, id, NEW_LABEL, NEW_LABEL);
-
-            Token.step("Delete all three");
-            identity.deleteCertificate(token.slot, NEW_LABEL);
-            Token.check(Smartcard.deletePublicKeyDLL(token.slot, id), "deletePublicKeyDLL");
-            Token.check(Smartcard.deletePrivateKeyDLL(token.slot, id), "deletePrivateKeyDLL");
-
-            Token.step("Look at the token again");
-            Token.require(Smartcard.isCardEmptyDLL(token.slot) == 0, "the token is not empty");
-            Token.tell("It is empty.");
+            // The ID stays: the certificate would keep the old one.
+            Recipes.check("updateKeyPairIDAndLabelDLL", Smartcard.updateKeyPairIDAndLabelDLL(slot, id, id, NEW_LABEL));
+            list(slot, LABEL);
+            Recipes.check("setCertificateLabelDLL", Smartcard.setCertificateLabelDLL(null, slot)); // the public key's
+            list(slot, NEW_LABEL);
+            if (!keep) {
+                delete(slot, id);
+            }
+        } finally {
+            Smartcard.finalizeDLL();
         }
     }
 
-    /** Lists the three objects, and makes sure that they are the only ones and carry the ID and the labels. */
-    private static void list(Token token, byte[] id, byte[] certificateLabel, byte[] keyLabel) throws Token.Failure {
-        // All reading comes before all telling, so that the library's traces do not fall between the lines.
-        List<Token.Entry> certificates = Token.certificates(token.slot);
-        List<Token.Entry> publicKeys = Token.publicKeys(token.slot);
-        List<Token.Entry> privateKeys = Token.privateKeys(token.slot);
-        list("certificate", certificates, id, certificateLabel);
-        list("public key", publicKeys, id, keyLabel);
-        list("private key", privateKeys, id, keyLabel);
+    private static Recipes.Entry list(long slot, byte[] label) throws GeneralSecurityException, IOException {
+        Recipes.Entry entry = Recipes.certificates(slot).get(0);
+        System.out.println("\n==> " + new String(entry.label()) + ": " + entry.certificate().getSubjectX500Principal());
+        if (!Arrays.equals(entry.label(), label)) {
+            throw new IOException("not the label " + new String(label));
+        }
+        return entry;
     }
 
-    private static void list(String kind, List<Token.Entry> entries, byte[] id, byte[] label) throws Token.Failure {
-        Token.require(entries.size() == 1, entries.size() + " objects of the kind " + kind);
-        Token.Entry entry = entries.get(0);
-        Token.tell(String.format("%-11s  ID %s  label \"%s\"", kind, Token.hex(entry.id()), Token.text(entry.label())));
-        Token.require(Arrays.equals(entry.id(), id), "not the ID of the identity");
-        Token.require(Arrays.equals(entry.label(), label), "not the label \"" + Token.text(label) + "\"");
+    private static void delete(long slot, byte[] id) throws IOException {
+        Recipes.check("deleteAllCertificatesDLL", Smartcard.deleteAllCertificatesDLL(slot));
+        Recipes.check("deletePublicKeyDLL", Smartcard.deletePublicKeyDLL(slot, id));
+        Recipes.check("deletePrivateKeyDLL", Smartcard.deletePrivateKeyDLL(slot, id));
+        if (Smartcard.isCardEmptyDLL(slot) != 0) {
+            throw new IOException("the token is not empty");
+        }
+        System.out.println("\n==> All three are deleted.");
     }
 }

@@ -32,6 +32,7 @@ evidence() {
       ;;
     ninja-build) echo ninja ;;
     opensc) echo pkcs11-tool ;;
+    openssh-server) echo /usr/sbin/sshd ;;
     p11-kit-modules) echo '/usr/lib*/pkcs11/p11-kit-client.so /usr/lib*/*/pkcs11/p11-kit-client.so' ;;
     qemu-user) echo qemu-aarch64 ;;
     softhsm2) echo softhsm2-util ;;

@@ -1,26 +1,37 @@
+package com.calvenhor.vork.utils.tool;
+
 import com.calvenhor.vork.utils.Smartcard;
-import java.nio.file.Path;
+import java.nio.charset.StandardCharsets;
+import java.security.GeneralSecurityException;
+import java.security.MessageDigest;
 import java.security.PublicKey;
 import java.security.SecureRandom;
-import java.util.ArrayDeque;
+import java.security.Signature;
 import java.util.ArrayList;
 import java.util.Arrays;
-import java.util.Deque;
+import java.util.HexFormat;
+import java.util.LinkedHashMap;
 import java.util.List;
+import java.util.Map;
 import java.util.function.LongFunction;
 import java.util.stream.IntStream;
+import java.util.stream.LongStream;
 
 /**
- * Asks a module for what the library can do with it, and ends with a table: what worked, what the module refused, and
- * what does not fit its other answers. It reads, and signs a sentence with each key in sight. With {@code --write} it
- * also takes a key pair and an identity through their lives, under IDs of their own: what was there before stays.
+ * Asks a module for what the library can do with it: the report says what worked, what the module refused, and which
+ * results contradict each other. It reads, and signs a sentence with each key in sight. With {@code --write} it also
+ * takes a key pair and an identity through their lives, under IDs of their own: what was there before stays.
  */
-public final class CheckModule {
+final class Check {
     private static final byte[] EXPONENT = {1, 0, 1};
-    private static final byte[] SENTENCE = Token.utf8("Signed to check a PKCS#11 module.");
-    private static final byte[] LABEL = Token.utf8("Module check");
-    private static final byte[] NEW_LABEL = Token.utf8("Module check, renamed");
-    private static final int MISFIT_STATUS = 10; // no compiler's, no shell's and no virtual machine's
+    private static final byte[] SENTENCE = utf8("Signed to check a PKCS#11 module.");
+    private static final byte[] LABEL = utf8("Module check");
+    private static final byte[] NEW_LABEL = utf8("Module check, renamed");
+    private static final byte[] DIGEST_INFO = HexFormat.of().parseHex("3031300d060960864801650304020105000420");
+
+    private interface Steps {
+        void run() throws Exception;
+    }
 
     private interface Listing {
         List<Token.Entry> of(long slot) throws Token.Failure;
@@ -28,7 +39,6 @@ public final class CheckModule {
 
     private final Token token;
     private final long slot;
-    private final List<String> table = new ArrayList<>();
     private String detail; // of the answer to the present question
     private int misfits;
 
@@ -39,43 +49,51 @@ public final class CheckModule {
     private boolean unsure; // whether all were listed, or whether an ID finds its own object alone
     private boolean empty;
 
-    private CheckModule(Token token) {
+    private Check(Token token) {
         this.token = token;
         slot = token.slot;
     }
 
-    /** @param arguments the options of {@link Token#open}; with {@code --write} also a PKCS#12 file and its password */
-    public static void main(String[] arguments) {
-        Token.run(() -> check(new ArrayDeque<>(List.of(arguments))));
+    /** {@return the exit status} */
+    static int run(Options options) throws GeneralSecurityException, Token.Failure {
+        Token.bind(options);
+        Check check = new Check(Token.open(options.slot() >= 0 ? options.slot() : firstToken()));
+        Worker.tell("slot " + check.slot + ": " + check.token.logIn(options));
+        if (options.has("--remove")) {
+            check.askForLeftovers().forEach((name, deletion) -> check.ask("delete " + name, deletion));
+        }
+        check.read();
+        if (options.has("--write")) {
+            check.write();
+        }
+        check.ask("log out, close, finalize", check::close);
+        if (check.misfits == 0) {
+            return 0;
+        }
+        Worker.tell("Results that do not fit: " + check.misfits);
+        return Main.MISFIT;
     }
 
-    private static void check(Deque<String> arguments) throws Exception {
-        boolean write = arguments.remove("--write");
-        CheckModule check = new CheckModule(Token.open(arguments));
+    private static long firstToken() throws Token.Failure {
+        return LongStream.range(0, Smartcard.getSlotCountDLL()).filter(Token::isInitialised).findFirst()
+                .orElseThrow(() -> new Token.Failure("no slot has a token that is ready for use: insert the card"));
+    }
+
+    private void close() throws Token.Failure {
         try {
-            Token.require(arguments.size() == (write ? 2 : 0), "wrong number of arguments");
-            check.read();
-            if (write && check.unsure) {
-                check.enter("all that writes", "not asked", "it could reach what is not ours");
-            } else if (write) {
-                Identity identity = Identity.read(Path.of(arguments.remove()), arguments.remove().toCharArray());
-                check.generate();
-                check.importIdentity(identity);
+            token.logOut();
+            long code = Smartcard.closeSessionDLL(slot);
+            if (code != 0xE0) { // CKR_TOKEN_NOT_PRESENT: it answers for the last slot of all, which may be empty
+                Token.check(code, "closeSessionDLL");
             }
         } finally {
-            check.ask("log out, close, finalize", check.token::close);
-        }
-        Token.step("What " + (write ? "reading and writing" : "reading") + " gave");
-        check.table.forEach(Token::tell);
-        if (check.misfits > 0) {
-            Token.step("Answers that do not fit: " + check.misfits);
-            System.exit(MISFIT_STATUS);
+            Token.check(Smartcard.finalizeDLL(), "finalizeDLL");
         }
     }
 
     /** A call that fails is refused; any other failure is one of ours to make sense of the answers. */
-    private boolean ask(String what, Token.Steps steps) {
-        Token.step(what);
+    private boolean ask(String what, Steps steps) {
+        Worker.step(what);
         detail = "";
         try {
             steps.run();
@@ -90,8 +108,8 @@ public final class CheckModule {
         return false;
     }
 
-    private void enter(String what, String verdict, String text) {
-        table.add(String.format("%-33s %-12s  %s", what, verdict, text).stripTrailing());
+    private static void enter(String what, String verdict, String text) {
+        Worker.tell(String.format("%-33s %-12s  %s", what, verdict, text).stripTrailing());
     }
 
     // ---- Reading ----
@@ -127,7 +145,7 @@ public final class CheckModule {
             }
             Token.require(Arrays.equals(types, Smartcard.getSupportedMechanismListDLL(slot)), "two lists differ");
             List<String> silent = IntStream.of(types).filter(type -> mechanism(type) == -1)
-                    .mapToObj(Names::mechanism).toList();
+                    .mapToObj(type -> "0x" + Integer.toHexString(type)).toList();
             Token.require(silent.isEmpty(), types.length + ", without information on " + String.join(" ", silent));
             Token.require(mechanism(1) == -1 || IntStream.of(types).anyMatch(type -> type == 1),
                     types.length + ", without RSA_PKCS, of which there is information");
@@ -148,7 +166,7 @@ public final class CheckModule {
         if (!certificates.isEmpty()) {
             ask("certificates read by Java", () -> {
                 for (Token.Entry entry : certificates) {
-                    Token.certificate(entry.values().get(0));
+                    Token.certificate(entry);
                 }
                 byte[] first = Token.data(Smartcard.readCertificateDLL(slot), "readCertificateDLL");
                 Token.require(Arrays.equals(first, certificates.get(0).values().get(0)),
@@ -159,7 +177,7 @@ public final class CheckModule {
             sign("sign with \"" + Token.text(key.label()) + "\"", key.id());
         }
         boolean noSignature = ask("sign with a key that is not there", () -> {
-            byte[] signature = Smartcard.signWithIDDLL(slot, Sha256Rsa.digestInfo(SENTENCE), newId());
+            byte[] signature = Smartcard.signWithIDDLL(slot, digestInfo(), newId());
             Token.require(signature.length == 1, "another key signed");
             detail = "no signature";
         });
@@ -187,23 +205,85 @@ public final class CheckModule {
 
     private void sign(String what, byte[] id) {
         ask(what, () -> {
-            byte[] signature = Smartcard.signWithIDDLL(slot, Sha256Rsa.digestInfo(SENTENCE), id);
+            byte[] signature = Smartcard.signWithIDDLL(slot, digestInfo(), id);
             if (Arrays.equals(signature, new byte[1])) {
                 // More data than any key takes: a key that is found refuses it with a code.
                 byte[] refusal = Smartcard.signWithIDDLL(slot, new byte[2000], id);
                 Token.require(!Arrays.equals(refusal, signature), "the key is listed, but not found by its ID, or"
-                        + " refuses whatever it is given (CKR_FUNCTION_REJECTED): the traces tell");
+                        + " refuses whatever it is given (CKR_FUNCTION_REJECTED): --traces FILE has the code");
                 throw new Token.Refused("signWithIDDLL: status 0x00, such as CKR_FUNCTION_REJECTED (0x200)");
             }
             Token.data(signature, "signWithIDDLL");
             PublicKey publicKey = Token.publicKey(id, Token.publicKeys(slot), Token.certificates(slot));
-            Token.require(publicKey == null || Sha256Rsa.verifies(publicKey, SENTENCE, signature),
+            Token.require(publicKey == null || verifies(publicKey, signature),
                     "the signature does not verify");
             detail = signature.length + " bytes, " + (publicKey == null ? "no public key to verify them" : "verified");
         });
     }
 
+    private static byte[] digestInfo() throws GeneralSecurityException {
+        byte[] digest = MessageDigest.getInstance("SHA-256").digest(SENTENCE);
+        byte[] digestInfo = Arrays.copyOf(DIGEST_INFO, DIGEST_INFO.length + digest.length);
+        System.arraycopy(digest, 0, digestInfo, DIGEST_INFO.length, digest.length);
+        return digestInfo;
+    }
+
+    private static boolean verifies(PublicKey publicKey, byte[] signature) throws GeneralSecurityException {
+        Signature verifier = Signature.getInstance("SHA256withRSA");
+        verifier.initVerify(publicKey);
+        verifier.update(SENTENCE);
+        return verifier.verify(signature);
+    }
+
     // ---- Writing ----
+
+    private void write() throws GeneralSecurityException {
+        if (unsure) {
+            enter("all that writes", "not asked", "it could reach what is not ours");
+            return;
+        }
+        Message.send(Message.Kind.WRITES, "");
+        generate();
+        importIdentity();
+        askForLeftovers();
+    }
+
+    /** {@return what the token has under the labels of a check, each with the steps that delete it} */
+    private Map<String, Steps> askForLeftovers() {
+        Map<String, Steps> found = new LinkedHashMap<>();
+        ask("what is left of a check", () -> {
+            for (Token.Entry entry : ours(Token.privateKeys(slot))) {
+                found.put("private key " + entry, () -> Token.check(Smartcard.deletePrivateKeyDLL(slot, entry.id()),
+                        "deletePrivateKeyDLL"));
+            }
+            for (Token.Entry entry : ours(Token.publicKeys(slot))) {
+                found.put("public key " + entry, () -> Token.check(Smartcard.deletePublicKeyDLL(slot, entry.id()),
+                        "deletePublicKeyDLL"));
+            }
+            for (Token.Entry entry : ours(Token.certificates(slot))) {
+                found.put("certificate " + entry, () -> Identity.deleteCertificate(slot, Token.certificate(entry),
+                        entry.id(), entry.label()));
+            }
+            if (Arrays.equals(Smartcard.readAttributeCertificateDLL(slot), SENTENCE)) {
+                found.put("data object without a label", () -> {
+                    Token.require(Smartcard.getObjectCountInTheTokenDLL(slot) == 1, "it is not alone on the token, and"
+                            + " deleteDLL would delete the others as well");
+                    Token.check(Smartcard.deleteDLL(slot), "deleteDLL");
+                });
+            }
+            detail = String.join("; ", found.keySet());
+            if (found.isEmpty()) {
+                detail = "nothing";
+                Message.send(Message.Kind.CLEAN, "");
+            }
+        });
+        return found;
+    }
+
+    private static List<Token.Entry> ours(List<Token.Entry> entries) {
+        return entries.stream().filter(entry -> Arrays.equals(entry.label(), LABEL)
+                || Arrays.equals(entry.label(), NEW_LABEL)).toList();
+    }
 
     private void generate() {
         byte[] id = newId();
@@ -217,14 +297,15 @@ public final class CheckModule {
                     "the public key is listed with other numbers");
         });
         if (generated) {
-            sign("sign with it", id);
-            rename("change its ID and label", id, otherId);
+            sign("sign with the generated key", id);
+            rename("change the pair's ID and label", id, otherId);
         }
-        ask("delete it", () -> deleteKeyPair(id, otherId));
+        ask("delete the pair", () -> deleteKeyPair(id, otherId));
     }
 
-    private void importIdentity(Identity identity) throws Exception {
-        byte[] id = identity.id();
+    private void importIdentity() throws GeneralSecurityException {
+        byte[] id = newId();
+        Identity identity = Identity.generate(id);
         ask("write and delete a certificate", () -> {
             identity.writeCertificate(slot, LABEL);
             requireAdded(certificates, Token.certificates(slot), id, LABEL);
@@ -240,18 +321,18 @@ public final class CheckModule {
             requireAdded(certificates, Token.certificates(slot), id, LABEL);
         });
         if (imported) {
-            sign("sign with it", id);
-            rename("change the label of its keys", id, id);
+            sign("sign with the imported key", id);
+            rename("change the imported keys' label", id, id);
         }
         if (imported && empty) {
-            ask("change that of its certificate", () -> {
+            ask("change the certificate's label", () -> {
                 Token.check(Smartcard.setCertificateLabelDLL(null, slot), "setCertificateLabelDLL");
                 if (!Arrays.equals(Smartcard.readCertificateLabelDLL(slot), Smartcard.readPublicKeyLabelDLL(slot))) {
-                    throw new Token.Refused("setCertificateLabelDLL: the traces have the code");
+                    throw new Token.Refused("setCertificateLabelDLL: --traces FILE has the code");
                 }
             });
         }
-        ask("delete all three", () -> {
+        ask("delete keys and certificate", () -> {
             deleteKeyPair(id);
             deleteCertificate(identity);
         });
@@ -294,9 +375,13 @@ public final class CheckModule {
 
     private void deleteCertificate(Identity identity) throws Exception {
         for (byte[] label : List.of(LABEL, NEW_LABEL)) {
-            identity.deleteCertificate(slot, label);
+            Identity.deleteCertificate(slot, identity.certificate(), identity.id(), label);
         }
         requireSame(certificates, Token.certificates(slot));
+    }
+
+    private static byte[] utf8(String text) {
+        return text.getBytes(StandardCharsets.UTF_8);
     }
 
     private static byte[] newId() {

@@ -1,0 +1,181 @@
+package com.calvenhor.vork.utils.tool;
+
+import java.io.BufferedReader;
+import java.io.File;
+import java.io.IOException;
+import java.io.PrintStream;
+import java.io.UncheckedIOException;
+import java.net.URI;
+import java.nio.charset.StandardCharsets;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.util.ArrayDeque;
+import java.util.ArrayList;
+import java.util.Deque;
+import java.util.List;
+import java.util.Optional;
+import java.util.concurrent.BlockingQueue;
+import java.util.concurrent.CompletableFuture;
+import java.util.concurrent.LinkedBlockingQueue;
+import java.util.concurrent.TimeUnit;
+import java.util.stream.Stream;
+
+/** The worker as the first virtual machine sees it: it prints the report, and notices a crash and a hang. */
+final class Session {
+    private static final String START = "start the second virtual machine";
+    private static final int LINES_OF_NOISE = 100;
+    private static final List<Integer> BY_USER = List.of(129, 130, 143); // 128 and SIGHUP, SIGINT or SIGTERM
+
+    private final Options options;
+    private final boolean isOneOfMany;
+    private final String jar = Path.of(URI.create(
+            Main.class.getProtectionDomain().getCodeSource().getLocation().toString())).toString();
+    private final BlockingQueue<Optional<String>> lines = new LinkedBlockingQueue<>(); // an empty one is the end
+    private final Deque<String> noise = new ArrayDeque<>(); // what else is on the worker's standard error
+    private final Process process;
+    private final PrintStream answers;
+    private String step = START;
+    private int status = -1;
+    private volatile boolean mayLeaveObjects;
+    private volatile boolean isEnding;
+
+    /**
+     * Starts the worker.
+     *
+     * @param isOneOfMany whether other modules are asked as well: then it belongs to the report what is wrong with one
+     */
+    Session(Options options, boolean isOneOfMany) throws IOException {
+        this.options = options;
+        this.isOneOfMany = isOneOfMany;
+        List<String> command = new ArrayList<>(List.of(System.getProperty("java.home") + "/bin/java",
+                "--enable-native-access=ALL-UNNAMED",
+                "-XX:-CreateCoredumpOnCrash")); // a core dump would hold the PIN
+        for (String property : List.of("java.io.tmpdir", "java.library.path", "smartcard.library")) {
+            if (System.getProperty(property) != null) {
+                command.add("-D" + property + '=' + System.getProperty(property));
+            }
+        }
+        command.addAll(List.of("-cp", jar, Worker.class.getName()));
+        command.addAll(options.arguments());
+        ProcessBuilder builder = new ProcessBuilder(command);
+        builder.environment().remove("SMARTCARD_PIN");
+        builder.redirectOutput(options.has("--traces")
+                ? ProcessBuilder.Redirect.to(new File(options.values().get("--traces")))
+                : ProcessBuilder.Redirect.DISCARD);
+        process = builder.start();
+        answers = new PrintStream(process.getOutputStream(), true, StandardCharsets.UTF_8);
+        Runtime.getRuntime().addShutdownHook(new Thread(this::end));
+        Thread reader = new Thread(this::read);
+        reader.setDaemon(true);
+        reader.start();
+        // A process that the module has started may hold the other end open.
+        process.onExit().thenRunAsync(() -> lines.add(Optional.empty()),
+                CompletableFuture.delayedExecutor(2, TimeUnit.SECONDS));
+    }
+
+    private void read() {
+        try (BufferedReader reader = process.errorReader(StandardCharsets.UTF_8)) {
+            reader.lines().forEach(line -> lines.add(Optional.of(line)));
+        } catch (IOException | UncheckedIOException e) {
+            // an end as well
+        }
+        lines.add(Optional.empty());
+    }
+
+    /** {@return the exit status} */
+    int run() throws InterruptedException {
+        System.out.println(options.module());
+        long end = endOfPatience();
+        Optional<String> line;
+        while ((line = lines.poll(end - System.nanoTime(), TimeUnit.NANOSECONDS)) != null && line.isPresent()) {
+            Message message = Message.in(line.get());
+            if (message != null) {
+                receive(message);
+                end = endOfPatience();
+            } else if (noise.size() < LINES_OF_NOISE) {
+                noise.add(line.get());
+            }
+        }
+        if (line != null && process.waitFor(options.timeout(), TimeUnit.SECONDS)) {
+            return ended(process.exitValue());
+        }
+        kill();
+        return failure(Main.NO_ANSWER, "no answer for " + options.timeout() + " s while: " + step);
+    }
+
+    private long endOfPatience() {
+        return System.nanoTime() + TimeUnit.SECONDS.toNanos(options.timeout());
+    }
+
+    private void receive(Message message) {
+        switch (message.kind()) {
+            case STEP -> step = message.text();
+            case ALIVE -> { }
+            case LINE -> System.out.println(message.text());
+            case PROBLEM -> complain(message.text());
+            case PIN -> answers.println(Pins.answer(message.text()));
+            case PIN_PAD -> {
+                if (System.console() != null) {
+                    System.console().printf("Enter the PIN of %s at its PIN pad.%n", message.text());
+                }
+            }
+            case PIN_REFUSED -> Pins.refused();
+            case WRITES -> mayLeaveObjects = true;
+            case CLEAN -> mayLeaveObjects = false;
+            case END -> {
+                status = Integer.parseInt(message.text());
+                step = "end the process";
+            }
+        }
+    }
+
+    private int ended(int code) {
+        if (isEnding || BY_USER.contains(code)) {
+            System.exit(code); // which waits, if that is under way
+        }
+        if (status >= 0 && code == 0) {
+            return status == 0 ? 0 : failure(status, null);
+        }
+        if (step.equals(START)) {
+            return failure(Main.FAILED, "the second virtual machine did not start, its exit status is " + code);
+        }
+        String report = Stream.of("", "/tmp").map(folder -> Path.of(folder, "hs_err_pid" + process.pid() + ".log"))
+                .filter(Files::exists).findFirst().map(file -> "the report is in " + file.toAbsolutePath())
+                .orElse("there is no report, the exit status is " + code);
+        return failure(Main.CRASHED, "the module crashed while: " + step + "; " + report);
+    }
+
+    private int failure(int status, String problem) {
+        if (problem != null) {
+            complain(problem);
+        }
+        if (!isOneOfMany || status != Main.FAILED) {
+            noise.forEach(this::complain);
+        }
+        return status;
+    }
+
+    private void complain(String problem) {
+        if (isOneOfMany) {
+            System.out.println("  " + problem);
+        } else {
+            System.err.println(problem);
+        }
+    }
+
+    private void kill() {
+        process.descendants().forEach(ProcessHandle::destroyForcibly);
+        process.destroyForcibly();
+    }
+
+    /** At the end of the first virtual machine, also by Ctrl-C. */
+    private void end() {
+        isEnding = true;
+        kill();
+        if (mayLeaveObjects) {
+            complain("Objects labelled \"Module check\" may be left on the token. This deletes them:\n  java -jar '"
+                    + jar + "' check --module '" + options.module() + "' --remove"
+                    + (options.slot() >= 0 ? " --slot " + options.slot() : ""));
+        }
+    }
+}

@@ -1,0 +1,246 @@
+package com.calvenhor.vork.utils.tool;
+
+import com.calvenhor.vork.utils.Smartcard;
+import com.calvenhor.vork.utils.SmartcardException;
+import java.io.ByteArrayInputStream;
+import java.math.BigInteger;
+import java.nio.charset.StandardCharsets;
+import java.nio.file.Path;
+import java.security.GeneralSecurityException;
+import java.security.KeyFactory;
+import java.security.PublicKey;
+import java.security.cert.CertificateFactory;
+import java.security.cert.X509Certificate;
+import java.security.interfaces.RSAPublicKey;
+import java.security.spec.RSAPublicKeySpec;
+import java.util.ArrayList;
+import java.util.Arrays;
+import java.util.HexFormat;
+import java.util.List;
+import java.util.stream.LongStream;
+
+/** The session of a slot: its login, what it lists, and what a result says. */
+final class Token {
+    /** Something went wrong; the message is for the user. */
+    static class Failure extends Exception {
+        private static final long serialVersionUID = 1;
+
+        Failure(String message) {
+            super(message);
+        }
+    }
+
+    /** The module refused a call, as it may. */
+    static final class Refused extends Failure {
+        private static final long serialVersionUID = 1;
+
+        Refused(String message) {
+            super(message);
+        }
+    }
+
+    /** An object of the token, with the values that its kind has beside ID and label. */
+    record Entry(byte[] id, byte[] label, List<byte[]> values) {
+        @Override
+        public String toString() {
+            return '"' + text(label) + "\", ID " + hex(id);
+        }
+    }
+
+    private static final long LOGIN_REQUIRED = 4;
+    private static final long PIN_PAD = 0x100;
+    private static final long INITIALIZED = 0x400;
+    private static final long PIN_FINAL_TRY = 0x20000;
+    private static final long PIN_LOCKED = 0x40000;
+    private static final long USER_ALREADY_LOGGED_IN = 0x100;
+
+    final long slot;
+    boolean loggedIn;
+
+    private Token(long slot) {
+        this.slot = slot;
+    }
+
+    // ---- Module and session ----
+
+    /** Binds the module, and makes sure that it has the slot, if the options name one. */
+    static void bind(Options options) throws Failure {
+        String module = options.module();
+        Worker.step("load and initialise the module");
+        long code = Smartcard.initDLL(module);
+        if (code == -1) {
+            throw new Failure(module + " cannot be loaded: " + whyNotLoaded(module));
+        }
+        require(code != -2, module + " is not a PKCS#11 module: it has no C_GetFunctionList");
+        require(code != -3, module + " has no slot: connect the reader");
+        check(code, "initDLL of " + module);
+        long last = Smartcard.getSlotCountDLL() - 1;
+        require(options.slot() <= last, "there is no slot " + options.slot() + ": the last is " + last);
+    }
+
+    private static String whyNotLoaded(String module) {
+        try {
+            System.load(Path.of(module).toAbsolutePath().toString());
+            return "--traces FILE has the reason";
+        } catch (UnsatisfiedLinkError e) {
+            return e.getMessage();
+        }
+    }
+
+    /** Whether the slot has a token that is ready for use. */
+    static boolean isInitialised(long slot) {
+        long flags = Smartcard.getTokenInfoDLL(slot);
+        return flags > 0 && (flags & INITIALIZED) != 0;
+    }
+
+    static Token open(long slot) throws Failure {
+        Worker.step("open a session in slot " + slot);
+        check(Smartcard.openSessionDLL(slot), "openSessionDLL in slot " + slot);
+        return new Token(slot);
+    }
+
+    /** {@return who is logged in, or why nobody is} */
+    String logIn(Options options) throws Failure {
+        long flags = Smartcard.getTokenInfoDLL(slot);
+        if ((flags & LOGIN_REQUIRED) == 0) {
+            return "needs no login";
+        }
+        if (options.has("--no-pin")) {
+            return "not logged in, only public objects are shown: --no-pin";
+        }
+        if ((flags & PIN_LOCKED) != 0) {
+            throw new Refused("the user PIN in slot " + slot + " is locked: unblock it, or use --no-pin");
+        }
+        String name = "the token \"" + text(Smartcard.readCardLabelDLL(slot)) + "\", serial number "
+                + text(Smartcard.readCardSerialNumberDLL(slot))
+                + ((flags & PIN_FINAL_TRY) != 0 ? " (its final try)" : "");
+        String pin = null;
+        if ((flags & PIN_PAD) != 0) {
+            Message.send(Message.Kind.PIN_PAD, name);
+        } else {
+            String answer = Worker.askPin(name);
+            if (answer.startsWith("-")) {
+                return "not logged in, only public objects are shown: " + answer.substring(1);
+            }
+            pin = answer.substring(1);
+        }
+        Worker.step("log in as the user in slot " + slot);
+        long code = Smartcard.loginDLL(slot, pin, 1);
+        if (code != 0 && code != USER_ALREADY_LOGGED_IN) {
+            Message.send(Message.Kind.PIN_REFUSED, "");
+            throw new Refused("loginDLL in slot " + slot + ": " + named(code) + "; the PIN is not sent again");
+        }
+        loggedIn = true;
+        return "logged in as the user";
+    }
+
+    void logOut() throws Failure {
+        if (loggedIn) {
+            check(Smartcard.logoutDLL(slot), "logoutDLL");
+        }
+    }
+
+    // ---- What is on it ----
+
+    /** The X.509 certificates that a slot's session sees; the one value of each is its DER encoding. */
+    static List<Entry> certificates(long slot) throws Failure {
+        return entries(Smartcard.readAllCertificatesDLL(slot), 3, "readAllCertificatesDLL");
+    }
+
+    /** The RSA public keys; the values of each are its modulus and its public exponent. */
+    static List<Entry> publicKeys(long slot) throws Failure {
+        return entries(Smartcard.readAllRSAPublicKeysDLL(slot), 4, "readAllRSAPublicKeysDLL");
+    }
+
+    /** The RSA private keys, which show no value. */
+    static List<Entry> privateKeys(long slot) throws Failure {
+        return entries(Smartcard.readAllRSAPrivateKeysDLL(slot), 2, "readAllRSAPrivateKeysDLL");
+    }
+
+    private static List<Entry> entries(byte[][] listing, int width, String call) throws Failure {
+        if (listing[0][0] != 0) {
+            throw failure(listing[0], call);
+        }
+        List<Entry> entries = new ArrayList<>();
+        for (int i = 1; i < listing.length; i += width) {
+            // A code whose low 8 bits are 0 passes for success: only the missing values show it.
+            require(listing[i + width - 1] != null, call + " gave a listing with gaps");
+            entries.add(new Entry(listing[i], listing[i + 1], List.of(listing).subList(i + 2, i + width)));
+        }
+        Message.send(Message.Kind.ALIVE, "");
+        return entries;
+    }
+
+    /** The first of the entries with an ID, or null. */
+    static Entry find(byte[] id, List<Entry> among) {
+        return among.stream().filter(entry -> Arrays.equals(entry.id(), id)).findFirst().orElse(null);
+    }
+
+    /** The public half of a private key: a public key or a certificate with its ID; null if there is neither. */
+    static PublicKey publicKey(byte[] id, List<Entry> publicKeys, List<Entry> certificates)
+            throws GeneralSecurityException {
+        Entry publicKey = find(id, publicKeys);
+        Entry certificate = find(id, certificates);
+        return publicKey != null ? publicKey(publicKey)
+                : certificate != null ? certificate(certificate).getPublicKey() : null;
+    }
+
+    static RSAPublicKey publicKey(Entry entry) throws GeneralSecurityException {
+        return (RSAPublicKey) KeyFactory.getInstance("RSA").generatePublic(new RSAPublicKeySpec(
+                new BigInteger(1, entry.values().get(0)), new BigInteger(1, entry.values().get(1))));
+    }
+
+    static X509Certificate certificate(Entry entry) throws GeneralSecurityException {
+        return (X509Certificate) CertificateFactory.getInstance("X.509")
+                .generateCertificate(new ByteArrayInputStream(entry.values().get(0)));
+    }
+
+    // ---- Results ----
+
+    /** Goes on only after a success. */
+    static void check(long code, String call) throws Failure {
+        require(code >= 0, call + ": " + code);
+        if (code > 0) {
+            throw new Refused(call + ": " + named(code));
+        }
+        Message.send(Message.Kind.ALIVE, "");
+    }
+
+    /** Goes on only with data, not with the status that is returned in its place. */
+    static byte[] data(byte[] result, String call) throws Refused {
+        if (result.length == 1) {
+            throw failure(result, call);
+        }
+        Message.send(Message.Kind.ALIVE, "");
+        return result;
+    }
+
+    /** A status keeps 8 bits of a code, which several codes share: those that have a name are named. */
+    private static Refused failure(byte[] status, String call) {
+        List<String> names = LongStream.of(0, 0x100, 0x200).map(high -> high + (status[0] & 0xFF))
+                .mapToObj(Token::named).filter(name -> name.startsWith("CKR_")).toList();
+        return new Refused(String.format("%s: status 0x%02x", call, status[0])
+                + (names.isEmpty() ? "" : ", " + String.join(" or ", names)));
+    }
+
+    private static String named(long code) {
+        String hex = "0x" + Long.toHexString(code);
+        String name = SmartcardException.nameOf(code);
+        return name.equals(hex) ? hex : name + " (" + hex + ")";
+    }
+
+    static void require(boolean condition, String otherwise) throws Failure {
+        if (!condition) {
+            throw new Failure(otherwise);
+        }
+    }
+
+    static String hex(byte[] bytes) {
+        return HexFormat.of().formatHex(bytes);
+    }
+
+    /** As text for the terminal: what a token holds may be filled up, and may be anything. */
+    static String text(byte[] bytes) {
+        return new String(bytes, StandardCharsets.UTF_8).replaceAll("\\p{Cc}", "").strip();
+    }
+}
