@@ -588,18 +588,27 @@ class KeyStoreTest {
         MockTest.addSlot();
         load(MOCK + "#0", null);
         reuseHandleOfFirst();
-        assertOpens(1, "1", null); // whose of the two is it?
-        assertOpens(0, "1", null); // this one's
-        assertOpens(1, "1", "2"); // a PIN wants certainty
+        assertOpens(2, "1", null); // whose of the two is it? Now each has its own
+        assertOpens(0, "1", null);
+        assertOpens(0, "0", "1");
         assertOpens(0, "1", "2");
-        assertOpens(1, "0", null); // known to be another's
 
-        // What was known of the slots ends with the binding.
+        reuseHandleOfFirst();
+        MockTest.setCard(false); // so that the handle cannot be the first slot's
+        for (int load = 0; load < 2; load++) {
+            assertOpens(1, "1", null); // refused
+        }
+        MockTest.setCard(true);
+
+        // Where a user is logged in already, no PIN is refused that would show it.
         Smartcard.finalizeDLL();
         MockTest.renumberSlots();
-        load(MOCK + "#1", "1");
-        Smartcard.openSessionDLL(0);
-        assertOpens(0, "0", "2");
+        Smartcard.initDLL(MOCK);
+        reuseHandleOfFirst();
+        assertEquals(0, Smartcard.loginDLL(1, "1", 1));
+        assertOpens(2, "0", "2");
+        assertEquals(3, Smartcard.getSessionInfoDLL(0)[0]);
+        assertNotEquals(Smartcard.getSessionInfoDLL(1)[2], Smartcard.getSessionInfoDLL(0)[2]);
     }
 
     private static void assertOpens(int sessions, String slot, String pin) throws Exception {
@@ -706,27 +715,6 @@ class KeyStoreTest {
     }
 
     // ---- Clients ----
-
-    @Test
-    void keytoolAndJarsigner() throws Exception {
-        assertTrue(tool("keytool -list").contains("contains 13 entries"));
-        tool("keytool -exportcert -alias Köy -file exported");
-        assertEquals(-1, Files.mismatch(folder.resolve("leaf.crt"), folder.resolve("exported")));
-        run(JDK + "jar", "cf", "signed.jar", "leaf.crt");
-        tool("jarsigner -sigalg SHA512withRSA signed.jar Köy");
-        String verified = run(JDK + "jarsigner", "-verify", "-verbose:summary", "-certs", "signed.jar");
-        assertTrue(verified.contains("jar verified") && verified.contains("SHA512withRSA"), verified);
-    }
-
-    /** A tool of the JDK under test, with the first token in place of a file. */
-    private static String tool(String command) throws Exception {
-        String jar = Path.of(Smartcard.class.getProtectionDomain().getCodeSource().getLocation().toURI()).toString();
-        String provider = command.startsWith("keytool") ? "-addprovider Smartcard" // by name, or else by class
-                : "-providerClass " + SmartcardProvider.class.getName();
-        return run((JDK + command + " -keystore NONE -storetype Smartcard -storepass 1234 " + provider
-                + " -providerArg " + first + " -J-cp -J" + jar
-                + " -J-Djava.library.path=" + System.getProperty("java.library.path")).split(" "));
-    }
 
     @Test
     void clientAuthentication() throws Exception {

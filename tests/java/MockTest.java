@@ -117,7 +117,7 @@ class MockTest {
         begin();
         Set<String> succeeded = new ConcurrentSkipListSet<>();
         for (ThreadFactory kind : Threads.kinds()) {
-            assertFlat(1, () -> Threads.run(kind, 4, thread -> callAnything(20_000, new Random(thread), succeeded)));
+            assertFlat(() -> Threads.run(kind, 4, thread -> callAnything(20_000, new Random(thread), succeeded)));
         }
         assertEquals(NATIVES.stream().map(Method::getName).collect(Collectors.toCollection(TreeSet::new)), succeeded);
 
@@ -127,46 +127,12 @@ class MockTest {
         assertEquals(0, liveObjects());
     }
 
-    @Test
-    void manyObjects() {
-        begin();
-        assertEquals(0, Smartcard.deleteDLL(0));
-        for (int k = 0; k < 1000; k++) {
-            byte[] v = ("value " + k).getBytes();
-            assertEquals(0, Smartcard.writeCertificateAndPrivateKeyDLL(0, v, v, v, v, v, v, v, v, v, v, v, v, v, v));
-        }
-        assertListing(3, Smartcard.readAllCertificatesDLL(0));
-        assertListing(4, Smartcard.readAllRSAPublicKeysDLL(0));
-        assertListing(2, Smartcard.readAllRSAPrivateKeysDLL(0));
-    }
-
-    private static void assertListing(int valuesPerObject, byte[][] listing) {
-        assertEquals(1 + 1000 * valuesPerObject, listing.length);
-        for (int i = 1; i < listing.length; i++) {
-            assertEquals("value " + (i - 1) / valuesPerObject, new String(listing[i]));
-        }
-    }
-
-    @Test
-    void bindings() throws Throwable {
-        Smartcard.finalizeDLL();
-        String module = System.getProperty("other"); // which nothing else holds, so that it is truly unloaded
-        assertFlat(500, () -> {
-            assertEquals(0, Smartcard.initDLL(module));
-            assertEquals(0, Smartcard.openSessionDLL(0));
-            assertEquals(0, Smartcard.finalizeDLL());
-        });
-        assertFalse(Files.readString(Path.of("/proc/self/maps")).contains(module));
-    }
-
     /** A leak grows in every round; the first warms all up, and the compiler takes memory in one or another. */
-    private static void assertFlat(int times, Executable step) throws Throwable {
+    private static void assertFlat(Executable step) throws Throwable {
         long grown = Long.MAX_VALUE;
         for (int round = 0; round < 5 && (round < 2 || grown >= 4096); round++) {
             grown = -residentKiB();
-            for (int i = 0; i < times; i++) {
-                step.execute();
-            }
+            step.execute();
             grown += residentKiB();
         }
         assertTrue(grown < 4096, grown + " KiB more in the last round");

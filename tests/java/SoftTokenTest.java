@@ -60,23 +60,6 @@ class SoftTokenTest {
         assertOk(Smartcard.deletePublicKeyDLL(SLOT, ID), Smartcard.isCardEmptyDLL(SLOT));
     }
 
-    @Test
-    void slotTokenAndMechanisms() throws Exception {
-        String slots = ask("--list-slots");
-        for (byte[] field : List.of(Smartcard.readSlotDescriptionDLL(SLOT), Smartcard.readCardLabelDLL(SLOT),
-                Smartcard.readCardSerialNumberDLL(SLOT))) {
-            assertTrue(slots.contains(": " + new String(field).strip() + "\n"), slots);
-        }
-        assertEquals(1, Smartcard.getSlotInfoDLL(SLOT));
-        assertEquals(0x42D, Smartcard.getTokenInfoDLL(SLOT)); // its flags: "login required, rng, …, 0x20"
-
-        String mechanisms = ask("--list-mechanisms");
-        int[] types = Smartcard.getSupportedMechanismListDLL(SLOT);
-        assertEquals(mechanisms.lines().skip(1).count(), types.length);
-        assertEquals(mechanisms.lines().filter(line -> line.matches(".*, sign\\b.*")).count(),
-                Arrays.stream(types).filter(type -> (Smartcard.getMechanismInfoDLL(SLOT, type) & 0x800) != 0).count());
-    }
-
     /** What OpenSC's tool says about the token. */
     private static String ask(String question) throws Exception {
         String[] command = ("pkcs11-tool --module " + MODULE + " --token-label YENIKART " + question).split(" ");

@@ -34,7 +34,7 @@ final class SmartcardChange {
     SmartcardChange(SmartcardContents known) throws IOException, GeneralSecurityException {
         slot = known.slot();
         writer = new SmartcardWriter(slot);
-        slot.openSession(false); // asks for the card, which some modules look for only then
+        slot.openSession(); // asks for the card, which some modules look for only then
         slot.requireLogin();
         list();
         require(Arrays.equals(known.serialNumber(), now.serialNumber()), "another token is in slot " + slot.index()

@@ -11,8 +11,6 @@ import java.security.UnrecoverableKeyException;
 import java.util.Arrays;
 import java.util.List;
 import java.util.function.LongFunction;
-import java.util.HashMap;
-import java.util.Map;
 import java.util.stream.IntStream;
 import java.util.stream.LongStream;
 
@@ -30,9 +28,6 @@ record SmartcardSlot(long index) {
     private static final long PIN_FINAL_TRY = 0x20000;
     private static final long PIN_LOCKED = 0x40000;
 
-    /** By slot index, the slot ID that a new session reported: certainly that slot's, as long as the binding lasts. */
-    private static final Map<Long, Integer> SLOT_IDS = new HashMap<>();
-
     /** An RSA public key object. */
     record PublicKey(ByteBuffer label, BigInteger modulus, BigInteger exponent) {
         boolean isHalfOf(SmartcardKey key) {
@@ -40,47 +35,39 @@ record SmartcardSlot(long index) {
         }
     }
 
-    /** To be called when a module has been bound. */
-    static void forgetSlotIds() {
-        SLOT_IDS.clear();
-    }
-
     /** Opens a session and logs in, as far as each is not done yet. */
     void open(char[] pin) throws IOException {
-        openSession(isGiven(pin));
+        openSession();
         serialNumber(); // of a token that is gone, nothing below would tell
         logIn(pin);
     }
 
-    /** Opens a session unless there is one. */
-    void openSession(boolean isPinGiven) throws IOException {
+    /** Opens a session unless this slot has one of its own. */
+    void openSession() throws IOException {
         Smartcard.getSlotInfoDLL(index); // only then OpenSC notices that a card was removed, and its session closed
-        if (Smartcard.isSessionOpenDLL(index) == 0 && !mayBelongToAnotherSlot(needsLogin(isPinGiven))) {
+        if (Smartcard.isSessionOpenDLL(index) == 0 && !mayBelongToAnotherSlot()) {
             return;
         }
         long code = Smartcard.openSessionDLL(index);
         require(code != -1, "there is no slot " + index + ": the last is " + (Smartcard.getSlotCountDLL() - 1)
                 + "; a slot that is newer than the binding appears after Smartcard.finalizeDLL");
-        boolean hasNoToken = code == TOKEN_NOT_PRESENT || code == TOKEN_NOT_RECOGNIZED || code == DEVICE_REMOVED;
-        check(code, "openSessionDLL in slot " + index, hasNoToken ? INSERT : "");
-        SLOT_IDS.put(index, Smartcard.getSessionInfoDLL(index)[2]);
+        check(code, "openSessionDLL in slot " + index, hasNoToken(code) ? INSERT : "");
     }
 
     /**
      * Whether the session may be another slot's: a module may give a handle that is free again to any slot, while it
-     * still stands here. Two slots then report the same slot ID. A known ID that matches settles it where no PIN is at
-     * stake, since each new session stays open in the module; for a PIN it does not: if the application has bound the
-     * module again, the ID may be an earlier slot's.
+     * still stands here. Two slots then report the same slot ID. Each of the others gets a session of its own, so that
+     * the doubt is over; one without a token cannot have had this one.
      */
-    private boolean mayBelongToAnotherSlot(boolean isPinAtStake) {
+    private boolean mayBelongToAnotherSlot() {
         int slotId = Smartcard.getSessionInfoDLL(index)[2];
-        Integer known = SLOT_IDS.get(index);
-        if (known != null && known != slotId) {
-            return true;
-        }
-        return (known == null || isPinAtStake) && LongStream.range(0, Smartcard.getSlotCountDLL())
-                .anyMatch(other -> other != index && Smartcard.isSessionOpenDLL(other) == 0
-                        && Smartcard.getSessionInfoDLL(other)[2] == slotId);
+        return LongStream.range(0, Smartcard.getSlotCountDLL()).filter(other -> other != index
+                && Smartcard.isSessionOpenDLL(other) == 0 && Smartcard.getSessionInfoDLL(other)[2] == slotId
+                && !hasNoToken(Smartcard.openSessionDLL(other))).count() > 0;
+    }
+
+    private static boolean hasNoToken(long code) {
+        return code == TOKEN_NOT_PRESENT || code == TOKEN_NOT_RECOGNIZED || code == DEVICE_REMOVED;
     }
 
     /**
@@ -115,14 +102,14 @@ record SmartcardSlot(long index) {
                 + text(Smartcard.readCardSerialNumberDLL(index));
     }
 
-    private boolean needsLogin(boolean isPinGiven) {
-        return !isUser(Smartcard.getSessionInfoDLL(index)) && (isPinGiven
+    private boolean needsLogin(char[] pin) {
+        return !isUser(Smartcard.getSessionInfoDLL(index)) && (isGiven(pin)
                 || (Smartcard.getTokenInfoDLL(index) & PIN_PAD) != 0);
     }
 
     /** {@return whether a login is needed for which the token does not ask by itself} */
     boolean wantsPin() throws IOException {
-        openSession(false);
+        openSession();
         return (Smartcard.getTokenInfoDLL(index) & (LOGIN_REQUIRED | PIN_PAD)) == LOGIN_REQUIRED
                 && !isUser(Smartcard.getSessionInfoDLL(index));
     }
@@ -147,7 +134,7 @@ record SmartcardSlot(long index) {
     }
 
     private void logIn(char[] pin) throws IOException {
-        if (!needsLogin(isGiven(pin))) {
+        if (!needsLogin(pin)) {
             return;
         }
         // Strings reach the module in modified UTF-8, which differs from UTF-8 in these: a wrong PIN, and counted.
@@ -168,7 +155,7 @@ record SmartcardSlot(long index) {
         long flags = Smartcard.getTokenInfoDLL(index);
         return (flags & PIN_LOCKED) != 0 ? "; the PIN is locked"
                 : (flags & PIN_FINAL_TRY) != 0 ? "; one try is left"
-                : (flags & PIN_COUNT_LOW) != 0 ? "; more than one try is left" : "";
+                : (flags & PIN_COUNT_LOW) != 0 ? "; a wrong PIN was entered before" : "";
     }
 
     /** The X.509 certificates that the session sees, each with its ID, its label and its DER encoding. */
@@ -226,7 +213,7 @@ record SmartcardSlot(long index) {
     SmartcardException failure(String call, byte[] status, long zero) {
         long code = Smartcard.isSessionOpenDLL(index);
         int[] session = Smartcard.getSessionInfoDLL(index);
-        String insert = "; insert the card and load the KeyStore again";
+        String insert = "; insert the card if it is out, and load the KeyStore again";
         String advice = insert;
         if (code == -1) { // no module, or one bound since, which has no session here
             code = Integer.toUnsignedLong(session[0]);
@@ -235,7 +222,7 @@ record SmartcardSlot(long index) {
         } else if (code == 0) {
             code = codeOf(status, zero);
             advice = code == TOKEN_NOT_PRESENT || code == DEVICE_REMOVED ? insert
-                    : code == OPERATION_NOT_INITIALIZED ? "; C_SignInit refused the key: the key may not sign" : "";
+                    : code == OPERATION_NOT_INITIALIZED ? "; C_SignInit failed, perhaps because the key may not sign" : "";
             if (code == 1 || code == OBJECT_HANDLE_INVALID && !isUser(session)) {
                 code = USER_NOT_LOGGED_IN;
                 advice = isUser(session) ? "; a key that wants a PIN each time cannot be used"

@@ -125,7 +125,6 @@ record TokenName(String module, long index, String label, String serialNumber) {
         if (!isBound) {
             SmartcardException.check(code, "initDLL of " + module,
                     code == CRYPTOKI_ALREADY_INITIALIZED ? "; something else in the process uses the module" : "");
-            SmartcardSlot.forgetSlotIds();
             return;
         }
         // Whichever module is bound, the answer is 0x191. But only the bound one is called: where it is another, the
