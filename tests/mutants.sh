@@ -21,7 +21,7 @@ while IFS=$'\t' read -r file change what; do
   elif ! cmake --build "$copy/build" --parallel --target smartcard >"$copy/log" 2>&1; then
     noticed="DOES NOT COMPILE"
   else # each test in a process of its own
-    ctest --test-dir "$copy/build" --exclude-regex 'java|valgrind|binary' --parallel "$(nproc)" --timeout 60 \
+    ctest --test-dir "$copy/build" --exclude-regex 'java|valgrind|binary' --parallel "$(nproc)" --timeout 300 \
       >"$copy/log" 2>&1 </dev/null || true
     noticed=$(sed -n 's/.*Test *#\([0-9]*\): \([^ ]*\) .*\*\*\*.*/\1 \2/p' "$copy/log" | sort -n | sed 's/.* //;q')
   fi
