@@ -43,12 +43,18 @@ signs() { # what this shows, the token's module, and the command that runs it
 step "Look at the libraries"
 glibc=2.25
 if [ "$own_libc" ]; then glibc=; fi
-(cd "$tests/libraries" && "$JAVA_HOME/bin/jar" --extract --file "$jar")
+for name in smartcard smartcard-testing; do
+  (cd "$tests/libraries" && "$JAVA_HOME/bin/jar" --extract --file "$root/dist/$name-$version.jar")
+done
 for arch in "${!debian[@]}"; do
   library=$tests/libraries/${module//.//}/linux-$arch/libsmartcard.so
   OBJDUMP=$arch-linux-gnu-objdump sh tests/binary_test.sh "$library" \
     "$root/build/package/one/$arch/java/CMakeFiles/smartcard_jar.dir/native_headers/${module//./_}_Smartcard.h" \
     ${glibc:+"$glibc"}
+  needed=$(readelf -V "$tests/libraries/${module//.//}/testing/linux-$arch/libfaulty_pkcs11.so" |
+    grep -o 'GLIBC_[0-9.]*' | sort -Vu | tail -n 1)
+  echo "libfaulty_pkcs11.so for $arch needs $needed"
+  [ ! "$glibc" ] || [ "$(printf '%s\n' "$needed" "GLIBC_$glibc" | sort -V | tail -n 1)" = "GLIBC_$glibc" ]
   dpkg-deb --fsys-tarfile "dist/libsmartcard-jni_${version}_${debian[$arch]}.deb" |
     tar --extract --to-stdout "./usr/lib/$arch-linux-gnu/jni/libsmartcard.so" | cmp - "$library"
   tar --extract --to-stdout --file "dist/smartcard-$version-linux-$arch.tar.gz" \

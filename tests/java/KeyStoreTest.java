@@ -400,7 +400,7 @@ class KeyStoreTest {
         assertWrongPin(0xA0, MOCK, "2");
         MockTest.failAt("C_Login", 1, 0xA2);
         assertWrongPin(0xA2, MOCK, "1");
-        for (String row : List.of("10000 more than one", "30000 one try", "70000 locked")) {
+        for (String row : List.of("10000 a wrong PIN was entered before", "30000 one try", "70000 locked")) {
             MockTest.setTokenFlags(0x40D | Long.parseLong(row.substring(0, 5), 16));
             assertFails(SmartcardException.class, row.substring(6), () -> load(MOCK, "2"));
         }
