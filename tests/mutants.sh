@@ -1,33 +1,37 @@
 #!/usr/bin/env bash
-# Plants each fault of mutants.txt in a copy of the library and names the native test that notices it, the first in
-# ctest's order. Ends with the number of those that none noticed. A fault that can no longer be planted has to be
-# mended in the table.
+# Plants each fault of mutants.txt in a copy of the project and names the test that notices it, the first in ctest's
+# order: a native one for the library, one on the first JDK for the classes. Ends with the number of those that none
+# noticed. A fault that can no longer be planted has to be mended in the table.
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 copy=$root/build/mutants
-library=$copy/smartcard
+read -r jdk _ < <(sh "$root/cmake/jdks.sh")
 
 mkdir -p "$copy"
 cp -r "$root"/{CMakeLists.txt,cmake,examples,java,smartcard,testing,tests} "$copy"
 cmake -S "$copy" -B "$copy/build" -DCMAKE_BUILD_TYPE=Debug -DSMARTCARD_BUILD_BENCHMARKS=OFF >/dev/null
-cmake --build "$copy/build" --parallel --target native_tests >/dev/null
+cmake --build "$copy/build" --parallel >/dev/null
 
 survivors=0
 while IFS=$'\t' read -r file change what; do
-  case $file in '' | '#'*) continue ;; esac
-  sed -i "$change" "$library/$file"
-  if cmp --silent "$root/smartcard/$file" "$library/$file"; then
+  case $file in
+    '' | '#'*) continue ;;
+    *.java) folder=java/com/calvenhor/vork/utils tests=(--tests-regex "^java\.${jdk##*/}\.(KeyStore|Loader)") ;;
+    *) folder=smartcard tests=(--exclude-regex 'java|valgrind|binary') ;;
+  esac
+  sed -i "$change" "$copy/$folder/$file"
+  if cmp --silent "$root/$folder/$file" "$copy/$folder/$file"; then
     noticed="CANNOT BE PLANTED"
-  elif ! cmake --build "$copy/build" --parallel --target smartcard >"$copy/log" 2>&1; then
+  elif ! cmake --build "$copy/build" --parallel >"$copy/log" 2>&1; then
     noticed="DOES NOT COMPILE"
-  else # each test in a process of its own
-    ctest --test-dir "$copy/build" --exclude-regex 'java|valgrind|binary' --parallel "$(nproc)" --timeout 300 \
-      >"$copy/log" 2>&1 </dev/null || true
+  else # each native test in a process of its own
+    ctest --test-dir "$copy/build" "${tests[@]}" --parallel "$(nproc)" --timeout 300 >"$copy/log" 2>&1 </dev/null ||
+      true
     noticed=$(sed -n 's/.*Test *#\([0-9]*\): \([^ ]*\) .*\*\*\*.*/\1 \2/p' "$copy/log" | sort -n | sed 's/.* //;q')
   fi
   case ${noticed:=NOBODY} in CANNOT* | DOES* | NOBODY) survivors=$((survivors + 1)) ;; esac
   printf '%-60s %s\n' "$what" "$noticed"
-  cp "$root/smartcard/$file" "$library/$file"
+  cp "$root/$folder/$file" "$copy/$folder/$file"
 done <"$root/tests/mutants.txt"
 echo "$survivors not noticed"
 exit "$survivors"
