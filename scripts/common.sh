@@ -13,7 +13,7 @@ usage_error() {
 # a Debian system, and named on any other.
 
 # What a Debian package is needed for: a command, a header or a file.
-evidence() {
+probe() {
   case $1 in
     binutils) echo objdump ;;
     clang-tools) echo clang-apply-replacements ;;
@@ -78,7 +78,7 @@ apt_get() {
 need() {
   local package what missing=() names=()
   for package in "$@"; do
-    what=$(evidence "$package")
+    what=$(probe "$package")
     if ! is_there "$what"; then
       missing+=("$package")
       names+=("$what (Debian's $package)")
@@ -110,7 +110,7 @@ need_jdk() {
 }
 
 # Prints the path of the software token's module.
-find_softhsm() { files_of "$(evidence libsofthsm2)" | sed -n 1p; }
+find_softhsm() { files_of "$(probe libsofthsm2)" | sed -n 1p; }
 
 step() { printf '\n==> %s\n' "$*"; }
 

@@ -74,7 +74,7 @@ void freeSlotList() {
 
 /// Undoes a binding after C_Initialize: because of a failure or, where nothing has failed, because there are
 /// no slots. Then the traces show each step. The result of C_Finalize stays in `rv`.
-jlong givenUp(LoadedModule& module, CK_RV failure, const char* cause = nullptr) {
+jlong abandonBinding(LoadedModule& module, CK_RV failure, const char* cause = nullptr) {
   const bool noSlots = failure == CKR_OK;
   const auto traceStep = [noSlots](const char* step) {
     if (noSlots) trace("%s...\n", step);
@@ -119,25 +119,25 @@ JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_initDLL(JNIEnv* 
   if (initialise(getFunctionList, p) != CKR_OK) return asJava(rv);
 
   if (call(p, &CK_FUNCTION_LIST::C_GetSlotList, CK_FALSE, nullptr, &ulSlotCount) != CKR_OK) {
-    return givenUp(module, rv, "getslotlist err");
+    return abandonBinding(module, rv, "getslotlist err");
   }
   trace("Slot_count = %d\n", dec32(ulSlotCount));
-  if (ulSlotCount == 0) return givenUp(module, rv, "no slots");
+  if (ulSlotCount == 0) return abandonBinding(module, rv, "no slots");
 
   trace("Before slots malloc\n");
   const CK_ULONG room = ulSlotCount;
   pSlotList = tryZeroed<CK_SLOT_ID>(room).release();
-  if (pSlotList == nullptr) return givenUp(module, CKR_HOST_MEMORY);
+  if (pSlotList == nullptr) return abandonBinding(module, CKR_HOST_MEMORY);
   trace("After slots malloc\n");
 
   call(p, &CK_FUNCTION_LIST::C_GetSlotList, CK_FALSE, pSlotList, &ulSlotCount);
   trace("Get Slot List = 0x%x\n", hex32(rv));
-  if (rv != CKR_OK) return givenUp(module, rv);
+  if (rv != CKR_OK) return abandonBinding(module, rv);
   ulSlotCount = std::min(ulSlotCount, room);
-  if (ulSlotCount == 0) return givenUp(module, rv, "no slots");
+  if (ulSlotCount == 0) return abandonBinding(module, rv, "no slots");
 
   allSessions = tryZeroed<CK_SESSION_HANDLE>(ulSlotCount).release();
-  if (allSessions == nullptr) return givenUp(module, CKR_HOST_MEMORY);
+  if (allSessions == nullptr) return abandonBinding(module, CKR_HOST_MEMORY);
   module.keep();
   return asJava(rv);
 } catch (...) {

@@ -15,7 +15,7 @@ T made(T result) {
 }
 
 /// Whether the exception being handled says that the virtual machine had no memory.
-bool isJavas() {
+bool isJavaOutOfMemory() {
   try {
     throw;
   } catch (const JavaOutOfMemory&) {
@@ -91,19 +91,19 @@ jobjectArray statusOnly(JNIEnv* env, jbyteArray status) {
 }
 
 jbyteArray outOfMemoryStatus(JNIEnv* env) try {
-  return isJavas() ? nullptr : StatusArray(env).holding(CKR_HOST_MEMORY);
+  return isJavaOutOfMemory() ? nullptr : StatusArray(env).holding(CKR_HOST_MEMORY);
 } catch (...) {
   return nullptr;
 }
 
 jintArray outOfMemoryNumbers(JNIEnv* env) try {
-  return isJavas() ? nullptr : intArray(env, {});
+  return isJavaOutOfMemory() ? nullptr : intArray(env, {});
 } catch (...) {
   return nullptr;
 }
 
 jobjectArray outOfMemoryList(JNIEnv* env) try {
-  return isJavas() ? nullptr : statusOnly(env, StatusArray(env).holding(CKR_HOST_MEMORY));
+  return isJavaOutOfMemory() ? nullptr : statusOnly(env, StatusArray(env).holding(CKR_HOST_MEMORY));
 } catch (...) {
   return nullptr;
 }

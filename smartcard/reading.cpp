@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr jlong kCensusFailed = -1;
+constexpr jlong kCountFailed = -1;
 constexpr std::size_t kMostCounted = 20;
 
 // The status codes of the reads of a single value.
@@ -161,7 +161,7 @@ JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_isCardEmptyDLL(J
 
   Search search(sessionAt(slotIndex));
   search.next();
-  if (search.end() != CKR_OK) return kCensusFailed;
+  if (search.end() != CKR_OK) return kCountFailed;
   return asJava(std::min<CK_ULONG>(search.count(), 1));
 }
 

@@ -57,7 +57,7 @@ class Search {
 
   /// Why there is no object to work on: the failure of the search, or CKR_OBJECT_HANDLE_INVALID if it
   /// succeeded and found none.
-  CK_RV absence() const {
+  CK_RV whyNotFound() const {
     if (!begun()) return begin_;
     return next_ != CKR_OK ? next_ : CKR_OBJECT_HANDLE_INVALID;
   }

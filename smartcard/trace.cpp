@@ -26,9 +26,9 @@ void beginTrace() noexcept {
 /// While it lives, writing to a pipe that nobody reads fails instead of killing the process. Only this
 /// thread's signal mask changes, and only for that time: handlers belong to the host. One that it has is
 /// called as for its own prints.
-class BrokenPipeTolerated {
+class SigpipeBlocked {
  public:
-  BrokenPipeTolerated() noexcept {
+  SigpipeBlocked() noexcept {
     if (!brokenPipeKills) return;
     sigemptyset(&brokenPipe_);
     sigaddset(&brokenPipe_, SIGPIPE);
@@ -36,9 +36,9 @@ class BrokenPipeTolerated {
     sigset_t pending;
     isHosts_ = sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1;
   }
-  BrokenPipeTolerated(const BrokenPipeTolerated&) = delete;
-  BrokenPipeTolerated& operator=(const BrokenPipeTolerated&) = delete;
-  ~BrokenPipeTolerated() {
+  SigpipeBlocked(const SigpipeBlocked&) = delete;
+  SigpipeBlocked& operator=(const SigpipeBlocked&) = delete;
+  ~SigpipeBlocked() {
     if (!brokenPipeKills) return;
     // Reporting a trace that could not be written is nobody's job: no result may depend on it.
     constexpr timespec atOnce = {0, 0};
@@ -56,7 +56,7 @@ class BrokenPipeTolerated {
 
 void trace(const char* format, ...) noexcept {
   beginTrace();
-  const BrokenPipeTolerated guard;
+  const SigpipeBlocked guard;
   va_list values;
   va_start(values, format);
   std::vprintf(format, values);
@@ -74,13 +74,13 @@ void traceBytes(const char* heading, std::span<const CK_BYTE> bytes) {
   }
   text += '\n';
   beginTrace();
-  const BrokenPipeTolerated guard;
+  const SigpipeBlocked guard;
   static_cast<void>(std::fputs(text.c_str(), stdout));
 }
 
 void flushTraces() noexcept {
   if (!waiting) return;
   waiting = false;
-  const BrokenPipeTolerated guard;
+  const SigpipeBlocked guard;
   static_cast<void>(std::fflush(stdout));
 }

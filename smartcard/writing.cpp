@@ -38,7 +38,7 @@ void takeTraced(const char* heading, ByteInput& input) {
 
 /// Gives the key that was found its new ID and label.
 CK_RV update(Session session, const Search<>& key, std::array<CK_ATTRIBUTE, 2> names) {
-  if (!key.found()) return key.absence();
+  if (!key.found()) return key.whyNotFound();
   return call(&CK_FUNCTION_LIST::C_SetAttributeValue, session, key.object(), names.data(), names.size());
 }
 
@@ -225,7 +225,7 @@ JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_setCertificateLa
 
   Search keys(session, std::array{objectClass<CKO_PUBLIC_KEY>()});
   keys.next();
-  if (!keys.found()) return asJava(keys.absence());
+  if (!keys.found()) return asJava(keys.whyNotFound());
   AttributeRead<1> label(session, keys.object(), {CKA_LABEL});
   if (label.lengths() != CKR_OK) return asJava(rv);
   if (const CK_RV result = label.values(); result != CKR_OK) return asJava(result);
@@ -233,7 +233,7 @@ JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_setCertificateLa
 
   Search certificates(session, std::array{x509()});
   certificates.next();
-  if (!certificates.found()) return asJava(certificates.absence());
+  if (!certificates.found()) return asJava(certificates.whyNotFound());
   CK_ATTRIBUTE newLabel = {CKA_LABEL, label[0].data(), label[0].size()};
   call(&CK_FUNCTION_LIST::C_SetAttributeValue, session, certificates.object(), &newLabel, 1);
   return asJava(certificates.end());

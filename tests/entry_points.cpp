@@ -33,7 +33,7 @@ constexpr const char* kForm = std::is_same_v<Result, jlong>          ? "%"
 
 template <class Result, class... Parameter>
 EntryPoint entry(const char* name, Result (*function)(JNIEnv*, jclass, Parameter...), Arguments arguments,
-                 State state = State::kUser, const std::set<std::string>& keptBack = {},
+                 State state = State::kUser, const std::set<std::string>& swallowed = {},
                  bool nullsAllowed = false) {
   const auto call = [function](FakeJni& java, const Arguments& values) {
     [[maybe_unused]] auto value = values.begin();
@@ -41,7 +41,7 @@ EntryPoint entry(const char* name, Result (*function)(JNIEnv*, jclass, Parameter
                                                         converted<Parameter>(java, *value++)...};
     return java.shown(std::apply(function, all));
   };
-  return {name, state, std::move(arguments), keptBack, nullsAllowed, kForm<Result>, call};
+  return {name, state, std::move(arguments), swallowed, nullsAllowed, kForm<Result>, call};
 }
 
 }  // namespace

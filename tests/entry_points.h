@@ -37,7 +37,7 @@ struct EntryPoint {
   State state;
   Arguments arguments;
   /// Calls whose failure leaves the result as it is: `C_Sign`, or only `C_Sign#2`.
-  std::set<std::string> keptBack;
+  std::set<std::string> swallowed;
   bool nullsAllowed;
   std::string form;  // of a result that is only a code, with % in its place: `%`, `{%}`, `{{%}}`, `[]`
 
