@@ -95,6 +95,11 @@ CK_RV Call::refusal() const {
   return card().isSeenEmpty() && !asksForCard ? CKR_TOKEN_NOT_PRESENT : CKR_OK;
 }
 
+bool Call::hasLostSession() const {
+  const std::lock_guard lock(state.mutex);
+  return session_ && session_->isLost;
+}
+
 CK_SLOT_ID Call::genuineId(CK_SLOT_ID shown) const {
   const std::lock_guard lock(state.mutex);
   return slot_ && *slot_ < state.ids.size() ? state.ids[*slot_] : shown;

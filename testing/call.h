@@ -31,6 +31,8 @@ class Call {
 
   /// What the removal of the card makes of it, or CKR_OK.
   CK_RV refusal() const;
+  /// Whether the session may be in another thread's hands already, which closes it.
+  bool hasLostSession() const;
   CK_SLOT_ID genuineId(CK_SLOT_ID shown) const;
 
   // Under the mutex.

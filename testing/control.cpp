@@ -129,7 +129,11 @@ NATIVE(jstring, takeCalls)(JNIEnv* env, jclass, jlong module) {
   return env->NewStringUTF(names.c_str());
 }
 
-NATIVE(void, close)(JNIEnv*, jclass, jlong module) {
+NATIVE(void, close)(JNIEnv* env, jclass, jlong module, jstring copy) {
   void* const library = Locked(module)->library;
-  dlclose(library);  // with the state in it, unless the application holds it still
+  void* const genuine = Locked(module)->genuineLibrary;
+  dlclose(library);  // with the state in it, unless the application holds it still, which may call the
+                     // genuine one
+  void* const held = dlopen(text(env, copy).c_str(), RTLD_LAZY | RTLD_NOLOAD);
+  dlclose(held != nullptr ? held : genuine);
 }

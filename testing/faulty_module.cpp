@@ -228,7 +228,7 @@ struct Forward<F, Member> {
     const Call call(F, named);
     if (failure == CKR_OK) failure = call.refusal();
     if (failure != CKR_OK) {
-      if (failure != CKR_BUFFER_TOO_SMALL) endOperationOf<F>(named);
+      if (failure != CKR_BUFFER_TOO_SMALL && !call.hasLostSession()) endOperationOf<F>(named);
       return failure;
     }
     if constexpr ((kRows[F].traits & kSlot) != 0) first = call.genuineId(first);
@@ -256,8 +256,12 @@ faulty::State* faultyModuleBefore(const char* path, const char** unloadable) {
   }
   const auto get = reinterpret_cast<CK_C_GetFunctionList>(dlsym(module, "C_GetFunctionList"));
   CK_FUNCTION_LIST* genuine = nullptr;
-  if (get == nullptr || get(&genuine) != CKR_OK || genuine == nullptr) return nullptr;
+  if (get == nullptr || get(&genuine) != CKR_OK || genuine == nullptr) {
+    dlclose(module);
+    return nullptr;
+  }
   state.genuine = genuine;
+  state.genuineLibrary = module;
   state.list.version = genuine->version;
   // A function that is missing there is missing here.
 #define FAULTY_DEFINE(name, ...) \

@@ -148,6 +148,7 @@ struct State {
   CK_FUNCTION_LIST* genuine = nullptr;
   CK_FUNCTION_LIST list{};
   void* library = nullptr;  // the copy, which the controlling one has loaded
+  void* genuineLibrary = nullptr;
 
   std::mutex mutex;
   std::condition_variable released;

@@ -257,7 +257,7 @@ public final class FaultyModule implements AutoCloseable {
     public synchronized void close() {
         if (state != 0) {
             release(state);
-            close(state);
+            close(state, path());
             state = 0;
             file.toFile().delete();
         }
@@ -289,7 +289,7 @@ public final class FaultyModule implements AutoCloseable {
 
     private static native long open(String copy, String genuine);
 
-    private static native void close(long state);
+    private static native void close(long state, String copy);
 
     /** The number of a function; -1 for an unknown name. */
     private static native int function(String name);
