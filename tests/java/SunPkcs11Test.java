@@ -4,6 +4,8 @@ import com.calvenhor.vork.utils.Smartcard;
 import com.calvenhor.vork.utils.testing.FaultyModule;
 import java.nio.file.*;
 import java.security.*;
+import java.util.concurrent.FutureTask;
+import java.util.concurrent.atomic.*;
 import javax.security.auth.callback.PasswordCallback;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.io.TempDir;
@@ -11,9 +13,9 @@ import org.junit.jupiter.api.io.TempDir;
 /** The faulty module under the JDK's own provider, which calls it from several threads at once. */
 class SunPkcs11Test {
     private final FaultyModule module = FaultyModule.before(System.getProperty("softhsm2"));
-    private AuthProvider provider;
-    private PrivateKey key;
-    private PublicKey publicKey;
+    private volatile AuthProvider provider;
+    private volatile PrivateKey key;
+    private volatile PublicKey publicKey;
 
     private void logIn() throws Exception {
         provider = (AuthProvider) Security.getProvider("SunPKCS11").configure("--name=Faulty\nslotListIndex=0\nlibrary="
@@ -67,7 +69,38 @@ class SunPkcs11Test {
         assertEquals("CKR_DEVICE_REMOVED", failure());
         module.insert(0);
         assertEquals("CKR_SESSION_HANDLE_INVALID", failure());
+
+        AtomicBoolean goesOn = new AtomicBoolean(true);
+        FutureTask<Integer> signing = new FutureTask<>(() -> {
+            AtomicInteger signed = new AtomicInteger();
+            Threads.run(Thread::new, 4, thread -> {
+                while (goesOn.get()) {
+                    try {
+                        sign();
+                        signed.incrementAndGet();
+                    } catch (GeneralSecurityException | ProviderException e) {
+                        Thread.yield(); // the card is out, or the session is from before
+                    }
+                }
+            });
+            return signed.get();
+        });
+        new Thread(signing).start();
+        for (int round = 0; round < 20; round++) {
+            logIn();
+            Thread.sleep(20);
+            module.fail("C_SignFinal", 1, 0x30);
+            module.remove(0);
+            Thread.sleep(5);
+            module.insert(0);
+        }
+        goesOn.set(false);
+        assertTrue(signing.get() > 0);
         logIn();
-        sign();
+        try {
+            sign();
+        } catch (ProviderException leftOver) { // the last that was ordered
+            sign();
+        }
     }
 }
