@@ -96,6 +96,7 @@ TEST_F(Memory, EveryAllocationIsRefused) {
       begin(entry.state, true);
       const bool triedTwice = entry.name == "signWithID" && nth == ofLibrary;
       EXPECT_EQ(triedTwice ? success : entry.inForm(CKR_HOST_MEMORY), watch(entry, nth));
+      EXPECT_TRUE(entry.state != State::kUnbound || module.initializations == 0) << "a bind half undone";
     }
   }
   EXPECT_EQ(secretsPassed, 4) << "the entry points that are given a secret";
