@@ -111,14 +111,8 @@ class Transcript : public Fixture, public testing::WithParamInterface<const char
         {"removeLast", [&] { module.slots[0].objects.pop_back(); }},
         {"noList", [&] { module.list = nullptr; }},
         {"freshLists", [&] { module.freshListEachTime = true; }},
-        {"emptyFreshLists",
-         [&] { std::fill(module.freshLists.begin(), module.freshLists.end(), CK_FUNCTION_LIST{}); }},
         {"acceptsSecondInitialize", [&] { module.acceptsSecondInitialize = true; }},
-        {"noFunction",
-         [&] {
-           module.functions.C_OpenSession = nullptr;
-           module.functions.C_Finalize = nullptr;
-         }},
+        {"noFunctions", [&] { module.functions = {}; }},
         {"claims", [&] { claim(words.at(1), number(2), number(3)); }},
         // When the second search of a call begins.
         {"later",
