@@ -3,7 +3,6 @@
 #include <dlfcn.h>
 
 #include <algorithm>
-#include <bit>
 
 #include "com_calvenhor_vork_utils_testing_FaultyModule.h"
 #include "faulty_module.h"
@@ -17,7 +16,7 @@ namespace {
 /// A module's state, under its mutex.
 class Locked {
  public:
-  explicit Locked(jlong module) : state_(*std::bit_cast<State*>(module)), lock_(state_.mutex) {}
+  explicit Locked(jlong module) : state_(*__builtin_bit_cast(State*, module)), lock_(state_.mutex) {}
 
   State* operator->() { return &state_; }
   Orders& orders(jint function) { return state_.orders[static_cast<std::size_t>(function)]; }
@@ -49,7 +48,7 @@ NATIVE(jlong, open)(JNIEnv* env, jclass, jstring copy, jstring genuine) {
     const char* unloadable = nullptr;
     if (State* const state = moduleBefore(text(env, genuine).c_str(), &unloadable)) {
       state->library = library;
-      return std::bit_cast<jlong>(state);
+      return __builtin_bit_cast(jlong, state);
     }
     problem = unloadable != nullptr ? unloadable : text(env, genuine) + " is not a PKCS#11 module";
     dlclose(library);
