@@ -11,10 +11,12 @@ import java.security.Key;
 import java.security.KeyStoreException;
 import java.security.cert.Certificate;
 import java.security.cert.X509Certificate;
+import java.security.interfaces.RSAKey;
 import java.security.interfaces.RSAPrivateCrtKey;
 import java.security.interfaces.RSAPublicKey;
 import java.util.ArrayList;
 import java.util.Arrays;
+import java.util.HexFormat;
 import java.util.List;
 import java.util.regex.Pattern;
 import java.util.stream.Stream;
@@ -37,8 +39,8 @@ final class SmartcardChange {
         slot.openSession(); // asks for the card, which some modules look for only then
         slot.requireLogin();
         list();
-        require(Arrays.equals(known.serialNumber(), now.serialNumber()), "another token is in slot " + slot.index()
-                + ": load the KeyStore again");
+        require(known.token().equals(now.token()), "the KeyStore was loaded from slot " + known.token()
+                + ", but the token is " + now.token() + ": load the KeyStore again");
     }
 
     /** {@return what the token holds now, or held when it could last be listed} */
@@ -64,20 +66,21 @@ final class SmartcardChange {
     /** Imports a key with its certificate, or gives a key of this token its certificate. */
     void setKeyEntry(String alias, Key key, Certificate[] chain) throws IOException, GeneralSecurityException {
         SmartcardKey known = key instanceof SmartcardKey ours ? ours : null;
-        RSAPrivateCrtKey imported = key instanceof RSAPrivateCrtKey crt ? crt : null;
+        RSAPrivateCrtKey imported = key instanceof RSAPrivateCrtKey crt && crt.getAlgorithm().equals("RSA")
+                ? crt : null;
         require(known != null || imported != null, "expected a key of this token, or an RSA private key with CRT "
                 + "values, not " + (key == null ? "null" : key.getAlgorithm() + ", " + key.getClass().getName()));
         require(known == null || known.slot().equals(slot), "the key is on another token: " + known);
         List<X509Certificate> certificates = x509(chain);
-        BigInteger modulus = known != null ? known.getModulus() : imported.getModulus();
+        BigInteger modulus = ((RSAKey) key).getModulus();
         BigInteger exponent = known != null ? known.publicKey().getPublicExponent() : imported.getPublicExponent();
-        require(certificates.get(0).getPublicKey() instanceof RSAPublicKey first && first.getModulus().equals(modulus)
-                && first.getPublicExponent().equals(exponent), "the first certificate is not the key's");
-
+        if (!(certificates.get(0).getPublicKey() instanceof RSAPublicKey publicKey)
+                || !publicKey.getModulus().equals(modulus) || !publicKey.getPublicExponent().equals(exponent)) {
+            throw new KeyStoreException("the first certificate is not the key's");
+        }
         SmartcardKey named = new SmartcardKey(slot, known != null ? known.id() : SmartcardWriter.idOf(modulus),
-                (RSAPublicKey) certificates.get(0).getPublicKey());
-        SmartcardKey present = now.entry(alias).key();
-        require(present == null || present.equals(named), "\"" + alias + "\" is another key's entry: delete it first");
+                publicKey);
+        require(now.keys(alias).allMatch(named::equals), "\"" + alias + "\" is another key's entry: delete it first");
         int count = now.keyCount(named.id());
         require(count < 2, "several private keys have its ID: " + named);
         require(count == 1 || imported != null, "no longer on the token: " + named);
@@ -85,6 +88,8 @@ final class SmartcardChange {
         require(known == null || slot.publicKeys(named.id()).size() < 2, "several public keys have its ID: " + named);
         if (count == 1) {
             named.requireSigns();
+        } else {
+            require(!slot.hasPrivateKey(named.id()), "a private key of another type has its ID: " + named);
         }
         Item item = item(named.id(), alias, certificates.get(0));
         set(alias, item, certificates.subList(1, certificates.size()), named, count == 0 ? imported : null);
@@ -95,8 +100,10 @@ final class SmartcardChange {
 
     void setCertificateEntry(String alias, Certificate certificate) throws IOException, GeneralSecurityException {
         X509Certificate x509 = x509(certificate).get(0);
-        require(now.entry(alias).key() == null, "\"" + alias + "\" is a key's entry: delete it first");
-        set(alias, item(SmartcardWriter.sha1(x509.getEncoded()), alias, x509), List.of(), null, null);
+        require(now.keys(alias).findAny().isEmpty(), "\"" + alias + "\" is a key's entry: delete it first");
+        if (!x509.equals(now.entry(alias).certificate())) { // by whose ID another program may find its key
+            set(alias, item(SmartcardWriter.sha1(x509.getEncoded()), alias, x509), List.of(), null, null);
+        }
     }
 
     /**
@@ -121,8 +128,10 @@ final class SmartcardChange {
             }
         }
         SmartcardContents after = before.after(old, added, newKeyId);
-        require(alias.equals(after.alias(item)) && (key == null) == (after.entry(alias).key() == null),
-                "the alias would read back as \"" + after.alias(item) + "\", not as \"" + alias + "\"");
+        require(alias.equals(after.alias(item)), "the alias would read back as \"" + after.alias(item) + "\", not as \""
+                + alias + "\"");
+        require((key == null) == (after.key(item) == null), "this certificate, with the ID "
+                + HexFormat.of().formatHex(item.id().array()) + ", would be " + (key == null ? "a key's" : "no key's"));
         for (Item each : old) {
             requireDeletable(each, Stream.concat(before.items().stream(), added.stream()).toList());
         }
@@ -159,8 +168,9 @@ final class SmartcardChange {
         try {
             list();
             if (old.stream().anyMatch(each -> now.count(each) < before.count(each))) {
-                return new KeyStoreException("the entry is set, but not all of the old one is deleted: "
-                        + failure.getMessage(), failure);
+                old.stream().filter(each -> now.count(each) > 0).map(SmartcardChange::described).forEach(left::add);
+                return new KeyStoreException("the entry is set, but not all that follows is done: "
+                        + failure.getMessage() + suffix(left), failure);
             }
             for (Item each : added) {
                 if (now.count(each) > before.count(each)) {
@@ -180,8 +190,11 @@ final class SmartcardChange {
         } catch (IOException | GeneralSecurityException e) {
             left.add("unknown, since the token cannot be listed");
         }
-        return new KeyStoreException(failure.getMessage()
-                + (left.isEmpty() ? "" : "; left on the token: " + String.join("; ", left)), failure);
+        return new KeyStoreException(failure.getMessage() + suffix(left), failure);
+    }
+
+    static String suffix(List<String> left) {
+        return left.isEmpty() ? "" : "; left on the token: " + String.join("; ", left);
     }
 
     /** Gives both halves of a key pair the label, by which other programs show them. */
@@ -209,11 +222,12 @@ final class SmartcardChange {
         }
         Entry entry = now.entry(alias);
         SmartcardKey key = entry.key();
-        boolean areKeysShared = now.items().stream()
-                .anyMatch(other -> other.id().equals(entry.item().id()) && !objects.contains(other));
+        require(now.keys(alias).distinct().count() < 2, "several private keys have copies of its certificate");
+        boolean areKeysShared = now.items().stream().anyMatch(other -> other.id().equals(entry.item().id())
+                && other.certificate() != null && !objects.contains(other));
         if (key != null && !areKeysShared) {
             require(now.keyCount(key.id()) == 1, "several private keys have its ID: " + key);
-            require(slot.publicKeys(key.id()).stream().allMatch(each -> each.isHalfOf(key)),
+            require(slot.publicKeys(key.id()).stream().allMatch(each -> each.isHalfOf(key.publicKey())),
                     "another key's public key has its ID: " + key);
             key.requireSigns(); // a deletion takes the first key of the ID, of any type: the one that signs
             writer.deletePrivateKey(key.id());
@@ -228,20 +242,26 @@ final class SmartcardChange {
         }
     }
 
-    /** With the entry's private key gone; a certificate entry may be the rest of an entry that was partly deleted. */
+    /**
+     * With the entry's private key gone; a certificate entry may be the rest of an entry that was partly deleted. While
+     * a private key of another type has the ID, the first public key may be that one's.
+     */
     private void deletePublicKeys(Entry entry) throws IOException, KeyStoreException {
         byte[] id = entry.item().id().array();
-        if (id.length == 0 || now.keyCount(id) > 0
-                || !(entry.item().certificate().getPublicKey() instanceof RSAPublicKey publicKey)) {
+        List<PublicKey> keys = slot.publicKeys(id);
+        if (id.length == 0 || keys.isEmpty()
+                || !(entry.certificate().getPublicKey() instanceof RSAPublicKey publicKey)) {
             return;
         }
-        SmartcardKey key = new SmartcardKey(slot, id, publicKey);
-        List<PublicKey> keys = slot.publicKeys(id);
-        boolean areItsOwn = keys.stream().allMatch(
-                each -> each.isHalfOf(key) && (entry.key() != null || each.label().equals(entry.item().label())));
+        boolean isShared = slot.hasPrivateKey(id);
+        require(!isShared || entry.key() == null, "only the private key is deleted: a key of another type has its ID; "
+                + "left on the token: the public key and the certificate of " + entry.key());
+        boolean areItsOwn = !isShared && keys.stream().allMatch(each -> each.isHalfOf(publicKey)
+                && (entry.key() != null || each.label().equals(entry.item().label())));
         for (int count = keys.size(); areItsOwn && count > 0; count--) {
             writer.deletePublicKey(id);
-            require(slot.publicKeys(id).size() < count, "the token still lists the public key of " + key);
+            require(slot.publicKeys(id).size() < count, "the token still lists the public key of "
+                    + described(entry.item()));
         }
     }
 

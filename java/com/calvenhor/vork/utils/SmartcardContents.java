@@ -13,14 +13,15 @@ import java.security.interfaces.RSAPublicKey;
 import java.util.ArrayList;
 import java.util.Collections;
 import java.util.Comparator;
-import java.util.HashSet;
 import java.util.HexFormat;
 import java.util.LinkedHashMap;
 import java.util.LinkedHashSet;
 import java.util.List;
 import java.util.Map;
+import java.util.Objects;
 import java.util.Set;
 import java.util.stream.Collectors;
+import java.util.stream.Stream;
 import javax.security.auth.x500.X500Principal;
 
 /** What a token held when it was listed. It never changes: after each change the token is listed again. */
@@ -47,7 +48,7 @@ final class SmartcardContents {
     private static final Entry NONE = new Entry(new Item(null, null, null), null);
 
     private final SmartcardSlot slot;
-    private final byte[] serialNumber;
+    private final String token;
     private final List<Item> items;
     private final List<ByteBuffer> keyIds;
     private final Map<String, Set<X509Certificate>> byLabel;
@@ -55,13 +56,13 @@ final class SmartcardContents {
     private final Map<String, Entry> entries = new LinkedHashMap<>();
 
     /**
-     * @param serialNumber the token's
+     * @param token its slot, label and serial number
      * @param keyIds the ID of each private key
      */
-    private SmartcardContents(SmartcardSlot slot, byte[] serialNumber, List<Item> items, List<ByteBuffer> keyIds)
+    private SmartcardContents(SmartcardSlot slot, String token, List<Item> items, List<ByteBuffer> keyIds)
             throws NoSuchAlgorithmException, CertificateException {
         this.slot = slot;
-        this.serialNumber = serialNumber;
+        this.token = token;
         this.items = items;
         this.keyIds = keyIds;
         List<Item> parsed = items.stream().filter(item -> item.certificate != null).toList();
@@ -69,10 +70,8 @@ final class SmartcardContents {
                 Collectors.mapping(Item::certificate, Collectors.toSet())));
         bySubject = parsed.stream().map(Item::certificate).collect(
                 Collectors.groupingBy(X509Certificate::getSubjectX500Principal, Collectors.toSet()));
-        Set<ByteBuffer> ids = new HashSet<>(keyIds);
-        ids.remove(ByteBuffer.allocate(0)); // objects without an ID do not belong together for that
         // Copies of a certificate with one label are one entry: the first, so that it is one with a key.
-        for (Entry entry : parsed.stream().map(item -> new Entry(item, key(item, ids)))
+        for (Entry entry : parsed.stream().map(item -> new Entry(item, key(item)))
                 .sorted(Comparator.comparing(entry -> entry.key == null)).toList()) {
             entries.putIfAbsent(alias(entry.item), entry);
         }
@@ -82,18 +81,19 @@ final class SmartcardContents {
     static SmartcardContents of(SmartcardSlot slot) throws IOException, NoSuchAlgorithmException, CertificateException {
         List<byte[][]> privateKeys;
         List<byte[][]> certificates;
-        byte[] serialNumber;
+        String token;
         synchronized (Smartcard.class) {
             privateKeys = slot.privateKeys();
             certificates = slot.certificates();
-            serialNumber = slot.serialNumber();
+            slot.requireToken();
+            token = slot.description();
         }
         CertificateFactory factory = CertificateFactory.getInstance("X.509");
         List<Item> items = new ArrayList<>();
         for (byte[][] row : certificates) {
             items.add(new Item(ByteBuffer.wrap(row[0]), ByteBuffer.wrap(row[1]), parsed(factory, row[2])));
         }
-        return new SmartcardContents(slot, serialNumber, items,
+        return new SmartcardContents(slot, token, items,
                 privateKeys.stream().map(row -> ByteBuffer.wrap(row[0])).toList());
     }
 
@@ -125,11 +125,13 @@ final class SmartcardContents {
         if (newKeyId != null) {
             ids.add(ByteBuffer.wrap(newKeyId));
         }
-        return new SmartcardContents(slot, serialNumber, left, ids);
+        return new SmartcardContents(slot, token, left, ids);
     }
 
-    private SmartcardKey key(Item item, Set<ByteBuffer> ids) {
-        return ids.contains(item.id) && item.certificate.getPublicKey() instanceof RSAPublicKey publicKey
+    /** {@return the key that has the certificate's ID; null if there is none} No ID at all joins nothing. */
+    SmartcardKey key(Item item) {
+        return item.id.hasRemaining() && keyIds.contains(item.id)
+                && item.certificate.getPublicKey() instanceof RSAPublicKey publicKey
                 && publicKey.getAlgorithm().equals("RSA") // and not RSASSA-PSS
                 ? new SmartcardKey(slot, item.id.array(), publicKey) : null;
     }
@@ -138,8 +140,9 @@ final class SmartcardContents {
         return slot;
     }
 
-    byte[] serialNumber() {
-        return serialNumber;
+    /** {@return the token's slot, label and serial number, since some tokens share one serial number} */
+    String token() {
+        return token;
     }
 
     List<Item> items() {
@@ -174,6 +177,11 @@ final class SmartcardContents {
             }
         }
         return objects;
+    }
+
+    /** The keys of all objects that the alias stands for. */
+    Stream<SmartcardKey> keys(String alias) throws NoSuchAlgorithmException, CertificateException {
+        return objects(alias).stream().map(this::key).filter(Objects::nonNull);
     }
 
     /** The label; one that stands for several certificates, or for none, is told apart by the certificate. */

@@ -18,7 +18,6 @@ import java.security.spec.RSAPublicKeySpec;
 import java.util.ArrayList;
 import java.util.HexFormat;
 import java.util.List;
-import java.util.stream.Collectors;
 
 /** RSA key pairs that the token makes. Their ID is the one that an imported key would have. */
 final class SmartcardKeyPairGenerator extends KeyPairGeneratorSpi {
@@ -52,18 +51,15 @@ final class SmartcardKeyPairGenerator extends KeyPairGeneratorSpi {
 
     @Override
     public KeyPair generateKeyPair() {
-        char[] pin = null;
         try {
-            pin = provider.askForPin(provider.callbackHandler());
+            provider.logIn(provider.callbackHandler());
             synchronized (Smartcard.class) {
-                SmartcardSlot slot = provider.open(pin);
+                SmartcardSlot slot = provider.open(null);
                 slot.requireLogin();
                 return generate(slot);
             }
         } catch (IOException | GeneralSecurityException e) {
             throw new ProviderException(e.getMessage(), e);
-        } finally {
-            SmartcardProvider.clear(pin);
         }
     }
 
@@ -81,7 +77,7 @@ final class SmartcardKeyPairGenerator extends KeyPairGeneratorSpi {
             ids.add(key.id());
             writer.renameKeyPair(interimId, key.id(), SmartcardWriter.label(HexFormat.of().formatHex(key.id())));
             List<PublicKey> publicKeys = slot.publicKeys(key.id());
-            if (publicKeys.size() != 1 || !publicKeys.get(0).isHalfOf(key) || !slot.publicKeys(interimId).isEmpty()) {
+            if (publicKeys.size() != 1 || !publicKeys.get(0).isHalfOf(publicKey)) {
                 throw new IOException("the token has not given the public key its ID");
             }
             key.requireSigns();
@@ -101,6 +97,6 @@ final class SmartcardKeyPairGenerator extends KeyPairGeneratorSpi {
                 left.add("unknown, since the token cannot be listed");
             }
         }
-        return left.isEmpty() ? "" : "; left on the token: " + String.join("; ", left);
+        return SmartcardChange.suffix(left);
     }
 }

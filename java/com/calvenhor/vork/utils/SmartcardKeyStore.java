@@ -15,7 +15,6 @@ import java.security.cert.CertificateException;
 import java.util.Collections;
 import java.util.Date;
 import java.util.Enumeration;
-import javax.security.auth.callback.CallbackHandler;
 
 /** The entries of a token when it was loaded or last changed here; those with a private key come first. */
 final class SmartcardKeyStore extends KeyStoreSpi {
@@ -39,10 +38,9 @@ final class SmartcardKeyStore extends KeyStoreSpi {
             throw new IOException("the entries are on the token: load with null in place of the stream");
         }
         if (pin == null || pin.length == 0) {
-            load(provider.callbackHandler());
-        } else {
-            load(pin);
+            provider.logIn(provider.callbackHandler());
         }
+        load(pin);
     }
 
     /** The inherited one asks a handler even if no PIN is needed. */
@@ -51,18 +49,10 @@ final class SmartcardKeyStore extends KeyStoreSpi {
             throws IOException, NoSuchAlgorithmException, CertificateException {
         if (parameter != null
                 && parameter.getProtectionParameter() instanceof KeyStore.CallbackHandlerProtection protection) {
-            load(protection.getCallbackHandler());
+            provider.logIn(protection.getCallbackHandler());
+            load(null);
         } else {
             super.engineLoad(parameter);
-        }
-    }
-
-    private void load(CallbackHandler handler) throws IOException, NoSuchAlgorithmException, CertificateException {
-        char[] pin = provider.askForPin(handler);
-        try {
-            load(pin);
-        } finally {
-            SmartcardProvider.clear(pin);
         }
     }
 

@@ -8,6 +8,7 @@ import java.nio.ByteBuffer;
 import java.nio.CharBuffer;
 import java.nio.charset.StandardCharsets;
 import java.security.UnrecoverableKeyException;
+import java.security.interfaces.RSAPublicKey;
 import java.util.Arrays;
 import java.util.List;
 import java.util.function.LongFunction;
@@ -30,15 +31,15 @@ record SmartcardSlot(long index) {
 
     /** An RSA public key object. */
     record PublicKey(ByteBuffer label, BigInteger modulus, BigInteger exponent) {
-        boolean isHalfOf(SmartcardKey key) {
-            return modulus.equals(key.getModulus()) && exponent.equals(key.publicKey().getPublicExponent());
+        boolean isHalfOf(RSAPublicKey key) {
+            return modulus.equals(key.getModulus()) && exponent.equals(key.getPublicExponent());
         }
     }
 
     /** Opens a session and logs in, as far as each is not done yet. */
     void open(char[] pin) throws IOException {
         openSession();
-        serialNumber(); // of a token that is gone, nothing below would tell
+        requireToken(); // of a token that is gone, nothing below would tell
         logIn(pin);
     }
 
@@ -70,17 +71,13 @@ record SmartcardSlot(long index) {
         return code == TOKEN_NOT_PRESENT || code == TOKEN_NOT_RECOGNIZED || code == DEVICE_REMOVED;
     }
 
-    /**
-     * {@return the token's serial number} SoftHSM2 opens sessions of a token that is gone, logs in and lists nothing,
-     * but does not give its serial number.
-     */
-    byte[] serialNumber() throws IOException {
+    /** SoftHSM2 opens sessions of a token that is gone, logs in and lists nothing; the serial number cannot be read. */
+    void requireToken() throws IOException {
         byte[] number = Smartcard.readCardSerialNumberDLL(index);
         if (number == null || number.length == 1) {
             throw new SmartcardException("the token in slot " + index + " does not answer",
                     codeOf(number, FUNCTION_REJECTED), INSERT);
         }
-        return number;
     }
 
     /** Whether a token is in the slot that can be used, or one that cannot be asked. */
@@ -96,7 +93,7 @@ record SmartcardSlot(long index) {
                 && (serialNumber == null || serialNumber.equals(text(Smartcard.readCardSerialNumberDLL(index))));
     }
 
-    /** {@return the slot index and the token's label} */
+    /** {@return the slot index, and the token's label and serial number} */
     String description() {
         return index + " \"" + text(Smartcard.readCardLabelDLL(index)) + "\", serial number "
                 + text(Smartcard.readCardSerialNumberDLL(index));
@@ -192,6 +189,12 @@ record SmartcardSlot(long index) {
     boolean areLabelled(byte[] id, byte[] label) throws IOException {
         return privateKeys().stream().allMatch(row -> !Arrays.equals(row[0], id) || Arrays.equals(row[1], label))
                 && publicKeys(id).stream().allMatch(key -> key.label().equals(ByteBuffer.wrap(label)));
+    }
+
+    /** Whether a private key, of any type, has the ID: only then a signature with it fails with a code. */
+    boolean hasPrivateKey(byte[] id) {
+        byte[] signature = Smartcard.signWithIDDLL(index, new byte[1], id);
+        return signature == null || signature.length != 1 || signature[0] != 0;
     }
 
     /** Signs with the first private key that has the ID, by CKM_RSA_PKCS. */

@@ -124,7 +124,7 @@ record SmartcardWriter(SmartcardSlot slot) {
         if (!slot.publicKeys(id).isEmpty()) {
             left.add("a public key with the ID " + HexFormat.of().formatHex(id));
         }
-        slot.serialNumber(); // of a token that is gone, some modules list nothing
+        slot.requireToken(); // of a token that is gone, some modules list nothing
         return left;
     }
 

@@ -79,15 +79,6 @@ record TokenName(String module, long index, String label, String serialNumber) {
         return attributes;
     }
 
-    /** Binds the module, opens the token's session and logs in, as far as each is not done yet. */
-    SmartcardSlot open(char[] pin) throws IOException {
-        synchronized (Smartcard.class) {
-            SmartcardSlot slot = find();
-            slot.open(pin);
-            return slot;
-        }
-    }
-
     /** Binds the module, if it is not bound yet; {@return the slot that has the token} */
     SmartcardSlot find() throws IOException {
         synchronized (Smartcard.class) {
