@@ -22,6 +22,7 @@ import org.junit.jupiter.api.io.TempDir;
 class KeyStoreChangeTest {
     private static final String MODULE = System.getProperty("softhsm2");
     private static final char[] PIN = "1234".toCharArray();
+    private static final byte[] LABEL = "label".getBytes();
 
     private static final String MAKE = """
             softhsm2-util --init-token --free --label First --so-pin 12345678 --pin 1234
@@ -36,6 +37,8 @@ class KeyStoreChangeTest {
                 req $name | openssl x509 -req -CA $ca.crt -CAkey $ca.pem -outform DER -out $name-by-$ca.crt
               done
             done
+            req a | openssl x509 -req -CA ca.crt -CAkey ca.pem -outform DER -out again-by-ca.crt
+            openssl req -new -x509 -subj "/O=Org/CN=ca" -key other.pem -outform DER -out org.crt
             """;
 
     private interface Change {
@@ -48,9 +51,22 @@ class KeyStoreChangeTest {
     private static Path tokens;
     private static FaultyModule module;
 
+    /** What each change leaves: kind, label, whose SHA-1 the ID is, and the certificate; of "generate" it is random. */
+    private static final Map<String, String> RESULTS = Map.of(
+            "import", "crt a a a-by-ca|crt b b b-by-other|crt ca ca ca|crt other other other|prv a a|prv b b|pub a a"
+                    + "|pub b b",
+            "renew", "crt a a a-by-other|crt ca ca ca|crt other other other|prv a a|pub a a",
+            "rename", "crt a a a-by-ca|crt ca ca ca|crt renamed a a-by-ca|prv renamed a|pub renamed a",
+            "set again", "crt a a a-by-ca|crt ca ca ca|crt Org org org|crt other other other|prv a a|pub a a",
+            "set certificate", "crt a a a-by-ca|crt ca ca ca|crt other other other|prv a a|pub a a",
+            "replace certificate", "crt a a a-by-ca|crt ca other other|prv a a|pub a a",
+            "delete key", "crt ca ca ca",
+            "delete certificate", "crt a a a-by-ca|prv a a|pub a a");
+
     private static final Map<String, Change> CHANGES = new TreeMap<>(Map.of(
             "import", store -> store.setKeyEntry("b", key("b"), null, chain("b-by-other", "other")),
             "renew", store -> store.setKeyEntry("a", store.getKey("a", null), null, chain("a-by-other", "other")),
+            "set again", store -> store.setKeyEntry("a", key("a"), null, chain("a-by-ca", "org", "ca", "other")),
             "rename", store -> store.setKeyEntry("renamed", store.getKey("a", null), null, chain("a-by-ca", "ca")),
             "set certificate", store -> store.setCertificateEntry("other", chain("other")[0]),
             "replace certificate", store -> store.setCertificateEntry("ca", chain("other")[0]),
@@ -131,9 +147,52 @@ class KeyStoreChangeTest {
 
     /** The objects on the token, as another maker's tool lists them. */
     private static Set<String> listed() throws Exception {
-        String[] command = ("pkcs11-tool --module " + MODULE + " --login --pin 1234 --list-objects").split(" ");
-        String list = SoftTokenTest.output(new ProcessBuilder(command).redirectError(ProcessBuilder.Redirect.DISCARD));
-        return new HashSet<>(List.of(list.split("(?m)^(?=\\S)")));
+        return new HashSet<>(List.of(tool("--list-objects").split("(?m)^(?=\\S)")));
+    }
+
+    /** The objects on the token, as {@link #RESULTS} has them. */
+    private static String contents() throws Exception {
+        Map<String, String> names = new HashMap<>();
+        for (String name : List.of("a-by-ca", "a-by-other", "b-by-other", "b-by-ca", "ca", "other", "org")) {
+            byte[] der = chain(name)[0].getEncoded();
+            names.put(hex(der), name);
+            names.put(hex(sha1(der)), name);
+            names.putIfAbsent(hex(idOf(name)), name.substring(0, name.contains("-") ? 1 : name.length()));
+        }
+        List<String> lines = new ArrayList<>();
+        byte[][] list = Smartcard.readAllCertificatesDLL(0);
+        for (int i = 1; i < list.length; i += 3) {
+            lines.add("crt " + new String(list[i + 1]) + " " + names.get(hex(list[i])) + " "
+                    + names.get(hex(list[i + 2])));
+        }
+        list = Smartcard.readAllRSAPrivateKeysDLL(0);
+        for (int i = 1; i < list.length; i += 2) {
+            lines.add("prv " + new String(list[i + 1]) + " " + names.get(hex(list[i])));
+        }
+        list = Smartcard.readAllRSAPublicKeysDLL(0);
+        for (int i = 1; i < list.length; i += 4) {
+            lines.add("pub " + new String(list[i + 1]) + " " + names.get(hex(list[i])));
+        }
+        lines.sort(String.CASE_INSENSITIVE_ORDER);
+        return String.join("|", lines);
+    }
+
+    private static String hex(byte[] bytes) {
+        return HexFormat.of().formatHex(bytes);
+    }
+
+    private static byte[] sha1(byte[] bytes) throws Exception {
+        return MessageDigest.getInstance("SHA-1").digest(bytes);
+    }
+
+    private static byte[] modulus(String certificate) throws Exception {
+        byte[] modulus = ((RSAPublicKey) chain(certificate)[0].getPublicKey()).getModulus().toByteArray();
+        return Arrays.copyOfRange(modulus, 1, modulus.length);
+    }
+
+    /** The ID of a certificate's key. */
+    private static byte[] idOf(String certificate) throws Exception {
+        return sha1(modulus(certificate));
     }
 
     /** What a KeyStore shows. */
@@ -165,7 +224,9 @@ class KeyStoreChangeTest {
             CHANGES.get(name).make(store);
             List<String> calls = module.takeCalls();
             Map<String, String> after = shown(load());
-            int countAfter = objects().size();
+            String contents = contents();
+            assertEquals(RESULTS.getOrDefault(name, contents), contents, name);
+            assertTrue(name.contains("certificate") || calls.contains("C_Sign"), "tries the key: " + name);
             for (int i = 0; i < calls.size(); i++) {
                 String function = calls.get(i);
                 boolean isReading = function.matches("C_(Find|Get).*");
@@ -183,13 +244,17 @@ class KeyStoreChangeTest {
                     assertEquals(after, shown(store), what);
                     // An imported key works without its public half, which some tokens refuse.
                     boolean isPublicKey = name.equals("import") && function.equals("C_CreateObject") && nth == 2;
-                    assertEquals(countAfter - (isPublicKey ? 1 : 0), objects.size(), what);
+                    assertTrue(name.equals("generate")
+                            || contents().equals(isPublicKey ? contents.replace("|pub b b", "") : contents), what);
                 } else if (name.startsWith("delete")) {
                     CHANGES.get(name).make(store); // finishes
                     assertEquals(after, shown(store), what);
-                    assertEquals(countAfter, objects().size(), what);
+                    assertEquals(contents, contents(), what);
                 } else if (!failure.contains("the entry is set")) {
                     assertKept(objectsBefore, objects, failure, what);
+                    if (!isReading && !function.equals("C_DestroyObject")) { // nothing keeps it from taking off all
+                        assertEquals(objectsBefore, objects, what);
+                    }
                     assertTrue(isReading || listed().containsAll(listedBefore), what);
                     assertTrue(failure.contains("left on the token") || before.equals(shown(store)), what);
                 }
@@ -283,6 +348,8 @@ class KeyStoreChangeTest {
         }
         assertFails("read back", each -> each.setCertificateEntry("x/12345678", chain("other")[0]), store);
         store.deleteEntry("unknown");
+        store.store(null, PIN);
+        assertThrows(IOException.class, () -> store.store(new ByteArrayOutputStream(), PIN));
         Smartcard.logoutDLL(0);
         for (String name : CHANGES.keySet()) {
             assertTrue(failure(name, store).contains("CKR_USER_NOT_LOGGED_IN"), name);
@@ -317,6 +384,108 @@ class KeyStoreChangeTest {
         assertFails("several private keys", each -> each.deleteEntry("a"), store);
         assertFails("several private keys",
                 each -> each.setKeyEntry("c", each.getKey("a", null), null, each.getCertificateChain("a")), store);
+    }
+
+    /** Keys that have an ID which is another's: an RSA key, a public key, and a key pair that no listing shows. */
+    @Test
+    void othersKeys() throws Exception {
+        KeyStore store = begin();
+        Smartcard.generateKeyPairDLL(0, 1024, SoftTokenTest.EXPONENT, idOf("b-by-ca"), LABEL);
+        assertFails("does not verify", each -> each.setKeyEntry("b", key("b"), null, chain("b-by-ca")), store);
+
+        store = begin();
+        Smartcard.generateKeyPairDLL(0, 1024, SoftTokenTest.EXPONENT, sha1(chain("other")[0].getEncoded()), LABEL);
+        assertFails("would be a key's", each -> each.setCertificateEntry("other", chain("other")[0]), store);
+
+        store = begin();
+        SoftTokenTest.assertOk(
+                Smartcard.writePublicKeyDLL(0, modulus("b-by-ca"), SoftTokenTest.EXPONENT, idOf("b-by-ca"), LABEL),
+                Smartcard.writePublicKeyDLL(0, modulus("a-by-ca"), SoftTokenTest.EXPONENT, idOf("a-by-ca"), LABEL));
+        Map<String, String> before = objects();
+        module.fail("C_CreateObject", 1, 0x30);
+        assertTrue(failure("import", store).contains("a public key with the ID"));
+        assertTrue(objects().entrySet().containsAll(before.entrySet()));
+        assertFails("several public keys", CHANGES.get("rename"), store);
+        store.deleteEntry("a");
+        assertFalse(contents().contains(" a"), contents());
+
+        store = begin();
+        SoftTokenTest.assertOk(
+                Smartcard.writePublicKeyDLL(0, modulus("b-by-ca"), SoftTokenTest.EXPONENT, idOf("a-by-ca"), LABEL),
+                Smartcard.writePublicKeyDLL(0, modulus("b-by-ca"), SoftTokenTest.EXPONENT,
+                        sha1(chain("ca")[0].getEncoded()), "ca".getBytes()));
+        assertFails("another key's public key", each -> each.deleteEntry("a"), store);
+        store.deleteEntry("ca");
+        assertTrue(contents().contains("pub ca ca"), contents());
+
+        store = begin();
+        write((X509Certificate) chain("a-by-ca")[0], new byte[0], new byte[] {7}, "a");
+        tool("--write-object " + folder.resolve("a.key") + " --type privkey --id 07");
+        assertFails("copies of its certificate", CHANGES.get("delete key"), store);
+        assertFails("another key's", CHANGES.get("renew"), store);
+
+        for (String name : List.of("a-by-ca", "b-by-ca")) {
+            store = begin();
+            before = objects();
+            tool("--keypairgen --key-type EC:prime256v1 --id " + hex(idOf(name)));
+            Map<String, String> pair = objects();
+            pair.keySet().removeAll(before.keySet());
+            assertNotNull(failure(name.equals("a-by-ca") ? "delete key" : "import", store));
+            assertTrue(objects().entrySet().containsAll(pair.entrySet()), name);
+        }
+    }
+
+    private static String tool(String request) throws Exception {
+        String[] command = ("pkcs11-tool --module " + MODULE + " --login --pin 1234 " + request).split(" ");
+        return SoftTokenTest.output(new ProcessBuilder(command).redirectError(ProcessBuilder.Redirect.DISCARD));
+    }
+
+    /** Certificates that a deletion could take for another, and one that cannot be parsed. */
+    @Test
+    void othersCertificates() throws Exception {
+        KeyStore store = begin();
+        X509Certificate first = (X509Certificate) chain("a-by-ca")[0];
+        X509Certificate second = (X509Certificate) chain("again-by-ca")[0];
+        write(first, new byte[] {9}, new byte[] {1}, "alike"); // is not found by its number
+        write(second, new byte[0], new byte[] {1}, "alike");
+        store.load(null, null);
+        for (String alias : Collections.list(store.aliases())) {
+            if (first.equals(store.getCertificate(alias)) && alias.startsWith("alike/")) {
+                assertFails("does not find", each -> each.deleteEntry(alias), store);
+            }
+        }
+
+        X509Certificate ca = (X509Certificate) chain("ca")[0];
+        byte[] number = ca.getSerialNumber().toByteArray();
+        byte[] name = ca.getSubjectX500Principal().getEncoded();
+        SoftTokenTest.assertOk(Smartcard.writeCertificateDLL(0, new byte[] {1}, name, name, number,
+                sha1(ca.getEncoded()), "ca".getBytes()));
+        assertFails("another certificate", CHANGES.get("replace certificate"), store);
+        assertFails("another certificate", CHANGES.get("delete certificate"), store);
+        SoftTokenTest.assertOk(
+                Smartcard.writeCertificateDLL(0, new byte[] {1}, name, name, number, idOf("a-by-ca"), LABEL));
+        store.deleteEntry("a"); // although what cannot be parsed has its ID
+        assertFalse(contents().contains("prv"), contents());
+
+        write((X509Certificate) chain("other")[0], new byte[0], new byte[] {7}, "same");
+        Map<String, String> before = objects();
+        store.setCertificateEntry("same", chain("other")[0]);
+        assertEquals(before, objects());
+    }
+
+    /** A KeyStore that was loaded from another token, as after a change of cards. */
+    @Test
+    void anotherToken() throws Exception {
+        KeyStore store = begin();
+        Smartcard.finalizeDLL();
+        SoftTokenTest.useTokens(Files.createDirectory(folder.resolve("others")));
+        SoftTokenTest.output(new ProcessBuilder("softhsm2-util", "--init-token", "--free", "--label", "Second",
+                "--so-pin", "12345678", "--pin", "1234"));
+        load();
+        for (String name : RESULTS.keySet()) {
+            assertTrue(failure(name, store).contains("\"First\""), name);
+        }
+        SoftTokenTest.useTokens(tokens);
     }
 
     private static void write(X509Certificate certificate, byte[] serialNumber, byte[] id, String label)
@@ -355,7 +524,9 @@ class KeyStoreChangeTest {
         provider.logout();
         assertTrue(KeyStore.Builder.newInstance("Smartcard", provider,
                 new KeyStore.CallbackHandlerProtection(handler)).getKeyStore().isKeyEntry("a"));
-        assertEquals(List.of(), pins);
+        KeyStore.Builder.newInstance("Smartcard", provider, new KeyStore.CallbackHandlerProtection(handler))
+                .getKeyStore();
+        assertEquals(List.of(), pins); // and nobody was asked while logged in
         SmartcardProvider unconfigured = new SmartcardProvider();
         assertThrows(LoginException.class, () -> unconfigured.login(null, handler));
         assertThrows(LoginException.class, unconfigured::logout);
