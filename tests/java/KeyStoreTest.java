@@ -1,6 +1,8 @@
 import static org.junit.jupiter.api.Assertions.*;
 
 import com.calvenhor.vork.utils.*;
+import com.calvenhor.vork.utils.testing.FaultyModule;
+import com.calvenhor.vork.utils.testing.FaultyModule.Removal;
 import java.io.*;
 import java.math.BigInteger;
 import java.net.Socket;
@@ -18,11 +20,10 @@ import org.junit.jupiter.api.*;
 import org.junit.jupiter.api.function.Executable;
 import org.junit.jupiter.api.io.TempDir;
 
-/** The KeyStore: on tokens that another maker's tool has filled, and on the mock module for what goes wrong. */
+/** The KeyStore: on tokens that another maker's tool has filled, whose module fails as ordered, and on the mock. */
 class KeyStoreTest {
     private static final String MODULE = System.getProperty("softhsm2");
     private static final String MOCK = System.getProperty("mock");
-    private static final String OTHER = System.getProperty("other");
     private static final String JDK = System.getProperty("java.home") + "/bin/";
     private static final byte[] DATA = "a document".getBytes();
 
@@ -67,8 +68,10 @@ class KeyStoreTest {
     static Path folder;
 
     private static long slot; // of the first token
-    private static String first; // MODULE#SLOT
-    private static String second;
+
+    private final FaultyModule module = FaultyModule.before(MODULE);
+    private final String first = module.path() + "#" + slot;
+    private final String second = module.path() + "#" + (1 - slot);
 
     @BeforeAll
     static void fillTokens() throws Exception {
@@ -76,8 +79,6 @@ class KeyStoreTest {
         run("bash", "-eo", "pipefail", "-c", FILL);
         assertEquals(0, Smartcard.initDLL(MODULE));
         slot = new String(Smartcard.readCardLabelDLL(0)).startsWith("First") ? 0 : 1;
-        first = MODULE + "#" + slot;
-        second = MODULE + "#" + (1 - slot);
     }
 
     @BeforeEach
@@ -86,6 +87,12 @@ class KeyStoreTest {
         SoftTokenTest.useTokens(folder.resolve("tokens"));
         MockTest.reset();
         Security.removeProvider("Smartcard");
+    }
+
+    @AfterEach
+    void close() {
+        Smartcard.finalizeDLL();
+        module.close();
     }
 
     private static String run(String... words) throws Exception {
@@ -138,13 +145,13 @@ class KeyStoreTest {
         return verifies("SHA256withRSA", store.getCertificate(alias), sign(store, alias));
     }
 
-    /** The code that a load, or a signature, fails with. */
-    private static long code(Executable step) {
+    /** Fails a load, or a signature, with this code and this advice. */
+    private static void assertCode(long code, String advice, Executable step) {
         Exception failure = assertThrows(Exception.class, step);
         Throwable cause = failure instanceof SignatureException ? failure.getCause() : failure;
-        SmartcardException told = assertInstanceOf(SmartcardException.class, cause, failure::toString);
-        assertTrue(told.getMessage().contains("(0x" + Long.toHexString(told.code()) + ")"), told.getMessage());
-        return told.code();
+        assertEquals(code, assertInstanceOf(SmartcardException.class, cause, failure::toString).code(), advice);
+        String told = "(0x" + Long.toHexString(code) + ")" + (advice.isEmpty() ? "" : "; " + advice);
+        assertTrue(cause.getMessage().contains(told), cause.getMessage());
     }
 
     private static void assertFails(Class<? extends Exception> expected, String sentence, Executable step) {
@@ -392,20 +399,19 @@ class KeyStoreTest {
         assertTrue(alias.matches("x/01234567/[0-9a-f]{8}"), alias);
         assertTrue(signs(store, alias));
 
+        Smartcard.logoutDLL(slot);
+        module.takeCalls();
         for (String altered : List.of("1😀", "1\0", "1\uD83D")) {
-            fillMock();
-            assertWrongPin(0xA1, MOCK, altered);
-            assertFalse(MockTest.takeCalls().contains("C_Login"), altered);
+            assertWrongPin(0xA1, first, altered);
+            assertFalse(module.takeCalls().contains("C_Login"), altered);
         }
-        assertWrongPin(0xA0, MOCK, "2");
-        MockTest.failAt("C_Login", 1, 0xA2);
-        assertWrongPin(0xA2, MOCK, "1");
-        for (String row : List.of("10000 a wrong PIN was entered before", "30000 one try", "70000 locked")) {
-            MockTest.setTokenFlags(0x40D | Long.parseLong(row.substring(0, 5), 16));
-            assertFails(SmartcardException.class, row.substring(6), () -> load(MOCK, "2"));
+        module.fail("C_Login", 1, 0xA2);
+        assertWrongPin(0xA2, first, "1234");
+        module.tries(slot, 3);
+        for (String told : List.of("a wrong PIN was entered before", "one try is left", "the PIN is locked")) {
+            assertCode(0xA0, told, () -> load(first, "4321"));
         }
-        MockTest.failAt("C_Login", 1, 0xA4);
-        assertNull(assertThrows(SmartcardException.class, () -> load(MOCK, "1")).getCause()); // locked, not wrong
+        assertNull(assertThrows(SmartcardException.class, () -> load(first, "1234")).getCause()); // locked, not wrong
     }
 
     private static void assertWrongPin(long code, String argument, String pin) {
@@ -416,47 +422,43 @@ class KeyStoreTest {
 
     @Test
     void logins() throws Exception {
-        fillMock("mock", "X");
         assertLoads(null, false, "C_OpenSession");
-        assertLoads("", false, "");
-        assertLoads("1", true, "C_Login");
-        assertLoads("not needed", true, "");
-        Smartcard.logoutDLL(0);
-        MockTest.setTokenFlags(0x50D); // with a PIN pad
+        assertLoads("", false);
+        assertLoads("1234", true, "C_Login");
+        assertLoads("not needed", true);
+        Smartcard.logoutDLL(slot);
+        module.pinPad(slot, "1234");
         assertLoads(null, true, "C_Login");
-        assertLoads(null, true, "");
-        Smartcard.logoutDLL(0);
-        Smartcard.loginDLL(0, "1", 0); // as security officer
-        assertEquals(0x100, code(() -> load(MOCK, "1")));
+        assertLoads(null, true);
+        Smartcard.logoutDLL(slot);
+        Smartcard.loginDLL(slot, "12345678", 0); // as security officer
+        assertCode(0x104, "", () -> load(first, "1234"));
     }
 
-    private static void assertLoads(String pin, boolean withKey, String calls) throws Exception {
-        MockTest.takeCalls();
-        assertEquals(withKey, load(MOCK, pin).isKeyEntry("X"));
-        assertEquals(calls, MockTest.takeCalls().replaceAll("\\b(?!C_Login|C_OpenSession)\\w+", "").strip());
+    private void assertLoads(String pin, boolean withKey, String... calls) throws Exception {
+        module.takeCalls();
+        assertEquals(withKey, load(first, pin).isKeyEntry("Köy"));
+        assertEquals(List.of(calls), module.takeCalls().stream().filter(Set.of("C_OpenSession", "C_Login")::contains)
+                .toList());
     }
 
     @Test
     void modules() throws Exception {
-        fillMock("mock", "X");
-        assertFails(IOException.class, "no module is bound", () -> load("0", "1"));
-        assertEquals(1, load(MOCK, "1").size());
-        Smartcard.finalizeDLL();
-        Smartcard.initDLL(OTHER); // its PIN is 1234
-        Smartcard.openSessionDLL(0);
-        for (String argument : List.of(MOCK, MOCK + "#0")) {
+        assertFails(IOException.class, "no module is bound", () -> load("" + slot, "1234"));
+        Smartcard.initDLL(MODULE);
+        Smartcard.openSessionDLL(slot);
+        for (String argument : List.of(module.path(), first)) {
             assertFails(IOException.class, "another module", () -> load(argument, "1234"));
         }
-        assertEquals(2, Smartcard.getSessionInfoDLL(0)[0]); // public: the PIN went nowhere
-        load("0", "1234");
-        load(Files.createSymbolicLink(folder.resolve("link"), Path.of(OTHER)) + "#0", "1234");
-        assertEquals(3, Smartcard.getSessionInfoDLL(0)[0]);
+        assertEquals(2, Smartcard.getSessionInfoDLL(slot)[0]); // public: the PIN went nowhere
+        load("" + slot, "1234");
+        load(Files.createSymbolicLink(folder.resolve("link"), Path.of(MODULE)) + "#" + slot, "1234");
+        assertEquals(3, Smartcard.getSessionInfoDLL(slot)[0]);
         Smartcard.finalizeDLL();
 
         assertFails(IOException.class, "`ldd no such module`", () -> load("no such module", "1"));
         assertFails(IOException.class, "C_GetFunctionList", () -> load("libc.so.6", "1"));
-        assertFails(IOException.class, "no slot 1: the last is 0", () -> load(MOCK + "#1", "1"));
-        Smartcard.finalizeDLL();
+        assertFails(IOException.class, "no slot 3: the last is 2", () -> load(MODULE + "#3", "1234"));
         for (String label : List.of("First", "Second")) {
             assertFails(IOException.class, '"' + label + '"', () -> load(MODULE, "1234"));
         }
@@ -464,9 +466,8 @@ class KeyStoreTest {
 
     /** SoftHSM2 looks for its tokens only when it is initialised, and goes on with those that it found. */
     @Test
-    void tokensThatComeAndGo() throws Exception {
-        Path tokens = Files.createDirectory(folder.resolve("others"));
-        SoftTokenTest.useTokens(tokens);
+    void tokenThatIsNew() throws Exception {
+        SoftTokenTest.useTokens(Files.createDirectory(folder.resolve("others")));
         for (String argument : List.of(MODULE, MODULE + "#0")) {
             assertGone(argument);
         }
@@ -475,13 +476,6 @@ class KeyStoreTest {
             assertGone(argument);
         }
         assertFails(IOException.class, "the last is 0; a slot that is newer", () -> load(MODULE + "#1", "1234"));
-        Smartcard.finalizeDLL();
-        load(MODULE, "1234");
-        Path token = tokens.resolve(tokens.toFile().list()[0]);
-        Files.move(token, folder.resolve("away"));
-        assertGone(MODULE + "#0");
-        Files.move(folder.resolve("away"), token);
-        assertGone(MODULE + "#0");
         Smartcard.finalizeDLL();
         load(MODULE, "1234");
     }
@@ -497,7 +491,7 @@ class KeyStoreTest {
         PrivateKey old = key(store, "Köy");
         Map<String, Executable> losses = Map.of("(0xb3); insert the card", () -> Smartcard.closeSessionDLL(slot),
                 "(0x190); no module is bound", Smartcard::finalizeDLL, "(0xb3); the module was bound again",
-                () -> { Smartcard.finalizeDLL(); Smartcard.initDLL(MODULE); });
+                () -> { Smartcard.finalizeDLL(); Smartcard.initDLL(module.path()); });
         for (String told : losses.keySet()) {
             losses.get(told).execute();
             assertFails(SignatureException.class, told, () -> sign(store, "Köy"));
@@ -507,47 +501,41 @@ class KeyStoreTest {
                 assertTrue(verifies("SHA256withRSA", store.getCertificate("Köy"), signed));
             }
         }
-
-        fillMock("mock", "X");
-        KeyStore away = load(MOCK, "1");
-        Smartcard.closeSessionDLL(0);
-        MockTest.failAt("C_OpenSession", 1, 0xE0);
-        assertEquals(0xE0, code(() -> away.load(null, "1".toCharArray())));
-        assertEquals(0xB3, code(() -> sign(away, "X")));
-        away.load(null, "1".toCharArray());
-        assertSignsOnMock(away);
     }
 
-    /** There is no cryptography there: the signature is refused, but made. */
-    private static void assertSignsOnMock(KeyStore store) {
-        assertFails(SignatureException.class, "do not belong together", () -> sign(store, "X"));
-    }
-
-    /** Where a card that was out is noticed late, as by OpenSC, however it is named. */
+    /** However the token is named, and however its module takes it. */
     @Test
     void cardThatComesBack() throws Exception {
-        for (String argument : List.of(MOCK, MOCK + "#0", "0")) {
-            fillMock("mock", "X");
-            MockTest.noticeLate();
-            Smartcard.initDLL(MOCK);
-            KeyStore store = load(argument, "1");
-            assertSignsOnMock(store);
-            for (boolean isTried : new boolean[] {false, true}) {
-                MockTest.setCard(false);
-                assertFails(SignatureException.class, "(0x32); insert the card", () -> sign(store, "X"));
-                if (isTried) {
-                    assertEquals(0xE0, code(() -> store.load(null, "1".toCharArray())));
+        Smartcard.initDLL(module.path());
+        assertFails(IOException.class, "several tokens", () -> load(module.path(), "1234"));
+        module.fail("C_GetTokenInfo", 2, 0x30); // one that is there but cannot be asked
+        assertFails(IOException.class, "several tokens", () -> load(module.path(), "1234"));
+        module.remove(1 - slot, Removal.CACHED); // so that the first is the only one
+        for (Removal removal : Removal.values()) {
+            for (String argument : List.of(module.path(), first, "" + slot)) {
+                KeyStore store = load(argument, "1234");
+                for (boolean isTried : new boolean[] {false, true}) {
+                    assertTrue(signs(store, "Köy"));
+                    module.remove(slot, removal);
+                    if (removal == Removal.EMPTY) {
+                        assertCode(0x82, "", () -> sign(store, "Köy"));
+                        Smartcard.logoutDLL(slot);
+                        assertGone(argument);
+                        module.insert(slot);
+                        assertGone(argument);
+                        Smartcard.finalizeDLL();
+                        Smartcard.initDLL(module.path());
+                    } else {
+                        assertCode(0x32, "insert the card if it is out", () -> sign(store, "Köy"));
+                        if (isTried) {
+                            assertGone(argument);
+                        }
+                        module.insert(slot);
+                    }
+                    store.load(null, "1234".toCharArray());
                 }
-                MockTest.setCard(true);
-                store.load(null, "1".toCharArray());
-                assertSignsOnMock(store);
             }
         }
-        Smartcard.finalizeDLL();
-        MockTest.addSlot();
-        assertFails(IOException.class, "several tokens", () -> load(MOCK, "2"));
-        MockTest.setCard(false);
-        load(MOCK, "2");
     }
 
     /** A handle that was the first slot's is the second's now: no PIN goes there. */
@@ -559,18 +547,6 @@ class KeyStoreTest {
         load(MOCK + "#0", "1");
         assertEquals(3, Smartcard.getSessionInfoDLL(0)[0]);
         assertEquals(2, Smartcard.getSessionInfoDLL(1)[0]); // public
-
-        MockTest.failAt("C_GetTokenInfo", 1, 0x30); // one that is there but cannot be asked
-        assertFails(IOException.class, "several tokens", () -> load(MOCK, "1"));
-
-        // Also if it reads like the slot that was the first one before the application bound the module again.
-        Smartcard.finalizeDLL();
-        MockTest.renumberSlots();
-        Smartcard.initDLL(MOCK);
-        reuseHandleOfFirst();
-        load(MOCK + "#0", "2");
-        assertEquals(3, Smartcard.getSessionInfoDLL(0)[0]);
-        assertEquals(2, Smartcard.getSessionInfoDLL(1)[0]);
     }
 
     private static void reuseHandleOfFirst() {
@@ -594,19 +570,15 @@ class KeyStoreTest {
         assertOpens(0, "1", "2");
 
         reuseHandleOfFirst();
-        MockTest.setCard(false); // so that the handle cannot be the first slot's
         for (int load = 0; load < 2; load++) {
-            assertOpens(1, "1", null); // refused
+            MockTest.failAt("C_OpenSession", 1, 0xE0); // without a card, the handle cannot be the first slot's
+            assertOpens(1, "1", null);
         }
-        MockTest.setCard(true);
 
         // Where a user is logged in already, no PIN is refused that would show it.
-        Smartcard.finalizeDLL();
-        MockTest.renumberSlots();
-        Smartcard.initDLL(MOCK);
         reuseHandleOfFirst();
-        assertEquals(0, Smartcard.loginDLL(1, "1", 1));
-        assertOpens(2, "0", "2");
+        assertEquals(0, Smartcard.loginDLL(1, "2", 1));
+        assertOpens(2, "0", "1");
         assertEquals(3, Smartcard.getSessionInfoDLL(0)[0]);
         assertNotEquals(Smartcard.getSessionInfoDLL(1)[2], Smartcard.getSessionInfoDLL(0)[2]);
     }
@@ -620,40 +592,36 @@ class KeyStoreTest {
     @Test
     void codes() throws Throwable {
         for (String row : """
-                load C_GetFunctionList 1 30    30
-                load C_Initialize      1 191   191
-                load C_OpenSession     1 180000123 180000123
-                load C_Login           1 100   100
-                load C_FindObjectsInit 1 101   101
-                load C_FindObjectsInit 2 5     5
+                load C_GetFunctionList 1 30 30
+                load C_Initialize 1 191 191 something else in the process uses the module
+                load C_OpenSession 1 180000123 180000123
+                load C_OpenSession 1 32 32 insert the card; if it is in
+                load C_OpenSession 1 e1 e1 insert the card; if it is in
+                load C_Login 1 100 100
+                load C_FindObjectsInit 1 101 101
+                load C_FindObjectsInit 2 5 5
                 load C_GetAttributeValue 2 200 200
-                load C_GetAttributeValue 4 200 200
-                sign C_Sign            1 32    32
-                sign C_Sign            1 101   101
-                sign C_Sign            1 e0    e0
-                sign C_FindObjects     1 30    30
-                sign C_FindObjects     1 100   82
+                load C_GetAttributeValue 20 200 200
+                sign C_Sign 1 101 101 a key that wants a PIN each time
+                sign C_Sign 1 e0 e0 insert the card if it is out
+                sign C_SignInit 1 68 91 C_SignInit failed
+                sign C_FindObjects 1 30 30
+                sign C_FindObjects 1 100 82
                 """.lines().toList()) {
-            String[] cells = row.split(" +");
-            fillMock("mock", "X");
-            KeyStore store = cells[0].equals("sign") ? load(MOCK, "1") : null;
-            MockTest.failAt(cells[1], Integer.parseInt(cells[2]), Long.parseLong(cells[3], 16));
-            Executable step = store == null ? () -> load(MOCK, "1") : () -> sign(store, "X");
-            assertEquals(Long.parseLong(cells[4], 16), code(step), row);
+            String[] cells = row.split(" ", 6);
+            Smartcard.finalizeDLL();
+            KeyStore store = cells[0].equals("sign") ? load(first, "1234") : null;
+            module.fail(cells[1], Integer.parseInt(cells[2]), Long.parseLong(cells[3], 16));
+            assertCode(Long.parseLong(cells[4], 16), cells.length > 5 ? cells[5] : "",
+                    store == null ? () -> load(first, "1234") : () -> sign(store, "Köy"));
         }
         // The session is asked first, and tells more than 8 bits.
-        fillMock("mock", "X");
-        KeyStore store = load(MOCK, "1");
-        MockTest.failAt("C_Sign", 1, 5);
-        MockTest.failAt("C_GetSessionInfo", 1, 0x1_8000_0123L);
-        assertEquals(0x1_8000_0123L, code(() -> sign(store, "X")));
-        Smartcard.logoutDLL(0);
-        assertEquals(0x101, code(() -> sign(store, "X")));
-        load(MOCK, "1");
-        MockTest.failAt("C_SignInit", 1, 0x68);
-        assertFails(SignatureException.class, "the key may not sign", () -> sign(store, "X"));
-        Smartcard.deletePrivateKeyDLL(0, "mock".getBytes());
-        assertEquals(0x82, code(() -> sign(store, "X")));
+        KeyStore store = load(first, "1234");
+        module.fail("C_Sign", 1, 5);
+        module.fail("C_GetSessionInfo", 1, 0x1_8000_0123L);
+        assertCode(0x1_8000_0123L, "insert the card if it is out", () -> sign(store, "Köy"));
+        Smartcard.logoutDLL(slot);
+        assertCode(0x101, "load the KeyStore with the PIN", () -> sign(store, "Köy"));
         assertEquals("CKR_PIN_INCORRECT", SmartcardException.nameOf(0xA0));
         assertEquals("0x80000001", SmartcardException.nameOf(0x8000_0001L));
     }
@@ -661,18 +629,17 @@ class KeyStoreTest {
     @Test
     void badInput() throws Exception {
         Provider provider = new SmartcardProvider();
-        for (String argument : List.of("", "#0", MOCK + "#", MOCK + "#-1", MOCK + "#x", MOCK + "#9999999999")) {
+        for (String argument : List.of("", "#0", MODULE + "#", MODULE + "#-1", MODULE + "#x", MODULE + "#9999999999")) {
             assertFails(InvalidParameterException.class, "expected MODULE", () -> provider.configure(argument));
         }
         assertThrows(NullPointerException.class, () -> provider.configure(null));
-        assertTrue(!provider.isConfigured() && provider.configure(MOCK).isConfigured());
+        assertTrue(!provider.isConfigured() && provider.configure(MODULE).isConfigured());
         assertFails(IOException.class, "configure",
                 () -> KeyStore.getInstance("Smartcard", provider).load(null, null));
 
-        fillMock("mock", "X");
-        assertThrows(KeyStoreException.class, () -> store(MOCK).aliases());
-        assertFails(IOException.class, "null", () -> store(MOCK).load(InputStream.nullInputStream(), null));
-        KeyStore store = load(MOCK, "1");
+        assertThrows(KeyStoreException.class, () -> store(first).aliases());
+        assertFails(IOException.class, "null", () -> store(first).load(InputStream.nullInputStream(), null));
+        KeyStore store = load(first, "1234");
         for (String alias : new String[] {null, "x"}) {
             assertFalse(store.containsAlias(alias) || store.isKeyEntry(alias) || store.isCertificateEntry(alias));
             assertNull(store.getKey(alias, null));
