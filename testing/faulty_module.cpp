@@ -146,12 +146,13 @@ CK_RV answer(Of<kC_Login>, const Call& call, CK_SESSION_HANDLE session, CK_USER_
   const bool isUser = user != CKU_SO;
   std::string entered;
   std::unique_lock lock(state.mutex);
-  if (call.passesForEmpty()) {
+  if (call.slot() && call.card().removal != Removal::kStandard) {  // a login is not asked of the card twice
+    const CK_RV refusal = call.passesForEmpty() ? CKR_GENERAL_ERROR : CKR_DEVICE_REMOVED;
     lock.unlock();
     CK_SESSION_INFO info{};
     state.genuine->C_GetSessionInfo(session, &info);
     const bool isPublic = info.state == CKS_RO_PUBLIC_SESSION || info.state == CKS_RW_PUBLIC_SESSION;
-    return isPublic ? CKR_GENERAL_ERROR : CKR_USER_ALREADY_LOGGED_IN;
+    return isPublic ? refusal : CKR_USER_ALREADY_LOGGED_IN;
   }
   if (call.slot()) {
     const Slot& slot = call.card();

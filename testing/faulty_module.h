@@ -45,7 +45,7 @@ constexpr unsigned kSession = 4;  // its first argument is a session
   F(C_SetOperationState, kSession, CKR_OK)                            \
   F(C_InitPIN, kSession | kCard, CKR_GENERAL_ERROR)                   \
   F(C_SetPIN, kSession | kCard, CKR_GENERAL_ERROR)                    \
-  F(C_Login, kSession | kCard, CKR_OK)                                \
+  F(C_Login, kSession, CKR_OK)                                        \
   F(C_Logout, kSession | kCard, CKR_OK)                               \
   F(C_CreateObject, kSession | kCard, CKR_GENERAL_ERROR)              \
   F(C_CopyObject, kSession | kCard, CKR_OBJECT_HANDLE_INVALID)        \

@@ -61,7 +61,8 @@ public final class FaultyModule implements AutoCloseable {
         /**
          * As OpenSC does, which asks the reader in {@code C_GetSlotInfo} only. Until the application calls that for the
          * slot, the token's data, sessions, searches and attributes are returned as before, and calls that need the card
-         * (login, signing, writing) return CKR_DEVICE_REMOVED (0x32). From then on it is as in {@link #STANDARD}; where
+         * (login, signing, writing) return CKR_DEVICE_REMOVED (0x32); a login while logged in is
+         * CKR_USER_ALREADY_LOGGED_IN (0x100) as before. From then on it is as in {@link #STANDARD}; where
          * a card is back already, the sessions are lost all the same.
          */
         CACHED
