@@ -202,16 +202,13 @@ CK_FUNCTION_LIST functions() {
   FUNCTION(Initialize, "%p", [](CK_ULONG) {
     require(state.initializations == 0 || state.acceptsSecondInitialize, CKR_CRYPTOKI_ALREADY_INITIALIZED);
     ++state.initializations;
-    for (auto& slot : state.slots) state.notice(slot);
   });
   FUNCTION(Finalize, "%p", [](CK_ULONG) {});
 
   FUNCTION(GetSlotList, "tokenPresent %u, %R",
            [](CK_ULONG, auto* ids, auto* count) { handOut(state.slots, ids, count, &Slot::id); });
   FUNCTION(GetSlotInfo, "slot %x", [](CK_ULONG id, auto* info) {
-    Slot& slot = pick(state.slots, &Slot::id, id, CKR_SLOT_ID_INVALID);
-    state.notice(slot);
-    *info = slot.info;
+    *info = pick(state.slots, &Slot::id, id, CKR_SLOT_ID_INVALID).info;
   });
   FUNCTION(GetTokenInfo, "slot %x", [](Slot& slot, auto* info) { *info = slot.token; });
   FUNCTION(GetMechanismList, "slot %x, %R", [](Slot& slot, auto* types, auto* count) {
@@ -267,7 +264,6 @@ CK_FUNCTION_LIST functions() {
           });
 
   SESSION(CreateObject, ", %T", [](Session& session, auto* attributes, auto count, auto* object) {
-    require(session.slot->moves.empty(), CKR_DEVICE_REMOVED);
     *object = create(session, attributesIn(attributes, count));
   });
   SESSION(DestroyObject, ", object %o", [](Session& session, auto object) {
@@ -321,7 +317,6 @@ CK_FUNCTION_LIST functions() {
   SESSION(Sign, ", data %B, at %a, room %r",
           [](Session& session, auto* data, auto length, auto* signature, auto* room) {
             require(session.signingKey.has_value(), CKR_OPERATION_NOT_INITIALIZED);
-            require(session.slot->moves.empty(), CKR_DEVICE_REMOVED);
             require(data != nullptr, CKR_ARGUMENTS_BAD);
             const Bytes value = objectOf(session, *session.signingKey).sign(Bytes(view(data, length)));
             require(length + 11 <= value.size(), CKR_DATA_LEN_RANGE);  // the padding's least

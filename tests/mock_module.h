@@ -58,7 +58,6 @@ struct Slot {
   std::string soPin = "12345678";
   std::vector<Object> objects;  // searches yield them in this order
   std::optional<CK_USER_TYPE> login;
-  std::vector<bool> moves;  // of the card, each in (true) or out, that the module has not noticed yet
 
   explicit Slot(CK_SLOT_ID number = 0, CK_FLAGS flags = 0)
       : id(number), info{"Mock reader with a description of more than 32 bytes", "", flags, {}, {}} {
@@ -98,10 +97,6 @@ struct Module {
   bool acceptsSecondInitialize = false;  // answers CKR_OK; the module ends at the C_Finalize for the first
   int initializations = 0;
 
-  // OpenSC's way: that a card left is noticed by C_GetSlotInfo and C_Initialize alone. Until then it seems to
-  // be in, with its sessions, and only C_Sign and C_CreateObject fail.
-  bool noticesLate = false;
-
   bool overwritesConstants = false;  // the flags and numbers in every template that it is given
 
   // The first holds a token, the second is empty. Not to be resized while a session is open.
@@ -134,16 +129,6 @@ struct Module {
   /// for a buffer that is too small, C_Sign.
   void failAt(const std::string& name, std::size_t nth, CK_RV code) {
     faults[{name, calls[name] + nth}] = code;
-  }
-
-  /// A card that leaves ends the sessions of its slot.
-  void notice(Slot& slot) {
-    for (const bool in : std::exchange(slot.moves, {})) {
-      slot.info.flags = in ? CKF_TOKEN_PRESENT : 0;
-      if (in) continue;
-      std::erase_if(sessions, [&](const Session& session) { return session.slot == &slot; });
-      slot.login.reset();
-    }
   }
 
   CK_OBJECT_HANDLE addObject(Slot& slot, Attributes attributes) {

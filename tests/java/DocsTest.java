@@ -1,6 +1,8 @@
 import static org.junit.jupiter.api.Assertions.*;
 
 import com.calvenhor.vork.utils.*;
+import com.calvenhor.vork.utils.testing.FaultyModule;
+import com.calvenhor.vork.utils.testing.FaultyModule.Removal;
 import java.io.IOException;
 import java.lang.reflect.Method;
 import java.net.*;
@@ -240,40 +242,37 @@ class DocsTest {
         assertTrue(signed.contains("jar verified."), signed);
     }
 
-    /** The mock's card asks for its PIN itself, and is noticed late as well, as by OpenSC. */
+    /** The table's columns that the software token does not show by itself. */
     @Test
-    void recipesWithAPinPad() throws Throwable {
-        for (int column : new int[] {2, 4}) {
-            beginWithAPinPad(column == 4);
-            MockTest.setCard(false);
-            assertAnswers(column);
-            beginWithAPinPad(column == 4);
-            assertWatched(MOCK, "0123456789abcdef".getBytes(), "not asked for", () -> MockTest.setCard(false), () -> {
-                MockTest.setCard(true);
-                MockTest.failAt("C_OpenSession", 1, 0xE0); // not ready yet
-            }, () -> {
-                synchronized (Smartcard.class) { // the mock is everybody's
-                    MockTest.takeCalls();
-                    MockTest.setCard(false);
-                    MockTest.setCard(true);
-                }
-                String calls = "";
-                for (int i = 0; i < 200 && !calls.contains("C_Login"); i++) {
-                    Thread.sleep(50);
-                    synchronized (Smartcard.class) {
-                        calls += MockTest.takeCalls();
-                    }
-                }
-                assertTrue(calls.contains("C_Login"), calls);
-            });
-        }
+    void recipesWithAPinPad(@TempDir Path folder) throws Throwable {
+        assertRecipesWork(Removal.STANDARD, 2, Files.createDirectory(folder.resolve("standard")));
+        assertRecipesWork(Removal.CACHED, 4, Files.createDirectory(folder.resolve("cached")));
     }
 
-    private static void beginWithAPinPad(boolean noticesLate) {
-        MockTest.begin();
-        MockTest.setTokenFlags(0x500); // CKF_PROTECTED_AUTHENTICATION_PATH, CKF_TOKEN_INITIALIZED
-        if (noticesLate) {
-            MockTest.noticeLate();
+    private static void assertRecipesWork(Removal removal, int column, Path folder) throws Throwable {
+        try (FaultyModule module = FaultyModule.before(MODULE)) {
+            SoftTokenTest.createToken(module.path(), folder);
+            byte[] id = (byte[]) MockTest.arguments(NATIVES.get("signWithIDDLL"))[2];
+            Smartcard.generateKeyPairDLL(0, 1024, SoftTokenTest.EXPONENT, id, id);
+            byte[] serialNumber = Smartcard.readCardSerialNumberDLL(0);
+            module.pinPad(0, SoftTokenTest.PIN);
+            module.remove(0, removal);
+            assertAnswers(column);
+            module.insert(0);
+            assertWatched(module.path(), serialNumber, "not asked for", () -> module.remove(0, removal), () -> {
+                module.insert(0);
+                module.fail("C_OpenSession", 1, 0xE0); // not ready yet
+            }, () -> {
+                synchronized (Smartcard.class) {
+                    module.remove(0, removal);
+                    module.insert(0);
+                    module.takeCalls();
+                }
+                for (int i = 0; i < 200 && !module.takeCalls().contains("C_Login"); i++) {
+                    Thread.sleep(50);
+                }
+            });
+            Smartcard.finalizeDLL();
         }
     }
 

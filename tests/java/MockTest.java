@@ -31,20 +31,8 @@ class MockTest {
     /** A second slot, with a token whose PIN is "2". Not while bound. */
     static native void addSlot();
 
-    /** Lists the slots in the opposite order from the next bind on. Not while bound. */
-    static native void renumberSlots();
-
     /** Gives the handles of earlier sessions, all closed, to the next ones. */
     static native void reuseHandles();
-
-    /** Such as 0x100, CKF_PROTECTED_AUTHENTICATION_PATH. */
-    static native void setTokenFlags(long flags);
-
-    /** Puts the card into the first slot, or takes it out, which ends its sessions. */
-    static native void setCard(boolean there);
-
-    /** OpenSC's way: setCard shows once getSlotInfoDLL is asked; until then only what needs the card itself fails. */
-    static native void noticeLate();
 
     /** Forgets what was called, and tells by which functions, with a blank between two. */
     static native String takeCalls();

@@ -17,26 +17,10 @@ JNIEXPORT void JNICALL Java_MockTest_failAt(JNIEnv* env, jclass, jstring functio
   env->ReleaseStringUTFChars(function, name);
 }
 
-JNIEXPORT void JNICALL Java_MockTest_setTokenFlags(JNIEnv*, jclass, jlong flags) {
-  mockModule()->slots[0].token.flags = static_cast<CK_FLAGS>(flags);
-}
-
-JNIEXPORT void JNICALL Java_MockTest_setCard(JNIEnv*, jclass, jboolean there) {
-  mock::Slot& slot = mockModule()->slots[0];
-  slot.moves.push_back(there);
-  if (!mockModule()->noticesLate || slot.info.flags == 0) mockModule()->notice(slot);
-}
-
-JNIEXPORT void JNICALL Java_MockTest_noticeLate(JNIEnv*, jclass) { mockModule()->noticesLate = true; }
-
 JNIEXPORT void JNICALL Java_MockTest_addSlot(JNIEnv*, jclass) {
   mock::Slot second(0x22, CKF_TOKEN_PRESENT);
   second.userPin = "2";
   mockModule()->slots.push_back(second);
-}
-
-JNIEXPORT void JNICALL Java_MockTest_renumberSlots(JNIEnv*, jclass) {
-  std::ranges::reverse(mockModule()->slots);
 }
 
 JNIEXPORT void JNICALL Java_MockTest_reuseHandles(JNIEnv*, jclass) {
