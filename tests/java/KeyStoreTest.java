@@ -83,7 +83,6 @@ class KeyStoreTest {
 
     @BeforeEach
     void startAnew() throws Exception {
-        Smartcard.finalizeDLL();
         SoftTokenTest.useTokens(folder.resolve("tokens"));
         MockTest.reset();
         Security.removeProvider("Smartcard");
@@ -512,25 +511,23 @@ class KeyStoreTest {
         assertFails(IOException.class, "several tokens", () -> load(module.path(), "1234"));
         module.remove(1 - slot, Removal.CACHED); // so that the first is the only one
         for (Removal removal : Removal.values()) {
+            boolean isEmpty = removal == Removal.EMPTY;
             for (String argument : List.of(module.path(), first, "" + slot)) {
                 KeyStore store = load(argument, "1234");
                 for (boolean isTried : new boolean[] {false, true}) {
                     assertTrue(signs(store, "Köy"));
                     module.remove(slot, removal);
-                    if (removal == Removal.EMPTY) {
-                        assertCode(0x82, "", () -> sign(store, "Köy"));
-                        Smartcard.logoutDLL(slot);
+                    assertCode(isEmpty ? 0x82 : 0x32, isEmpty ? "" : "insert the card if it is out",
+                            () -> sign(store, "Köy"));
+                    if (isTried) {
+                        Smartcard.logoutDLL(slot); // which makes the PIN necessary
                         assertGone(argument);
-                        module.insert(slot);
+                    }
+                    module.insert(slot);
+                    if (isEmpty) { // until it is bound again
                         assertGone(argument);
                         Smartcard.finalizeDLL();
                         Smartcard.initDLL(module.path());
-                    } else {
-                        assertCode(0x32, "insert the card if it is out", () -> sign(store, "Köy"));
-                        if (isTried) {
-                            assertGone(argument);
-                        }
-                        module.insert(slot);
                     }
                     store.load(null, "1234".toCharArray());
                 }
@@ -576,6 +573,8 @@ class KeyStoreTest {
         }
 
         // Where a user is logged in already, no PIN is refused that would show it.
+        Smartcard.finalizeDLL();
+        Smartcard.initDLL(MOCK);
         reuseHandleOfFirst();
         assertEquals(0, Smartcard.loginDLL(1, "2", 1));
         assertOpens(2, "0", "1");
