@@ -272,6 +272,7 @@ faulty::State* faultyModuleBefore(const char* path, const char** unloadable) {
 }
 
 extern "C" __attribute__((visibility("default"))) CK_RV C_GetFunctionList(CK_FUNCTION_LIST** list) {
-  const auto get = faulty::state.list.C_GetFunctionList;
-  return get != nullptr ? get(list) : CKR_GENERAL_ERROR;
+  using namespace faulty;
+  if (state.genuine == nullptr) return CKR_GENERAL_ERROR;
+  return Forward<kC_GetFunctionList, &CK_FUNCTION_LIST::C_GetFunctionList>::function(list);
 }

@@ -73,6 +73,8 @@ class FaultyModuleTest {
             assertEquals(List.of(), other.takeCalls());
         }
         assertThrows(IllegalArgumentException.class, () -> module.fail("C_Sing", 1, 0x30));
+        assertThrows(NullPointerException.class, () -> module.fail(null, 1, 0x30));
+        assertThrows(NullPointerException.class, () -> FaultyModule.before(null));
         for (String wrong : List.of("/nowhere.so", "libc.so.6")) {
             assertTrue(assertThrows(UnsatisfiedLinkError.class, () -> FaultyModule.before(wrong)).getMessage()
                     .startsWith(wrong));

@@ -12,6 +12,7 @@ import java.time.Duration;
 import java.util.Arrays;
 import java.util.List;
 import java.util.Locale;
+import java.util.Objects;
 
 /**
  * A PKCS#11 module that passes every call on to a genuine one, and does to the application what cards do when a test
@@ -33,7 +34,8 @@ import java.util.Locale;
  * <h2>Slots</h2>
  * A slot is given by its index in the list of {@code C_GetSlotList(false)}, from 0. What is set for a slot holds before
  * {@code C_Initialize} as well, and across {@code C_Finalize}. An index that the genuine module does not have has no
- * effect; a negative one is an {@link IllegalArgumentException}.
+ * effect; a negative one is an {@link IllegalArgumentException}. {@code C_WaitForSlotEvent} reports the genuine module's
+ * events only.
  *
  * <h2>Threads</h2>
  * Any thread may call any method, while calls of the module are under way. No method waits for a call of the module.
@@ -97,6 +99,7 @@ public final class FaultyModule implements AutoCloseable {
      * @throws UncheckedIOException if no file can be created in {@code java.io.tmpdir}
      */
     public static FaultyModule before(String genuine) {
+        Objects.requireNonNull(genuine);
         Path file = copyOfLibrary(); // its own: the system loads a file once, and each module has a state
         try {
             file.toFile().deleteOnExit();
@@ -272,7 +275,7 @@ public final class FaultyModule implements AutoCloseable {
     }
 
     private static int indexOf(String function) {
-        int index = function(function);
+        int index = function(Objects.requireNonNull(function));
         require(index >= 0, "PKCS#11 2.40 has no function " + function);
         return index;
     }
