@@ -72,7 +72,8 @@ class CommandTest {
     }
 
     private void awaitLine(String pattern) throws IOException {
-        for (String line = out.readLine(); !line.matches(pattern); line = out.readLine()) {
+        for (String line = ""; !line.matches(pattern); ) {
+            line = out.readLine();
             assertNotNull(line, pattern);
         }
     }
@@ -127,6 +128,8 @@ class CommandTest {
         awaitLine("generate a key pair .*");
         ProcessHandle worker = worker();
         assertFalse(Files.readString(Path.of("/proc/" + worker.pid() + "/environ")).contains("SMARTCARD_PIN"));
+        assertTrue(Files.readString(Path.of("/proc/" + worker.pid() + "/limits")).matches(
+                "(?s).*Max core file size +0 +0 .*"));
         signal("SEGV", worker);
         assertEnds(11);
         Matcher told = Pattern.compile("the module crashed while: (.+); the report is in (.+)\n(?s:.*)"
@@ -191,6 +194,11 @@ class CommandTest {
         assertEnds(12);
         assertEquals("no answer for 5 s while: load and initialise the module\n", err());
         stopped.onExit().get(10, TimeUnit.SECONDS);
+
+        environment.put("P11_KIT_SERVER_ADDRESS", "|sh -c 'yes \"$(printf \"\\001noise\")\" >&2'");
+        run(12, "check", "--module", CLIENT, "--timeout", "3");
+        assertContains(err(), "no answer for 3 s while: ", "\1noise\n");
+        environment.put("P11_KIT_SERVER_ADDRESS", HANGS);
         for (String signal : List.of("INT", "KILL")) {
             start("check", "--module", CLIENT);
             awaitLine(CLIENT);

@@ -32,8 +32,12 @@ record Message(Kind kind, String text) {
 
     /** The message that a line ends with; null if there is none. */
     static Message in(String line) {
-        int mark = line.indexOf(MARK);
-        int blank = line.indexOf(' ', mark);
-        return mark < 0 ? null : new Message(Kind.valueOf(line.substring(mark + 1, blank)), line.substring(blank + 1));
+        int start = line.lastIndexOf(MARK) + 1; // a module may write the mark as well, no message has a second one
+        for (Kind kind : Kind.values()) {
+            if (start > 0 && line.startsWith(kind + " ", start)) {
+                return new Message(kind, line.substring(start + kind.name().length() + 1));
+            }
+        }
+        return null;
     }
 }

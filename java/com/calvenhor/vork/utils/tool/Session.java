@@ -47,9 +47,10 @@ final class Session {
     Session(Options options, boolean isOneOfMany) throws IOException {
         this.options = options;
         this.isOneOfMany = isOneOfMany;
-        List<String> command = new ArrayList<>(List.of(System.getProperty("java.home") + "/bin/java",
-                "--enable-native-access=ALL-UNNAMED",
-                "-XX:-CreateCoredumpOnCrash")); // a core dump would hold the PIN
+        // A core dump would hold the PIN. The option is for a crash, the limit for a module that aborts.
+        List<String> command = new ArrayList<>(List.of("sh", "-c", "ulimit -c 0; exec \"$@\"", "sh",
+                System.getProperty("java.home") + "/bin/java", "--enable-native-access=ALL-UNNAMED",
+                "-XX:-CreateCoredumpOnCrash"));
         for (String property : List.of("java.io.tmpdir", "java.library.path", "smartcard.library")) {
             if (System.getProperty(property) != null) {
                 command.add("-D" + property + '=' + System.getProperty(property));
@@ -87,7 +88,7 @@ final class Session {
         System.out.println(options.module());
         long end = endOfPatience();
         Optional<String> line;
-        while ((line = lines.poll(end - System.nanoTime(), TimeUnit.NANOSECONDS)) != null && line.isPresent()) {
+        while ((line = nextLine(end)) != null && line.isPresent()) {
             Message message = Message.in(line.get());
             if (message != null) {
                 receive(message);
@@ -101,6 +102,12 @@ final class Session {
         }
         kill();
         return failure(Main.NO_ANSWER, "no answer for " + options.timeout() + " s while: " + step);
+    }
+
+    /** Null at the end of patience, also where the module writes all the time. */
+    private Optional<String> nextLine(long end) throws InterruptedException {
+        long left = end - System.nanoTime();
+        return left > 0 ? lines.poll(left, TimeUnit.NANOSECONDS) : null;
     }
 
     private long endOfPatience() {
