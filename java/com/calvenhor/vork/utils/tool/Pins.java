@@ -31,11 +31,12 @@ final class Pins {
             }
             pin = new String(entered);
         }
-        // Others reach the module in another form than UTF-8, or end the line to the worker.
-        if (pin.chars().anyMatch(c -> c < ' ' || Character.isSurrogate((char) c))) {
+        // Others end the line to the worker, reach the module in another form than UTF-8, or stand for what the locale's
+        // character set does not have.
+        if (pin.chars().anyMatch(c -> c < ' ' || Character.isSurrogate((char) c) || c == '\uFFFD')) {
             return "-the PIN has a character that cannot be sent";
         }
-        last = token + '\n' + pin;
+        last = token.replace(Token.FINAL_TRY, "") + '\n' + pin;
         return REFUSED.contains(last) ? "-this PIN was refused before" : '+' + pin;
     }
 

@@ -47,6 +47,9 @@ final class Token {
         }
     }
 
+    /** What a token's name ends with before the last try of its PIN. */
+    static final String FINAL_TRY = " (its final try)";
+
     private static final long LOGIN_REQUIRED = 4;
     private static final long PIN_PAD = 0x100;
     private static final long INITIALIZED = 0x400;
@@ -113,7 +116,7 @@ final class Token {
         }
         String name = "the token \"" + text(Smartcard.readCardLabelDLL(slot)) + "\", serial number "
                 + text(Smartcard.readCardSerialNumberDLL(slot))
-                + ((flags & PIN_FINAL_TRY) != 0 ? " (its final try)" : "");
+                + ((flags & PIN_FINAL_TRY) != 0 ? FINAL_TRY : "");
         String pin = null;
         if ((flags & PIN_PAD) != 0) {
             Message.send(Message.Kind.PIN_PAD, name);
@@ -127,7 +130,9 @@ final class Token {
         Worker.step("log in as the user in slot " + slot);
         long code = Smartcard.loginDLL(slot, pin, 1);
         if (code != 0 && code != USER_ALREADY_LOGGED_IN) {
-            Message.send(Message.Kind.PIN_REFUSED, "");
+            if (pin != null) {
+                Message.send(Message.Kind.PIN_REFUSED, "");
+            }
             throw new Refused("loginDLL in slot " + slot + ": " + named(code) + "; the PIN is not sent again");
         }
         loggedIn = true;
