@@ -75,7 +75,7 @@ class DocsTest {
     @Test
     void snippetsAreRecipes() throws Exception {
         String recipes = squeezed(read("examples/Recipes.java"));
-        String snippets = recipes + squeezed(read("tests/java/SignerTest.java"));
+        String snippets = recipes + squeezed(read("examples/SignerTest.java"));
         for (Path page : pages()) {
             String text = Files.readString(page);
             matches("^```java\n((?s:.*?))^```$", text).forEach(snippet ->

@@ -109,7 +109,8 @@ class FaultyModuleTest {
     void crashes(@TempDir Path folder) throws Exception {
         Process process = new ProcessBuilder(System.getProperty("java.home") + "/bin/java",
                 "-XX:-CreateCoredumpOnCrash", "-XX:ErrorFile=" + folder.resolve("report"),
-                "-Djava.io.tmpdir=" + folder, "-cp", System.getProperty("java.class.path"), "-Djava.library.path=" + System.getProperty("java.library.path"),
+                "-Djava.io.tmpdir=" + folder, "-cp", System.getProperty("java.class.path"),
+                "-Djava.library.path=" + System.getProperty("java.library.path"),
                 "FaultyModuleTest", GENUINE).redirectErrorStream(true).start();
         String output = new String(process.getInputStream().readAllBytes());
         assertEquals(1, process.waitFor(), output);

@@ -42,7 +42,8 @@ final class SmartcardKeyPairGenerator extends KeyPairGeneratorSpi {
     @Override
     public void initialize(AlgorithmParameterSpec parameters, SecureRandom ignored)
             throws InvalidAlgorithmParameterException {
-        if (!(parameters instanceof RSAKeyGenParameterSpec rsa) || rsa.getKeyParams() != null) {
+        if (!(parameters instanceof RSAKeyGenParameterSpec rsa) || rsa.getKeyParams() != null
+                || rsa.getPublicExponent() == null) {
             throw new InvalidAlgorithmParameterException("expected an RSAKeyGenParameterSpec without key parameters");
         }
         initialize(rsa.getKeysize(), ignored);

@@ -33,7 +33,7 @@ record TokenName(String module, long index, String label, String serialNumber) {
 
     /** @throws InvalidParameterException if it names no token */
     static TokenName of(String argument) {
-        if (argument.startsWith("pkcs11:")) {
+        if (argument.regionMatches(true, 0, "pkcs11:", 0, "pkcs11:".length())) {
             return ofUri(argument.substring("pkcs11:".length()));
         }
         int hash = argument.lastIndexOf('#');
