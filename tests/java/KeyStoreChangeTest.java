@@ -412,6 +412,9 @@ class KeyStoreChangeTest {
         assertTrue(failure("import", store).contains("a public key with the ID"));
         assertTrue(objects().entrySet().containsAll(before.entrySet()));
         assertFails("several public keys", CHANGES.get("rename"), store);
+        module.fail("C_SignInit", 1, 0x30);
+        module.fail("C_DestroyObject", 3, 0x30); // after two certificates
+        assertTrue(failure("import", store).contains("a private key with the ID"));
         store.deleteEntry("a");
         assertFalse(contents().contains(" a"), contents());
 
@@ -421,8 +424,11 @@ class KeyStoreChangeTest {
                 Smartcard.writePublicKeyDLL(0, modulus("b-by-ca"), SoftTokenTest.EXPONENT,
                         sha1(chain("ca")[0].getEncoded()), "ca".getBytes()));
         assertFails("another key's public key", each -> each.deleteEntry("a"), store);
+        Smartcard.writePublicKeyDLL(0, modulus("other"), SoftTokenTest.EXPONENT, new byte[] {7}, LABEL);
+        write((X509Certificate) chain("other")[0], new byte[0], new byte[] {7}, "other");
         store.deleteEntry("ca");
-        assertTrue(contents().contains("pub ca ca"), contents());
+        store.deleteEntry("other");
+        assertTrue(contents().contains("pub ca ca|pub label 07"), contents());
 
         store = begin();
         write((X509Certificate) chain("a-by-ca")[0], new byte[0], new byte[] {7}, "a");
@@ -495,6 +501,15 @@ class KeyStoreChangeTest {
         SoftTokenTest.useTokens(Files.createDirectory(folder.resolve("others")));
         SoftTokenTest.output(new ProcessBuilder("softhsm2-util", "--init-token", "--free", "--label", "Second",
                 "--so-pin", "12345678", "--pin", "1234"));
+        SoftTokenTest.useTokens(tokens);
+        AuthProvider provider = (AuthProvider) store.getProvider();
+        assertTrue(assertThrows(LoginException.class, () -> provider.login(null, callbacks -> {
+            Smartcard.finalizeDLL();
+            Files.writeString(Path.of(System.getenv("SOFTHSM2_CONF")),
+                    "directories.tokendir = " + folder.resolve("others") + "\n");
+            ((PasswordCallback) callbacks[0]).setPassword(PIN);
+        })).getMessage().contains("another token"));
+        assertNotEquals(0, Smartcard.logoutDLL(0));
         load();
         for (String name : RESULTS.keySet()) {
             assertTrue(name.equals("generate") || failure(name, store).contains("\"First\""), name);
