@@ -264,6 +264,8 @@ faulty::State* faultyModuleBefore(const char* path, const char** unloadable) {
   state.genuine = genuine;
   state.genuineLibrary = module;
   state.list.version = genuine->version;
+  static_assert(sizeof state.list == offsetof(CK_FUNCTION_LIST, C_Initialize) + kFunctions * sizeof(void*),
+                "each function of the list has a row");
   // A function that is missing there is missing here.
 #define FAULTY_DEFINE(name, ...) \
   if (genuine->name != nullptr) state.list.name = Forward<k##name, &CK_FUNCTION_LIST::name>::function;
