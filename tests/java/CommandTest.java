@@ -4,6 +4,7 @@ import com.calvenhor.vork.utils.Smartcard;
 import java.io.*;
 import java.net.*;
 import java.nio.file.*;
+import java.nio.file.attribute.PosixFilePermissions;
 import java.util.*;
 import java.util.concurrent.TimeUnit;
 import java.util.regex.*;
@@ -132,10 +133,11 @@ class CommandTest {
                 "(?s).*Max core file size +0 +0 .*"));
         signal("SEGV", worker);
         assertEnds(11);
-        Matcher told = Pattern.compile("the module crashed while: (.+); the report is in (.+)\n(?s:.*)"
-                + "\"Module check\".* deletes them:\n  java -jar (.+)\n").matcher(err());
+        Matcher told = Pattern.compile("the module crashed while: (.+); the report, which may show the PIN, is "
+                + "in (.+)\n(?s:.*)\"Module check\".* deletes them:\n  java -jar (.+)\n").matcher(err());
         assertTrue(told.matches(), err());
-        assertTrue(Files.exists(Path.of(told.group(2))), err());
+        assertTrue(PosixFilePermissions.toString(Files.getPosixFilePermissions(Path.of(told.group(2))))
+                .matches("rw-(-..){2}"), told.group(2));
 
         SoftTokenTest.assertOk(Smartcard.initDLL(SOFTHSM2), Smartcard.openSessionDLL(SoftTokenTest.SLOT),
                 Smartcard.loginDLL(SoftTokenTest.SLOT, PIN, 1));

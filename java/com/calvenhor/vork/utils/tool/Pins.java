@@ -31,8 +31,8 @@ final class Pins {
             }
             pin = new String(entered);
         }
-        // Others end the line to the worker, reach the module in another form than UTF-8, or stand for what the locale's
-        // character set does not have.
+        // Others end the line to the worker, reach the module in another form than UTF-8, or stand for what the
+        // locale's character set does not have.
         if (pin.chars().anyMatch(c -> c < ' ' || Character.isSurrogate((char) c) || c == '\uFFFD')) {
             return "-the PIN has a character that cannot be sent";
         }

@@ -36,6 +36,7 @@ final class Session {
     private final PrintStream answers;
     private String step = START;
     private int status = -1;
+    private boolean hasPin; // the worker
     private volatile boolean mayLeaveObjects;
     private volatile boolean isEnding;
 
@@ -120,7 +121,11 @@ final class Session {
             case ALIVE -> { }
             case LINE -> System.out.println(message.text());
             case PROBLEM -> complain(message.text());
-            case PIN -> answers.println(Pins.answer(message.text()));
+            case PIN -> {
+                String answer = Pins.answer(message.text());
+                hasPin |= answer.startsWith("+");
+                answers.println(answer);
+            }
             case PIN_PAD -> {
                 if (System.console() != null) {
                     System.console().printf("Enter the PIN of %s at its PIN pad.%n", message.text());
@@ -147,9 +152,16 @@ final class Session {
             return failure(Main.FAILED, "the second virtual machine did not start, its exit status is " + code);
         }
         String report = Stream.of("", "/tmp").map(folder -> Path.of(folder, "hs_err_pid" + process.pid() + ".log"))
-                .filter(Files::exists).findFirst().map(file -> "the report is in " + file.toAbsolutePath())
+                .filter(Files::exists).findFirst().map(this::place)
                 .orElse("there is no report, the exit status is " + code);
         return failure(Main.CRASHED, "the module crashed while: " + step + "; " + report);
+    }
+
+    /** The virtual machine reports what its registers point to: a crash in a login may show the PIN. */
+    private String place(Path report) {
+        report.toFile().setReadable(false, false);
+        report.toFile().setReadable(true);
+        return "the report" + (hasPin ? ", which may show the PIN," : "") + " is in " + report.toAbsolutePath();
     }
 
     private int failure(int status, String problem) {
