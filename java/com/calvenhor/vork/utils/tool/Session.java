@@ -9,9 +9,7 @@ import java.net.URI;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
 import java.nio.file.Path;
-import java.util.ArrayDeque;
 import java.util.ArrayList;
-import java.util.Deque;
 import java.util.List;
 import java.util.Optional;
 import java.util.concurrent.BlockingQueue;
@@ -30,8 +28,9 @@ final class Session {
     private final boolean isOneOfMany;
     private final String jar = Path.of(URI.create(
             Main.class.getProtectionDomain().getCodeSource().getLocation().toString())).toString();
-    private final BlockingQueue<Optional<String>> lines = new LinkedBlockingQueue<>(); // an empty one is the end
-    private final Deque<String> noise = new ArrayDeque<>(); // what else is on the worker's standard error
+    private final BlockingQueue<Optional<Message>> messages = new LinkedBlockingQueue<>(); // an empty one is the end
+    /** What else is on the worker's standard error: its first lines, since a module may write without end. */
+    private final BlockingQueue<String> noise = new LinkedBlockingQueue<>(LINES_OF_NOISE);
     private final Process process;
     private final PrintStream answers;
     private String step = START;
@@ -71,44 +70,40 @@ final class Session {
         reader.setDaemon(true);
         reader.start();
         // A process that the module has started may hold the other end open.
-        process.onExit().thenRunAsync(() -> lines.add(Optional.empty()),
+        process.onExit().thenRunAsync(() -> messages.add(Optional.empty()),
                 CompletableFuture.delayedExecutor(2, TimeUnit.SECONDS));
     }
 
     private void read() {
         try (BufferedReader reader = process.errorReader(StandardCharsets.UTF_8)) {
-            reader.lines().forEach(line -> lines.add(Optional.of(line)));
+            reader.lines().forEach(line -> {
+                Optional<Message> message = Optional.ofNullable(Message.in(line));
+                if (message.isPresent()) {
+                    messages.add(message);
+                } else {
+                    noise.offer(line);
+                }
+            });
         } catch (IOException | UncheckedIOException e) {
             // an end as well
         }
-        lines.add(Optional.empty());
+        messages.add(Optional.empty());
     }
 
     /** {@return the exit status} */
     int run() throws InterruptedException {
         System.out.println(options.module());
         long end = endOfPatience();
-        Optional<String> line;
-        while ((line = nextLine(end)) != null && line.isPresent()) {
-            Message message = Message.in(line.get());
-            if (message != null) {
-                receive(message);
-                end = endOfPatience();
-            } else if (noise.size() < LINES_OF_NOISE) {
-                noise.add(line.get());
-            }
+        Optional<Message> next;
+        while ((next = messages.poll(end - System.nanoTime(), TimeUnit.NANOSECONDS)) != null && next.isPresent()) {
+            receive(next.get());
+            end = endOfPatience();
         }
-        if (line != null && process.waitFor(options.timeout(), TimeUnit.SECONDS)) {
+        if (next != null && process.waitFor(options.timeout(), TimeUnit.SECONDS)) {
             return ended(process.exitValue());
         }
         kill();
         return failure(Main.NO_ANSWER, "no answer for " + options.timeout() + " s while: " + step);
-    }
-
-    /** Null at the end of patience, also where the module writes all the time. */
-    private Optional<String> nextLine(long end) throws InterruptedException {
-        long left = end - System.nanoTime();
-        return left > 0 ? lines.poll(left, TimeUnit.NANOSECONDS) : null;
     }
 
     private long endOfPatience() {
