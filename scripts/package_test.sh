@@ -48,13 +48,13 @@ for name in smartcard smartcard-testing; do
 done
 for arch in "${!debian[@]}"; do
   library=$tests/libraries/${module//.//}/linux-$arch/libsmartcard.so
-  OBJDUMP=$arch-linux-gnu-objdump sh tests/binary_test.sh "$library" \
-    "$root/build/package/one/$arch/java/CMakeFiles/smartcard_jar.dir/native_headers/${module//./_}_Smartcard.h" \
-    ${glibc:+"$glibc"}
-  needed=$(readelf -V "$tests/libraries/${module//.//}/testing/linux-$arch/libfaulty_pkcs11.so" |
-    grep -o 'GLIBC_[0-9.]*' | sort -Vu | tail -n 1)
-  echo "libfaulty_pkcs11.so for $arch needs $needed"
-  [ ! "$glibc" ] || [ "$(printf '%s\n' "$needed" "GLIBC_$glibc" | sort -V | tail -n 1)" = "GLIBC_$glibc" ]
+  headers=$root/build/package/one/$arch
+  export OBJDUMP=$arch-linux-gnu-objdump
+  sh tests/binary_test.sh "$library" \
+    "$headers/java/CMakeFiles/smartcard_jar.dir/native_headers/${module//./_}_Smartcard.h" "$glibc"
+  sh tests/binary_test.sh "$tests/libraries/${module//.//}/testing/linux-$arch/libfaulty_pkcs11.so" \
+    "$headers/testing/CMakeFiles/testing_classes.dir/native_headers/${module//./_}_testing_FaultyModule.h" \
+    "$glibc" "C_GetFunctionList faultyModuleBefore"
   dpkg-deb --fsys-tarfile "dist/libsmartcard-jni_${version}_${debian[$arch]}.deb" |
     tar --extract --to-stdout "./usr/lib/$arch-linux-gnu/jni/libsmartcard.so" | cmp - "$library"
   tar --extract --to-stdout --file "dist/smartcard-$version-linux-$arch.tar.gz" \
@@ -92,7 +92,9 @@ cat >"$tests/in_debian12" <<TEXT
 set -e
 cp -r "$root"/dist/*_all.deb "$root"/dist/*_amd64.deb "$examples" "\$1/tmp"
 chroot "\$1" sh -c 'apt-get install --yes -o APT::Install-Recommends=true softhsm2 /tmp/*.deb'
-chroot "\$1" env SOFTHSM2_CONF=/etc/softhsm/softhsm2.conf java -cp /usr/share/java/smartcard.jar:/tmp/examples.jar \\
+export SOFTHSM2_CONF=/etc/softhsm/softhsm2.conf
+chroot "\$1" java -jar /usr/share/java/smartcard.jar show
+chroot "\$1" java -cp /usr/share/java/smartcard.jar:/tmp/examples.jar \\
   SignDocument --fresh /usr/lib/softhsm/libsofthsm2.so /etc/os-release
 TEXT
 ends 0 as_root mmdebstrap --variant=apt --customize-hook="sh '$tests/in_debian12' \"\$1\"" bookworm /dev/null \

@@ -241,7 +241,7 @@ class CommandTest {
                 + Files.readString(folder.resolve("host.pub")));
         String ssh = "ssh -q -F /dev/null -o BatchMode=yes -o UserKnownHostsFile=" + folder + "/hosts -i " + folder
                 + "/key -p " + port + " " + System.getProperty("user.name") + "@127.0.0.1";
-        start(List.of("/usr/sbin/sshd"), "-D", "-E", folder + "/log", "-f", "/dev/null", "-h", folder + "/host", "-p",
+        start(List.of("sh", "-c", "exec /usr/sbin/sshd \"$@\"", "sshd"), "-D", "-E", folder + "/log", "-f", "/dev/null", "-h", folder + "/host", "-p",
                 "" + port, "-o", "ListenAddress=127.0.0.1", "-o", "AuthorizedKeysFile=" + folder + "/keys", "-o",
                 "StrictModes=no", "-o", "UsePAM=no", "-o", "PidFile=none");
         Process sshd = process;

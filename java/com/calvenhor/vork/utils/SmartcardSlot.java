@@ -225,7 +225,8 @@ record SmartcardSlot(long index) {
         } else if (code == 0) {
             code = codeOf(status, zero);
             advice = code == TOKEN_NOT_PRESENT || code == DEVICE_REMOVED ? insert
-                    : code == OPERATION_NOT_INITIALIZED ? "; perhaps C_SignInit failed since the key may not sign" : "";
+                    : code == OPERATION_NOT_INITIALIZED
+                    ? "; C_SignInit failed, perhaps because the key may not sign" : "";
             if (code == 1 || code == OBJECT_HANDLE_INVALID && !isUser(session)) {
                 code = USER_NOT_LOGGED_IN;
                 advice = isUser(session) ? "; a key that wants a PIN each time cannot be used"

@@ -104,7 +104,8 @@ final class Token {
 
     /** {@return who is logged in, or why nobody is} */
     String logIn(Options options) throws Failure {
-        long flags = Smartcard.getTokenInfoDLL(slot);
+        long flags = Smartcard.getTokenInfoDLL(slot); // 0 if the query fails
+        require(flags != 0, "the token in slot " + slot + " does not give its flags");
         if ((flags & LOGIN_REQUIRED) == 0) {
             return "needs no login";
         }
