@@ -28,12 +28,12 @@ package com.calvenhor.vork.utils;
  * }</pre>
  *
  * <h2>Threads</h2>
- * Any thread may call, a virtual one too. The module is initialised for one call at a time, whatever the slot, so calls
- * wait for each other: all methods are synchronized on this class. A PIN pad that waits for its user, or
- * {@link #waitForSlotEventDLL waitForSlotEventDLL}, makes every other call wait as well; who wants to notice cards asks
- * {@link #getSlotInfoDLL getSlotInfoDLL} and {@link #readCardSerialNumberDLL readCardSerialNumberDLL} now and then.
- * <p>A call is whole, two calls are not: what a listing found another thread may have deleted since, and a login or a
- * logout is everybody's on that token. Steps that belong together hold the lock themselves:
+ * Any thread may call, also a virtual one. All methods are synchronized on this class, so calls wait for each other,
+ * whatever the slot: the module is initialised for one call at a time. A PIN pad that waits for its user, or
+ * {@link #waitForSlotEventDLL waitForSlotEventDLL}, makes every other call wait. To notice cards, call {@link
+ * #getSlotInfoDLL getSlotInfoDLL} and {@link #readCardSerialNumberDLL readCardSerialNumberDLL} from time to time.
+ * <p>Another thread may run between two calls: it may delete what a listing has found, and a login or a logout applies
+ * to all threads. Hold the lock over steps that belong together:
  * <pre>{@code
  * synchronized (Smartcard.class) {
  *     if (Smartcard.loginDLL(0, pin, 1) == 0) {
@@ -290,9 +290,9 @@ public final class Smartcard {
     // ---- What is on the token ----
 
     /**
-     * {@return 0 if the session sees no object, 1 if it sees some, -1 for a bad slot index or a search that cannot be
-     * ended, as one is that could not be begun} Note the sense of the numbers. A search that is begun and ended but
-     * fails between reads like an empty token: 0. Private objects are seen only after a login.
+     * {@return 0 if the session sees no object, 1 if it sees some, -1 for a bad slot index or a search that could not
+     * begin or could not end} Note the sense of the numbers. 0 also means that C_FindObjects failed. Private objects
+     * are seen only after a login.
      *
      * @param slotIndex a slot with a session
      */
