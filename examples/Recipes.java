@@ -25,7 +25,7 @@ import java.util.HexFormat;
 import java.util.List;
 import java.util.function.LongConsumer;
 
-/** The snippets of README.md and docs/, which the tests compare with these and run. */
+/** The snippets of README.md and docs/. Tests compare and run them. */
 final class Recipes {
     private Recipes() {
     }
@@ -34,7 +34,7 @@ final class Recipes {
         if (Smartcard.initDLL("/usr/lib/softhsm/libsofthsm2.so") != 0) throw new IOException("module");
         if (Smartcard.openSessionDLL(0) != 0) throw new IOException("session");
         if (Smartcard.loginDLL(0, pin, 1) != 0) throw new IOException("PIN");      // 1: as user
-        byte[] signature = Smartcard.signWithIDDLL(0, digestInfo, keyId);          // PKCS #1 v1.5 over these very bytes
+        byte[] signature = Smartcard.signWithIDDLL(0, digestInfo, keyId);          // PKCS #1 v1.5, without hashing
         if (signature.length == 1) throw new IOException("code " + (signature[0] & 0xFF));
         Smartcard.logoutDLL(0);
         Smartcard.closeSessionDLL(0);
@@ -68,12 +68,12 @@ final class Recipes {
         return result;
     }
 
-    // ---- A token's life ----
+    // ---- Tokens ----
 
     static long newToken(String module, long emptySlot, String soPin, String pin) throws IOException {
         check("initTokenDLL", Smartcard.initTokenDLL(emptySlot, soPin, soPin.length()));
         byte[] serialNumber = data("readCardSerialNumberDLL", Smartcard.readCardSerialNumberDLL(emptySlot));
-        check("finalizeDLL", Smartcard.finalizeDLL()); // the module may move the token to another slot
+        check("finalizeDLL", Smartcard.finalizeDLL()); // the module may have moved the token to another slot
         check("initDLL", Smartcard.initDLL(module));
         long slot = slotOf(serialNumber);
         check("openSessionDLL", Smartcard.openSessionDLL(slot));
@@ -126,7 +126,7 @@ final class Recipes {
                 return id;
             }
         }
-        throw new IOException("the certificate is on the token, its private key is not");
+        throw new IOException("the certificate was written, the private key was not");
     }
 
     static byte[] unsigned(BigInteger number) {
@@ -157,7 +157,7 @@ final class Recipes {
         verifier.initVerify(signer.certificate().getPublicKey());
         verifier.update(document);
         if (!verifier.verify(signature)) {
-            throw new IOException("another key of the token has the same ID");
+            throw new IOException("another key on the token has the same ID");
         }
         return signature;
     }
@@ -167,33 +167,33 @@ final class Recipes {
         return HexFormat.of().parseHex("3031300d060960864801650304020105000420" + HexFormat.of().formatHex(digest));
     }
 
-    // ---- In an application that stays ----
+    // ---- Long-running applications ----
 
     static void watch(String module, byte[] serialNumber, String pin, LongConsumer report)
             throws IOException, InterruptedException {
         long reported = -1;
         for (long slot = slotOf(serialNumber);; Thread.sleep(500)) {
             synchronized (Smartcard.class) {
-                boolean goesOn = (Smartcard.getSlotInfoDLL(slot) & 1) != 0 // first: OpenSC looks for the card only here
+                boolean isConnected = (Smartcard.getSlotInfoDLL(slot) & 1) != 0 // first: OpenSC looks only here
                         && Smartcard.isSessionOpenDLL(slot) == 0
                         && Arrays.equals(Smartcard.readCardSerialNumberDLL(slot), serialNumber);
-                if (!goesOn) {
+                if (!isConnected) {
                     slot = reconnect(module, serialNumber, pin);
                 }
             }
             if (slot != reported) {
-                report.accept(reported = slot); // -1: the card is out
+                report.accept(reported = slot); // -1: no card
             }
         }
     }
 
     static long reconnect(String module, byte[] serialNumber, String pin) throws IOException {
         Smartcard.finalizeDLL();
-        if (Smartcard.initDLL(module) != 0) { // such as -3, no slot: the reader is out as well
+        if (Smartcard.initDLL(module) != 0) { // such as -3: the reader was unplugged, too
             return -1;
         }
         long slot = slotOf(serialNumber);
-        if (slot == -1 || Smartcard.openSessionDLL(slot) != 0) { // it may not be ready yet
+        if (slot == -1 || Smartcard.openSessionDLL(slot) != 0) { // the card may not be ready yet
             return -1;
         }
         logIn(slot, pin);
@@ -207,7 +207,7 @@ final class Recipes {
             Smartcard.finalizeDLL();
             Smartcard.initDLL(client);
             Smartcard.openSessionDLL(slot);
-            if (Smartcard.loginDLL(slot, pin, 1) != 0) throw new IOException("module"); // any of the four shows here
+            if (Smartcard.loginDLL(slot, pin, 1) != 0) throw new IOException("module"); // if any of the four failed
             signature = Smartcard.signWithIDDLL(slot, digestInfo, keyId);
         }
         return signature;
@@ -218,7 +218,7 @@ final class Recipes {
 
         Binding(String module) throws IOException {
             check("initDLL", Smartcard.initDLL(module));
-            if (Security.addProvider(provider) == -1) { // an earlier deployment's, which cannot use keys of this one
+            if (Security.addProvider(provider) == -1) { // an earlier deployment left its provider
                 Smartcard.finalizeDLL();
                 throw new IOException("another provider " + provider.getName() + " is registered");
             }
@@ -227,7 +227,7 @@ final class Recipes {
         @Override
         public void close() {
             Security.removeProvider(provider.getName());
-            Smartcard.finalizeDLL(); // waits for the call that is under way, then ends all sessions
+            Smartcard.finalizeDLL(); // waits for the current call, then ends all sessions
         }
     }
 

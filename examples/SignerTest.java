@@ -9,15 +9,15 @@ import java.util.concurrent.*;
 import org.junit.jupiter.api.*;
 import org.junit.jupiter.api.io.TempDir;
 
-/** An application's test of itself, as docs/testing.md shows it: without a card. */
+/** Tests an application without a card. The snippets of docs/testing.md. */
 class SignerTest {
-    /** The application: it signs with the KeyStore it is given. */
+    /** The application. */
     record Signer(KeyStore store, char[] password) {
         byte[] sign(byte[] document) throws GeneralSecurityException, IOException {
             try {
                 return signOnce(document);
             } catch (SignatureException e) {
-                store.load(null, password); // the card may have been out
+                store.load(null, password); // the card may have been removed and inserted
                 return signOnce(document);
             }
         }
@@ -81,7 +81,7 @@ class SignerTest {
 
     @AfterEach
     void unbind() {
-        Smartcard.finalizeDLL(); // the next test binds a module of its own
+        Smartcard.finalizeDLL(); // the next test binds another module
     }
 
     @Test
@@ -94,7 +94,7 @@ class SignerTest {
     // ---- On a token that fails ----
 
     @Test
-    void waitsForTheCard() throws Exception {
+    void recoversFromARemovedCard() throws Exception {
         try (FaultyModule module = FaultyModule.before(SOFTHSM2)) {
             KeyStore store = open(module.path() + "#0", PIN);
             Signer signer = new Signer(store, PIN.toCharArray());
@@ -106,7 +106,7 @@ class SignerTest {
     }
 
     @Test
-    void tellsThatThePinIsLocked() throws Exception {
+    void reportsThatThePinIsLocked() throws Exception {
         try (FaultyModule module = FaultyModule.before(SOFTHSM2)) {
             module.tries(0, 1);
             assertThrows(IOException.class, () -> open(module.path(), "000000"));

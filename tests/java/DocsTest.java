@@ -3,19 +3,32 @@ import static org.junit.jupiter.api.Assertions.*;
 import com.calvenhor.vork.utils.*;
 import com.calvenhor.vork.utils.testing.FaultyModule;
 import com.calvenhor.vork.utils.testing.FaultyModule.Removal;
+import com.sun.net.httpserver.*;
+import java.io.ByteArrayInputStream;
 import java.io.IOException;
 import java.lang.reflect.Method;
 import java.net.*;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.*;
-import java.security.Security;
+import java.security.*;
+import java.security.cert.X509Certificate;
 import java.util.*;
 import java.util.concurrent.*;
+import java.util.concurrent.atomic.AtomicInteger;
 import java.util.regex.*;
 import java.util.stream.*;
+import javax.net.ssl.*;
+import javax.security.auth.callback.PasswordCallback;
+import javax.xml.crypto.dom.DOMStructure;
+import javax.xml.crypto.dsig.XMLSignatureFactory;
+import javax.xml.crypto.dsig.dom.DOMValidateContext;
+import javax.xml.parsers.DocumentBuilderFactory;
+import org.bouncycastle.cms.*;
+import org.bouncycastle.cms.jcajce.JcaSimpleSignerInfoVerifierBuilder;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.function.Executable;
 import org.junit.jupiter.api.io.TempDir;
+import org.w3c.dom.Document;
 
 /** The pages here and in docs/: what they link to is there, and what they say and show is so. */
 class DocsTest {
@@ -61,7 +74,7 @@ class DocsTest {
     @Test
     void linksLeadSomewhere() throws Exception {
         for (Path page : pages()) {
-            for (MatchResult link : matches("\\]\\((?!https?:)([^)#]*)#?([^)]*)\\)", Files.readString(page))) {
+            for (MatchResult link : matches("\\]\\((?!https?:|dist/)([^)#]*)#?([^)]*)\\)", Files.readString(page))) {
                 Path target = link.group(1).isEmpty() ? page : page.resolveSibling(link.group(1));
                 assertTrue(Files.exists(target), page + ": " + link.group());
                 assertTrue(link.group(2).isEmpty() || matches("^#+ (.*)$", Files.readString(target)).stream()
@@ -75,7 +88,8 @@ class DocsTest {
     @Test
     void snippetsAreRecipes() throws Exception {
         String recipes = squeezed(read("examples/Recipes.java"));
-        String snippets = recipes + squeezed(read("examples/SignerTest.java"));
+        String keyStoreRecipes = squeezed(read("examples/KeyStoreRecipes.java"));
+        String snippets = recipes + keyStoreRecipes + squeezed(read("examples/SignerTest.java"));
         for (Path page : pages()) {
             String text = Files.readString(page);
             matches("^```java\n((?s:.*?))^```$", text).forEach(snippet ->
@@ -83,15 +97,15 @@ class DocsTest {
             assertFalse(text.replaceAll("(?ms)^```java$.*?^```$", "").matches("(?s).*\n {4}[^\n]*;\n.*"),
                     () -> page + ": Java that is not marked as such");
         }
-        String calls = recipes + read("tests/java/DocsTest.java") + read("tests/java/OwnProcessTest.java");
-        matches("\\bstatic \\S+ ((?!main)\\w+)\\(", read("examples/Recipes.java")).forEach(method -> assertTrue(
+        String calls = recipes + keyStoreRecipes + read("tests/java/DocsTest.java") + read("tests/java/OwnProcessTest.java");
+        matches("\\bstatic \\S+ ((?!main)\\w+)\\(", recipes + keyStoreRecipes).forEach(method -> assertTrue(
                 matches("[ .(]" + method.group(1) + "\\(", calls).size() > 1, method.group()));
     }
 
     @Test
     void versionIsTheBuilds() throws Exception {
         String version = matches("^project\\(.* VERSION (\\S+) ", read("CMakeLists.txt")).get(0).group(1);
-        List<MatchResult> shown = matches("smartcard(?:-testing)?[:-](\\d[\\w.-]*?)(?=\\.jar|[`\"])",
+        List<MatchResult> shown = matches("smartcard(?:-testing)?[:-](\\d[\\w.-]*?)(?=(?:-javadoc)?\\.jar|[`\"<])",
                 read("README.md") + read("docs/testing.md"));
         assertFalse(shown.isEmpty());
         shown.forEach(place -> assertEquals(version, place.group(1)));
@@ -109,14 +123,22 @@ class DocsTest {
         }
     }
 
+    /** The page with one row for each method, and with the calls of each search. */
+    private static String entryPoints() throws IOException {
+        return read("docs/entry-points.md").lines().flatMap(line -> {
+            String row = line.replaceAll("\\bsearch\\b(?=[^|]*\\|$)", "C_FindObjectsInit, C_FindObjects, C_FindObjectsFinal");
+            String[] names = row.split(" (?=\\|)", 2)[0].split(", ");
+            return names.length == 1 || !row.startsWith("| `") ? Stream.of(row) : Arrays.stream(names)
+                    .map(name -> (name.startsWith("| ") ? "" : "| ") + name + row.substring(row.indexOf(" |")));
+        }).collect(Collectors.joining("\n"));
+    }
+
     @Test
     void entryPointsAreTheClasses() throws Exception {
-        String page = read("docs/entry-points.md");
+        String page = entryPoints();
         String source = read("java/com/calvenhor/vork/utils/Smartcard.java");
         assertEquals(matches("native (\\S+) (\\w+)\\(([^)]*)\\);", source).stream().map(method -> "| `" + method.group(2)
-                + "` | " + (method.group(3).isEmpty() ? "" : '`' + squeezed(method.group(3)) + "` ") + "| `"
-                + method.group(1) + "`").toList(),
-                texts("^\\| `\\w+DLL` \\| .*?\\| `.*?`", page));
+                + "` | `" + method.group(1) + "`").toList(), texts("^\\| `\\w+DLL` \\| `\\S+`", page));
 
         Map<String, Set<String>> recorded = new HashMap<>();
         for (Path transcript : files("tests/transcripts")) {
@@ -124,7 +146,7 @@ class DocsTest {
                     .computeIfAbsent(call.group(1) + "DLL", name -> new HashSet<>())
                     .addAll(texts("\\bC_\\w+(?=\\()", call.group(2))));
         }
-        assertEquals(recorded, matches("^\\| `(\\w+DLL)` .*\\|(.*)\\|$", page).stream().collect(Collectors.toMap(
+        assertEquals(recorded, matches("^\\| `(\\w+DLL)` (?:[^|]*\\|){3}([^|]*)\\|$", page).stream().collect(Collectors.toMap(
                 row -> row.group(1), row -> Set.copyOf(texts("C_\\w+", row.group(2))))));
 
         String library = Files.readString(LIBRARY, StandardCharsets.ISO_8859_1);
@@ -132,16 +154,15 @@ class DocsTest {
         recorded.keySet().forEach(name -> assertTrue(library.contains('\0' + prefix + name + '\0'), name));
 
         assertEquals(LongStream.range(0, 0x400).filter(code -> SmartcardException.nameOf(code).startsWith("CKR_"))
-                .mapToObj(code -> String.format("| 0x%02X | %02X | `%s` |", code, code & 0xFF,
-                        SmartcardException.nameOf(code))).toList(),
+                .mapToObj(code -> String.format("| 0x%02X `%s` |", code, SmartcardException.nameOf(code))).toList(),
                 texts("^\\| 0x.*?`CKR_\\w+` \\|", page));
     }
 
     /** Whichever call of the module fails, the answer is one that the method's row has under "failure". */
     @Test
     void failuresAreAsTold() throws Exception {
-        for (MatchResult row : matches("^\\| `(\\w+DLL)` \\|[^|]*\\|([^|]*)\\|([^|]*)\\|([^|]*)\\|$",
-                read("docs/entry-points.md"))) {
+        for (MatchResult row : matches("^\\| `(\\w+DLL)` \\|([^|]*)\\|([^|]*)\\|([^|]*)\\|$",
+                entryPoints())) {
             Method method = NATIVES.get(row.group(1));
             for (String function : texts("C_\\w+", row.group(4))) {
                 int nth = 1;
@@ -276,9 +297,92 @@ class DocsTest {
         }
     }
 
+    @Test
+    void keyStoreRecipes(@TempDir Path folder) throws Throwable {
+        try (FaultyModule module = FaultyModule.before(MODULE)) {
+            SoftTokenTest.createToken(module.path(), Files.createDirectory(folder.resolve("tokens")));
+            Path file = folder.resolve("identity.p12");
+            run("keytool -genkeypair -keyalg RSA -dname CN=localhost -ext san=dns:localhost -alias signer -storepass "
+                    + "changeit -keystore " + file);
+            char[] password = "changeit".toCharArray();
+            Recipes.importIdentity(0, file, password, "signer", "Contracts".getBytes());
+            Smartcard.finalizeDLL();
+
+            List<KeyStoreRecipes.Token> tokens = KeyStoreRecipes.tokens(module.path());
+            assertEquals(List.of("YENIKART"), tokens.stream().map(KeyStoreRecipes.Token::label).toList());
+            SmartcardProvider provider = (SmartcardProvider) new SmartcardProvider().configure(tokens.get(0).name());
+            KeyStore store = KeyStore.getInstance("Smartcard", provider);
+            store.load(null, SoftTokenTest.PIN.toCharArray());
+            X509Certificate certificate = (X509Certificate) store.getCertificate("Contracts");
+
+            CMSSignedData cms = new CMSSignedData(new CMSProcessableByteArray(DOCUMENT),
+                    KeyStoreRecipes.signCms(store, "Contracts", DOCUMENT));
+            assertTrue(cms.verifySignatures(id -> new JcaSimpleSignerInfoVerifierBuilder().build(certificate)));
+
+            KeyStore identity = KeyStore.getInstance(file.toFile(), password);
+            SSLContext client = KeyStoreRecipes.clientContext(store, identity);
+            HttpsServer server = HttpsServer.create(new InetSocketAddress("localhost", 0), 0);
+            server.setHttpsConfigurator(new HttpsConfigurator(serverContext(identity, password)) {
+                @Override
+                public void configure(HttpsParameters parameters) {
+                    SSLParameters needsClient = getSSLContext().getDefaultSSLParameters();
+                    needsClient.setNeedClientAuth(true);
+                    parameters.setSSLParameters(needsClient);
+                }
+            });
+            server.createContext("/", exchange -> {
+                exchange.sendResponseHeaders(200, DOCUMENT.length);
+                exchange.getResponseBody().write(DOCUMENT);
+                exchange.close();
+            });
+            server.start();
+            try {
+                URI uri = URI.create("https://localhost:" + server.getAddress().getPort());
+                assertEquals(new String(DOCUMENT), KeyStoreRecipes.get(client, uri));
+                assertArrayEquals(DOCUMENT, KeyStoreRecipes.getOverConnection(client, uri));
+            } finally {
+                server.stop(0);
+            }
+
+            DocumentBuilderFactory documents = DocumentBuilderFactory.newInstance();
+            documents.setNamespaceAware(true);
+            Document document = documents.newDocumentBuilder().parse(new ByteArrayInputStream("<a/>".getBytes()));
+            KeyStoreRecipes.signXml(store, "Contracts", document);
+            assertTrue(XMLSignatureFactory.getInstance("DOM").unmarshalXMLSignature(new DOMStructure(
+                    document.getDocumentElement().getFirstChild())).validate(new DOMValidateContext(
+                    certificate.getPublicKey(), document.getDocumentElement().getFirstChild())));
+
+            KeyStoreRecipes.changePin(provider, SoftTokenTest.PIN, PIN);
+            module.remove(0, Removal.EMPTY);
+            module.insert(0);
+            KeyStoreRecipes.reload(store, PIN.toCharArray());
+            KeyStoreRecipes.signCms(store, "Contracts", DOCUMENT);
+
+            provider.logout();
+            AtomicInteger tries = new AtomicInteger();
+            assertThrows(KeyStoreException.class, () -> KeyStoreRecipes.askFor(provider, callbacks -> {
+                tries.incrementAndGet();
+                ((PasswordCallback) callbacks[0]).setPassword("000000".toCharArray());
+            }).getKeyStore());
+            assertEquals(3, tries.get());
+            Security.removeProvider("Smartcard");
+            Smartcard.finalizeDLL();
+        }
+    }
+
+    private static SSLContext serverContext(KeyStore identity, char[] password) throws Exception {
+        KeyManagerFactory keys = KeyManagerFactory.getInstance("PKIX");
+        keys.init(identity, password);
+        TrustManagerFactory clients = TrustManagerFactory.getInstance("PKIX");
+        clients.init(identity);
+        SSLContext context = SSLContext.getInstance("TLS");
+        context.init(keys.getKeyManagers(), clients.getTrustManagers(), null);
+        return context;
+    }
+
     /** What is answered while the card is out stands in a column of the table. */
     private static void assertAnswers(int column) throws Exception {
-        String table = matches("^\\| asked \\|.*\n.*\n((?:\\|.*\n)+)", read("docs/using.md")).get(0).group(1);
+        String table = matches("^\\| call \\|.*\n.*\n((?:\\|.*\n)+)", read("docs/using.md")).get(0).group(1);
         for (String line : table.split("\n")) {
             String[] cells = line.split("\\|");
             MatchResult row = matches("`(\\w+)(?:\\(slot\\) & (\\w+))?`", cells[1]).get(0);
