@@ -343,10 +343,10 @@ class KeyStoreChangeTest {
         PrivateKey ofToken = (PrivateKey) store.getKey("a", null);
         PrivateKey ec = KeyPairGenerator.getInstance("EC").generateKeyPair().getPrivate();
         assertFails("CRT", each -> each.setKeyEntry("b", ec, null, chain("b-by-ca")), store);
-        assertFails("not the key's", each -> each.setKeyEntry("b", key("b"), null, chain("a-by-ca", "ca")), store);
-        assertFails("not the key's", each -> each.setKeyEntry("b", ofToken, null, chain("b-by-ca", "ca")), store);
-        assertFails("another key's", each -> each.setKeyEntry("a", key("b"), null, chain("b-by-ca", "ca")), store);
-        assertFails("key's entry", each -> each.setCertificateEntry("a", chain("other")[0]), store);
+        assertFails("does not belong to the key", each -> each.setKeyEntry("b", key("b"), null, chain("a-by-ca", "ca")), store);
+        assertFails("does not belong to the key", each -> each.setKeyEntry("b", ofToken, null, chain("b-by-ca", "ca")), store);
+        assertFails("the entry of another key", each -> each.setKeyEntry("a", key("b"), null, chain("b-by-ca", "ca")), store);
+        assertFails("the entry of a key", each -> each.setCertificateEntry("a", chain("other")[0]), store);
         assertFails("X.509", each -> each.setCertificateEntry("other", null), store);
         assertFails("encrypted", each -> each.setKeyEntry("b", new byte[9], chain("b-by-ca")), store);
         for (String alias : List.of("", " b ", "x/12345678", "a\tb")) {
@@ -401,7 +401,7 @@ class KeyStoreChangeTest {
 
         store = begin();
         Smartcard.generateKeyPairDLL(0, 1024, SoftTokenTest.EXPONENT, sha1(chain("other")[0].getEncoded()), LABEL);
-        assertFails("would be a key's", each -> each.setCertificateEntry("other", chain("other")[0]), store);
+        assertFails("would become a key entry", each -> each.setCertificateEntry("other", chain("other")[0]), store);
 
         store = begin();
         SoftTokenTest.assertOk(
@@ -423,7 +423,7 @@ class KeyStoreChangeTest {
                 Smartcard.writePublicKeyDLL(0, modulus("b-by-ca"), SoftTokenTest.EXPONENT, idOf("a-by-ca"), LABEL),
                 Smartcard.writePublicKeyDLL(0, modulus("b-by-ca"), SoftTokenTest.EXPONENT,
                         sha1(chain("ca")[0].getEncoded()), "ca".getBytes()));
-        assertFails("another key's public key", each -> each.deleteEntry("a"), store);
+        assertFails("the public key of another key pair", each -> each.deleteEntry("a"), store);
         Smartcard.writePublicKeyDLL(0, modulus("other"), SoftTokenTest.EXPONENT, new byte[] {7}, LABEL);
         write((X509Certificate) chain("other")[0], new byte[0], new byte[] {7}, "other");
         store.deleteEntry("ca");
@@ -433,8 +433,8 @@ class KeyStoreChangeTest {
         store = begin();
         write((X509Certificate) chain("a-by-ca")[0], new byte[0], new byte[] {7}, "a");
         tool("--write-object " + folder.resolve("a.key") + " --type privkey --id 07");
-        assertFails("copies of its certificate", CHANGES.get("delete key"), store);
-        assertFails("another key's", CHANGES.get("renew"), store);
+        assertFails("have a copy of the certificate", CHANGES.get("delete key"), store);
+        assertFails("the entry of another key", CHANGES.get("renew"), store);
 
         for (String name : List.of("a-by-ca", "b-by-ca")) {
             store = begin();

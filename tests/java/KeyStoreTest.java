@@ -457,7 +457,7 @@ class KeyStoreTest {
 
         assertFails(IOException.class, "`ldd no such module`", () -> load("no such module", "1"));
         assertFails(IOException.class, "C_GetFunctionList", () -> load("libc.so.6", "1"));
-        assertFails(IOException.class, "no slot 3: the last is 2", () -> load(MODULE + "#3", "1234"));
+        assertFails(IOException.class, "no slot 3: the last slot is 2", () -> load(MODULE + "#3", "1234"));
         for (String label : List.of("First", "Second")) {
             assertFails(IOException.class, '"' + label + '"', () -> load(MODULE, "1234"));
         }
@@ -474,7 +474,7 @@ class KeyStoreTest {
         for (String argument : List.of(MODULE, MODULE + "#0")) {
             assertGone(argument);
         }
-        assertFails(IOException.class, "the last is 0; a slot that is newer", () -> load(MODULE + "#1", "1234"));
+        assertFails(IOException.class, "the last slot is 0; if a slot was added later", () -> load(MODULE + "#1", "1234"));
         Smartcard.finalizeDLL();
         load(MODULE, "1234");
     }
@@ -592,18 +592,18 @@ class KeyStoreTest {
     void codes() throws Throwable {
         for (String row : """
                 load C_GetFunctionList 1 30 30
-                load C_Initialize 1 191 191 something else in the process uses the module
+                load C_Initialize 1 191 191 other code in this process has initialised the module
                 load C_OpenSession 1 180000123 180000123
                 load C_OpenSession 1 32 32 insert the card; if it is in
                 load C_OpenSession 1 e1 e1 insert the card; if it is in
                 load C_Login 1 100 100
-                load C_FindObjectsInit 1 101 101
+                load C_FindObjectsInit 1 101 101 the token refused although the user is logged in
                 load C_FindObjectsInit 2 5 5
                 load C_GetAttributeValue 2 200 200
                 load C_GetAttributeValue 20 200 200
-                sign C_Sign 1 101 101 a key that wants a PIN each time
+                sign C_Sign 1 101 101 the token refused although the user is logged in
                 sign C_Sign 1 e0 e0 insert the card if it is out
-                sign C_SignInit 1 68 91 C_SignInit failed
+                sign C_SignInit 1 68 91 the module did not start the operation
                 sign C_FindObjects 1 30 30
                 sign C_FindObjects 1 100 82
                 """.lines().toList()) {

@@ -112,7 +112,7 @@ class LoaderTest {
     @Test
     void failureNamesWhatWasTried() throws Exception {
         assertFailed(load(NOT_ON_LIBRARY_PATH, "-Dos.arch=riscv64"), "-Dsmartcard.library=PATH",
-                "the jar: it has no library for linux-riscv64", "java.library.path: ", "/nowhere");
+                "the jar: no library for linux-riscv64", "java.library.path: ", "/nowhere");
         assertFailed(load(NOT_ON_LIBRARY_PATH, "-Djava.io.tmpdir=/nowhere/tmp"), "-Dsmartcard.library=PATH",
                 "the jar: ", "NoSuchFile", "/nowhere/tmp", "java.library.path: ");
         Files.writeString(inJar(), "no library");

@@ -21,7 +21,7 @@ final class NativeLibrary {
     }
 
     private final List<String> failures = new ArrayList<>();
-    private String advice = "-Dsmartcard.library=PATH names the one to take";
+    private String advice = "set its path with -Dsmartcard.library=PATH";
 
     private NativeLibrary() {
     }
@@ -63,7 +63,7 @@ final class NativeLibrary {
         String system = System.getProperty("os.name").toLowerCase(Locale.ROOT) + "-" + architecture;
         try (InputStream library = NativeLibrary.class.getResourceAsStream(system + "/libsmartcard.so")) {
             if (library == null) {
-                throw new UnsatisfiedLinkError("it has no library for " + system);
+                throw new UnsatisfiedLinkError("no library for " + system);
             }
             Path copy = Files.createTempFile("libsmartcard", ".so",
                     PosixFilePermissions.asFileAttribute(PosixFilePermissions.fromString("rw-------")));

@@ -39,8 +39,8 @@ final class SmartcardChange {
         slot.openSession(); // asks for the card, which some modules look for only then
         slot.requireLogin();
         list();
-        require(known.token().equals(now.token()), "the KeyStore was loaded from slot " + known.token()
-                + ", but the token is " + now.token() + ": load the KeyStore again");
+        require(known.token().equals(now.token()), "the token has changed: the KeyStore was loaded from slot "
+                + known.token() + "; now it is slot " + now.token() + "; load the KeyStore again");
     }
 
     /** {@return what the token holds now, or held when it could last be listed} */
@@ -70,26 +70,28 @@ final class SmartcardChange {
                 ? crt : null;
         require(known != null || imported != null, "expected a key of this token, or an RSA private key with CRT "
                 + "values, not " + (key == null ? "null" : key.getAlgorithm() + ", " + key.getClass().getName()));
-        require(known == null || known.slot().equals(slot), "the key is on another token: " + known);
+        require(known == null || known.slot().equals(slot), "the key is in another slot: " + known);
         List<X509Certificate> certificates = x509(chain);
         BigInteger modulus = ((RSAKey) key).getModulus();
         BigInteger exponent = known != null ? known.publicKey().getPublicExponent() : imported.getPublicExponent();
         if (!(certificates.get(0).getPublicKey() instanceof RSAPublicKey publicKey)
                 || !publicKey.getModulus().equals(modulus) || !publicKey.getPublicExponent().equals(exponent)) {
-            throw new KeyStoreException("the first certificate is not the key's");
+            throw new KeyStoreException("the first certificate of the chain does not belong to the key");
         }
         SmartcardKey named = new SmartcardKey(slot, known != null ? known.id() : SmartcardWriter.idOf(modulus),
                 publicKey);
-        require(now.keys(alias).allMatch(named::equals), "\"" + alias + "\" is another key's entry: delete it first");
+        require(now.keys(alias).allMatch(named::equals),
+                "\"" + alias + "\" is the entry of another key; delete it first");
         int count = now.keyCount(named.id());
-        require(count < 2, "several private keys have its ID: " + named);
-        require(count == 1 || imported != null, "no longer on the token: " + named);
+        require(count < 2, "several private keys have the same ID: " + named);
+        require(count == 1 || imported != null, "the key is no longer on the token: " + named);
         // Renaming takes the first of each half.
-        require(known == null || slot.publicKeys(named.id()).size() < 2, "several public keys have its ID: " + named);
+        require(known == null || slot.publicKeys(named.id()).size() < 2,
+                "several public keys have the same ID: " + named);
         if (count == 1) {
             named.requireSigns();
         } else {
-            require(!slot.hasPrivateKey(named.id()), "a private key of another type has its ID: " + named);
+            require(!slot.hasPrivateKey(named.id()), "a private key that is not RSA has the same ID: " + named);
         }
         Item item = item(named.id(), alias, certificates.get(0));
         set(alias, item, certificates.subList(1, certificates.size()), named, count == 0 ? imported : null);
@@ -100,7 +102,7 @@ final class SmartcardChange {
 
     void setCertificateEntry(String alias, Certificate certificate) throws IOException, GeneralSecurityException {
         X509Certificate x509 = x509(certificate).get(0);
-        require(now.keys(alias).findAny().isEmpty(), "\"" + alias + "\" is a key's entry: delete it first");
+        require(now.keys(alias).findAny().isEmpty(), "\"" + alias + "\" is the entry of a key; delete it first");
         if (!x509.equals(now.entry(alias).certificate())) { // by whose ID another program may find its key
             set(alias, item(SmartcardWriter.sha1(x509.getEncoded()), alias, x509), List.of(), null, null);
         }
@@ -129,9 +131,9 @@ final class SmartcardChange {
         }
         SmartcardContents after = before.after(old, added, newKeyId);
         require(alias.equals(after.alias(item)), "the alias would read back as \"" + after.alias(item) + "\", not as \""
-                + alias + "\"");
-        require((key == null) == (after.key(item) == null), "this certificate, with the ID "
-                + HexFormat.of().formatHex(item.id().array()) + ", would be " + (key == null ? "a key's" : "no key's"));
+                + alias + "\"; choose another one");
+        require((key == null) == (after.key(item) == null), "with the ID " + HexFormat.of().formatHex(item.id().array())
+                + ", this certificate would " + (key == null ? "become a key entry" : "not become a key entry"));
         for (Item each : old) {
             requireDeletable(each, Stream.concat(before.items().stream(), added.stream()).toList());
         }
@@ -147,10 +149,11 @@ final class SmartcardChange {
             }
             list();
             for (Item each : added) {
-                require(now.count(each) > before.count(each), "the token does not list " + described(each));
+                require(now.count(each) > before.count(each),
+                        "the token does not list the written certificate: " + described(each));
             }
             if (imported != null) {
-                require(now.keyCount(newKeyId) == 1, "the token does not list the private key");
+                require(now.keyCount(newKeyId) == 1, "the token does not list the written private key");
                 key.requireSigns();
             }
             for (Item each : old) {
@@ -169,7 +172,7 @@ final class SmartcardChange {
             list();
             if (old.stream().anyMatch(each -> now.count(each) < before.count(each))) {
                 old.stream().filter(each -> now.count(each) > 0).map(SmartcardChange::described).forEach(left::add);
-                return new KeyStoreException("the entry is set, but not all that follows is done: "
+                return new KeyStoreException("the entry is set, but a later step failed: "
                         + failure.getMessage() + suffix(left), failure);
             }
             for (Item each : added) {
@@ -188,7 +191,7 @@ final class SmartcardChange {
             added.stream().filter(each -> now.count(each) > before.count(each)).map(SmartcardChange::described)
                     .forEach(left::add);
         } catch (IOException | GeneralSecurityException e) {
-            left.add("unknown, since the token cannot be listed");
+            left.add("unknown, because the token cannot be listed");
         }
         return new KeyStoreException(failure.getMessage() + suffix(left), failure);
     }
@@ -202,10 +205,12 @@ final class SmartcardChange {
         try {
             if (!slot.areLabelled(key.id(), label)) {
                 long code = writer.renameKeyPair(key.id(), key.id(), label);
-                require(slot.areLabelled(key.id(), label), SmartcardException.nameOf(code));
+                require(slot.areLabelled(key.id(), label), "updateKeyPairIDAndLabelDLL returned "
+                        + SmartcardException.nameOf(code) + ", which is the code for the public key alone");
             }
         } catch (IOException | KeyStoreException e) {
-            throw new KeyStoreException("the entry is set, but perhaps not its keys' label: " + e.getMessage(), e);
+            throw new KeyStoreException("the entry is set, but its keys may still have the old label: "
+                    + e.getMessage(), e);
         }
     }
 
@@ -222,17 +227,18 @@ final class SmartcardChange {
         }
         Entry entry = now.entry(alias);
         SmartcardKey key = entry.key();
-        require(now.keys(alias).distinct().count() < 2, "several private keys have copies of its certificate");
+        require(now.keys(alias).distinct().count() < 2,
+                "several private keys have a copy of the certificate of \"" + alias + "\"");
         boolean areKeysShared = now.items().stream().anyMatch(other -> other.id().equals(entry.item().id())
                 && other.certificate() != null && !objects.contains(other));
         if (key != null && !areKeysShared) {
-            require(now.keyCount(key.id()) == 1, "several private keys have its ID: " + key);
+            require(now.keyCount(key.id()) == 1, "several private keys have the same ID: " + key);
             require(slot.publicKeys(key.id()).stream().allMatch(each -> each.isHalfOf(key.publicKey())),
-                    "another key's public key has its ID: " + key);
+                    "the public key of another key pair has the same ID: " + key);
             key.requireSigns(); // a deletion takes the first key of the ID, of any type: the one that signs
             writer.deletePrivateKey(key.id());
             list();
-            require(now.keyCount(key.id()) == 0, "the token still lists the private key: " + key);
+            require(now.keyCount(key.id()) == 0, "the token still lists the deleted private key: " + key);
         }
         if (!areKeysShared) {
             deletePublicKeys(entry);
@@ -254,13 +260,14 @@ final class SmartcardChange {
             return;
         }
         boolean isShared = slot.hasPrivateKey(id);
-        require(!isShared || entry.key() == null, "only the private key is deleted: a key of another type has its ID; "
-                + "left on the token: the public key and the certificate of " + entry.key());
+        require(!isShared || entry.key() == null, "only the private key was deleted, because a key that "
+                + "is not RSA has the same ID; left on the token: the public key and the certificate of "
+                + entry.key());
         boolean areItsOwn = !isShared && keys.stream().allMatch(each -> each.isHalfOf(publicKey)
                 && (entry.key() != null || each.label().equals(entry.item().label())));
         for (int count = keys.size(); areItsOwn && count > 0; count--) {
             writer.deletePublicKey(id);
-            require(slot.publicKeys(id).size() < count, "the token still lists the public key of "
+            require(slot.publicKeys(id).size() < count, "the token still lists the deleted public key of "
                     + described(entry.item()));
         }
     }
@@ -281,14 +288,15 @@ final class SmartcardChange {
                 }
             }
         }
-        throw failure != null ? failure : new IOException("the token does not find by its names: " + described(item));
+        throw failure != null ? failure : new IOException("the token does not find the certificate that it lists: "
+                + described(item));
     }
 
     /** A certificate is found by all but its value: whatever else could be found in its place is in danger. */
     private static void requireDeletable(Item item, List<Item> among) throws KeyStoreException {
         byte[] serialNumber = serialNumbers(item).get(0);
         require(among.stream().noneMatch(other -> mayMatch(other, item, serialNumber)),
-                "another certificate has the same label, ID, names and serial number: " + described(item));
+                "a deletion could delete another certificate with the same label and ID: " + described(item));
     }
 
     /** Whether a deletion of the item, by this form of its serial number, could find another one. */
@@ -326,7 +334,7 @@ final class SmartcardChange {
                 return item;
             }
         }
-        throw new KeyStoreException("no label is free for the issuer " + name);
+        throw new KeyStoreException("no alias is free for the issuer certificate of " + name);
     }
 
     /** The value of an attribute in a name as RFC 2253 writes it; empty if there is none. */
@@ -337,7 +345,7 @@ final class SmartcardChange {
 
     private static List<X509Certificate> x509(Certificate... chain) throws KeyStoreException {
         require(chain != null && chain.length > 0 && Arrays.stream(chain).allMatch(X509Certificate.class::isInstance),
-                "expected X.509 certificates");
+                "expected one or more X.509 certificates");
         return Arrays.stream(chain).map(X509Certificate.class::cast).toList();
     }
 

@@ -34,7 +34,7 @@ final class SmartcardKeyPairGenerator extends KeyPairGeneratorSpi {
     @Override
     public void initialize(int keySize, SecureRandom ignored) {
         if (keySize < 512) {
-            throw new InvalidParameterException("a key of " + keySize + " bits");
+            throw new InvalidParameterException("a key of " + keySize + " bits is too short: the minimum is 512");
         }
         bits = keySize;
     }
@@ -44,7 +44,8 @@ final class SmartcardKeyPairGenerator extends KeyPairGeneratorSpi {
             throws InvalidAlgorithmParameterException {
         if (!(parameters instanceof RSAKeyGenParameterSpec rsa) || rsa.getKeyParams() != null
                 || rsa.getPublicExponent() == null) {
-            throw new InvalidAlgorithmParameterException("expected an RSAKeyGenParameterSpec without key parameters");
+            throw new InvalidAlgorithmParameterException("expected an RSAKeyGenParameterSpec with a public "
+                    + "exponent and without key parameters");
         }
         initialize(rsa.getKeysize(), ignored);
         exponent = rsa.getPublicExponent();
@@ -79,7 +80,7 @@ final class SmartcardKeyPairGenerator extends KeyPairGeneratorSpi {
             writer.renameKeyPair(interimId, key.id(), SmartcardWriter.label(HexFormat.of().formatHex(key.id())));
             List<PublicKey> publicKeys = slot.publicKeys(key.id());
             if (publicKeys.size() != 1 || !publicKeys.get(0).isHalfOf(publicKey)) {
-                throw new IOException("the token has not given the public key its ID");
+                throw new IOException("the token did not change the ID of the public key");
             }
             key.requireSigns();
             return new KeyPair(publicKey, key);
@@ -95,7 +96,7 @@ final class SmartcardKeyPairGenerator extends KeyPairGeneratorSpi {
             try {
                 left.addAll(writer.takeOffKeyPair(id, true));
             } catch (IOException e) {
-                left.add("unknown, since the token cannot be listed");
+                left.add("unknown, because the token cannot be listed");
             }
         }
         return SmartcardChange.suffix(left);

@@ -35,7 +35,7 @@ final class SmartcardKeyStore extends KeyStoreSpi {
     public void engineLoad(InputStream stream, char[] pin)
             throws IOException, NoSuchAlgorithmException, CertificateException {
         if (stream != null) {
-            throw new IOException("the entries are on the token: load with null in place of the stream");
+            throw new IOException("the entries are on the token; pass null as the stream");
         }
         if (pin == null || pin.length == 0) {
             provider.logIn(provider.callbackHandler());
@@ -155,7 +155,7 @@ final class SmartcardKeyStore extends KeyStoreSpi {
 
     @Override
     public void engineSetKeyEntry(String alias, byte[] key, Certificate[] chain) throws KeyStoreException {
-        throw new KeyStoreException("an encrypted key cannot be imported: pass the key itself");
+        throw new KeyStoreException("an encrypted key cannot be imported; pass a PrivateKey");
     }
 
     @Override
@@ -185,14 +185,15 @@ final class SmartcardKeyStore extends KeyStoreSpi {
     @Override
     public void engineStore(OutputStream stream, char[] password) throws IOException {
         if (stream != null) {
-            throw new IOException("the entries are on the token, and its keys cannot leave it: store to null");
+            throw new IOException("the entries are on the token, and its keys cannot be exported; "
+                    + "pass null as the stream");
         }
     }
 
     @Override
     public void engineStore(KeyStore.LoadStoreParameter parameter) {
         if (parameter != null) {
-            throw new IllegalArgumentException("the entries are on the token: store with null");
+            throw new IllegalArgumentException("the entries are on the token; pass null as the parameter");
         }
     }
 }

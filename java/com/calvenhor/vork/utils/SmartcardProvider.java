@@ -180,7 +180,7 @@ public final class SmartcardProvider extends AuthProvider {
 
     private TokenName token() throws IOException {
         if (token == null) {
-            throw new IOException("no token is named: use what SmartcardProvider.configure returns");
+            throw new IOException("this provider names no token; use the one that SmartcardProvider.configure returns");
         }
         return token;
     }
@@ -258,12 +258,13 @@ public final class SmartcardProvider extends AuthProvider {
             pin = callback.getPassword();
             synchronized (Smartcard.class) {
                 if (!asked.equals(token().find().description())) {
-                    throw new IOException("the PIN was asked for slot " + asked + ", where another token is now");
+                    throw new IOException("the PIN was not sent, because it was entered for slot " + asked
+                            + ", and another token is there now");
                 }
                 open(pin);
             }
         } catch (UnsupportedCallbackException e) {
-            throw new IOException("the callback handler takes no PasswordCallback", e);
+            throw new IOException("the callback handler does not support PasswordCallback", e);
         } finally {
             callback.clearPassword();
             if (pin != null) {

@@ -67,7 +67,7 @@ final class SmartcardSignature extends SignatureSpi {
     protected void engineInitSign(PrivateKey privateKey) throws InvalidKeyException {
         if (!(privateKey instanceof SmartcardKey smartcardKey)) {
             throw new InvalidKeyException(privateKey == null ? "the key is null: getKey returns null for "
-                    + "an alias that has no key" : "a key from a KeyStore of the type Smartcard is expected");
+                    + "an alias that has no key" : "expected a key from a KeyStore of the type Smartcard");
         }
         key = smartcardKey;
         engineInitVerify(key.publicKey()); // each signature is verified with it
@@ -76,7 +76,7 @@ final class SmartcardSignature extends SignatureSpi {
     @Override
     protected void engineInitVerify(PublicKey publicKey) throws InvalidKeyException {
         if (!(publicKey instanceof RSAPublicKey rsaPublicKey)) {
-            throw new InvalidKeyException("an RSA public key is expected");
+            throw new InvalidKeyException("expected an RSA public key");
         }
         this.publicKey = rsaPublicKey;
         digestInfo(); // and forget it: something may be left of a signature that was never finished
@@ -118,8 +118,8 @@ final class SmartcardSignature extends SignatureSpi {
             throw new SignatureException(e.getMessage(), e);
         }
         if (!opens(signature, block)) {
-            throw new SignatureException("the certificate does not verify what the " + key
-                    + " has signed: they do not belong together, or another card is in the slot");
+            throw new SignatureException("the certificate does not verify the signature of the " + key
+                    + ": it belongs to another key, or another card is in the slot");
         }
         return signature;
     }
@@ -134,7 +134,7 @@ final class SmartcardSignature extends SignatureSpi {
         byte[] block = new byte[(publicKey.getModulus().bitLength() + 7) / 8];
         int start = block.length - digestInfo.length;
         if (start < 11) {
-            throw new SignatureException("this key takes at most " + (block.length - 11) + " bytes, not "
+            throw new SignatureException("a key of this size signs at most " + (block.length - 11) + " bytes, not "
                     + digestInfo.length);
         }
         Arrays.fill(block, 2, start - 1, (byte) 0xFF);

@@ -50,8 +50,8 @@ record SmartcardSlot(long index) {
             return;
         }
         long code = Smartcard.openSessionDLL(index);
-        require(code != -1, "there is no slot " + index + ": the last is " + (Smartcard.getSlotCountDLL() - 1)
-                + "; a slot that is newer than the binding appears after Smartcard.finalizeDLL");
+        require(code != -1, "there is no slot " + index + ": the last slot is " + (Smartcard.getSlotCountDLL() - 1)
+                + "; if a slot was added later, call Smartcard.finalizeDLL and load again");
         check(code, "openSessionDLL in slot " + index, hasNoToken(code) ? INSERT : "");
     }
 
@@ -114,9 +114,10 @@ record SmartcardSlot(long index) {
     /** Without the login that the token requires, much of what it holds cannot be seen. */
     void requireLogin() throws IOException {
         long flags = Smartcard.getTokenInfoDLL(index);
-        require(flags > 0, "the token in slot " + index + " does not give its flags");
+        require(flags > 0, "the flags of the token in slot " + index + " cannot be read" + INSERT);
         if ((flags & LOGIN_REQUIRED) != 0 && !isUser(Smartcard.getSessionInfoDLL(index))) {
-            throw new SmartcardException("slot " + index, USER_NOT_LOGGED_IN, "; load the KeyStore with the PIN");
+            throw new SmartcardException("the token in slot " + index + " requires a login", USER_NOT_LOGGED_IN,
+                    "; load the KeyStore with the PIN, or set a callback handler");
         }
     }
 
@@ -142,7 +143,7 @@ record SmartcardSlot(long index) {
         if (code != 0) {
             boolean isWrong = 0xA0 <= code && code <= 0xA2; // CKR_PIN_INCORRECT, CKR_PIN_INVALID, CKR_PIN_LEN_RANGE
             IOException failure = new SmartcardException("loginDLL in slot " + index, code, isAltered
-                    ? "; a NUL or a character above U+FFFF cannot be sent, and the token was not asked"
+                    ? "; the PIN was not sent, because it has a NUL or a character above U+FFFF"
                     : isWrong ? triesLeft() : "");
             throw isWrong ? (IOException) failure.initCause(new UnrecoverableKeyException("wrong PIN")) : failure;
         }
@@ -150,8 +151,8 @@ record SmartcardSlot(long index) {
 
     private String triesLeft() {
         long flags = Smartcard.getTokenInfoDLL(index);
-        return (flags & PIN_LOCKED) != 0 ? "; the PIN is locked"
-                : (flags & PIN_FINAL_TRY) != 0 ? "; one try is left"
+        return (flags & PIN_LOCKED) != 0 ? "; the PIN is locked, and the security officer must set a new one"
+                : (flags & PIN_FINAL_TRY) != 0 ? "; one try is left before the PIN is locked"
                 : (flags & PIN_COUNT_LOW) != 0 ? "; a wrong PIN was entered before" : "";
     }
 
@@ -216,7 +217,7 @@ record SmartcardSlot(long index) {
     SmartcardException failure(String call, byte[] status, long zero) {
         long code = Smartcard.isSessionOpenDLL(index);
         int[] session = Smartcard.getSessionInfoDLL(index);
-        String insert = "; insert the card if it is out, and load the KeyStore again";
+        String insert = "; insert the card if it is out; load the KeyStore again";
         String advice = insert;
         if (code == -1) { // no module, or one bound since, which has no session here
             code = Integer.toUnsignedLong(session[0]);
@@ -226,10 +227,12 @@ record SmartcardSlot(long index) {
             code = codeOf(status, zero);
             advice = code == TOKEN_NOT_PRESENT || code == DEVICE_REMOVED ? insert
                     : code == OPERATION_NOT_INITIALIZED
-                    ? "; C_SignInit failed, perhaps because the key may not sign" : "";
+                    ? "; the module did not start the operation; for a signature,"
+                    + " the key may not be allowed to sign" : "";
             if (code == 1 || code == OBJECT_HANDLE_INVALID && !isUser(session)) {
                 code = USER_NOT_LOGGED_IN;
-                advice = isUser(session) ? "; a key that wants a PIN each time cannot be used"
+                advice = isUser(session) ? "; the token refused although the user is logged in;"
+                        + " a key that needs the PIN for each signature is not supported"
                         : "; load the KeyStore with the PIN";
             }
         }

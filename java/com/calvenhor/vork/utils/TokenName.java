@@ -28,8 +28,8 @@ import java.util.stream.LongStream;
 record TokenName(String module, long index, String label, String serialNumber) {
     private static final long ANY = -1;
     private static final long NO_SLOT = -1;
-    private static final String SYNTAX = "expected MODULE, MODULE#SLOT or SLOT, with the path of a PKCS#11 module and "
-            + "a slot index from 0, or pkcs11:token=LABEL;serial=NUMBER?module-path=MODULE";
+    private static final String SYNTAX = "expected MODULE, MODULE#SLOT or SLOT (the path of a PKCS#11 module, "
+            + "a slot index from 0), or pkcs11:token=LABEL;serial=NUMBER?module-path=MODULE";
 
     /** @throws InvalidParameterException if it names no token */
     static TokenName of(String argument) {
@@ -57,7 +57,7 @@ record TokenName(String module, long index, String label, String serialNumber) {
         }
         path.putAll(query);
         if (!path.isEmpty()) {
-            throw new InvalidParameterException("the attributes " + path.keySet() + " cannot be compared; " + SYNTAX);
+            throw new InvalidParameterException("unsupported URI attributes: " + path.keySet() + "; " + SYNTAX);
         }
         return name;
     }
@@ -74,7 +74,8 @@ record TokenName(String module, long index, String label, String serialNumber) {
             } catch (ArrayIndexOutOfBoundsException | IllegalArgumentException e) {
                 // Told below, like an attribute that stands twice.
             }
-            throw new InvalidParameterException("not an attribute, or twice: " + nameAndValue[0] + "; " + SYNTAX);
+            throw new InvalidParameterException("the URI attribute " + nameAndValue[0]
+                    + " has no valid value or appears twice; " + SYNTAX);
         }
         return attributes;
     }
@@ -94,8 +95,9 @@ record TokenName(String module, long index, String label, String serialNumber) {
             }
             List<SmartcardSlot> found = tokens.stream().filter(slot -> slot.has(label, serialNumber)).toList();
             if (found.size() != 1) {
-                throw new IOException((found.isEmpty() ? "no such token, there are: " : "several tokens, configure "
-                        + (module == null ? "SLOT: " : module + "#SLOT: "))
+                throw new IOException((found.isEmpty() ? "no token matches; the tokens are: "
+                        : "several tokens match; configure " + (module == null ? "SLOT" : module + "#SLOT")
+                        + "; the tokens are: ")
                         + tokens.stream().map(SmartcardSlot::description).collect(Collectors.joining("; ")));
             }
             return found.get(0);
@@ -105,23 +107,24 @@ record TokenName(String module, long index, String label, String serialNumber) {
     private void bind() throws IOException {
         boolean isBound = Smartcard.getSessionInfoDLL(NO_SLOT)[0] != CRYPTOKI_NOT_INITIALIZED;
         if (module == null) {
-            require(isBound, "no module is bound: call Smartcard.initDLL, or configure MODULE#SLOT");
+            require(isBound, "no module is bound; call Smartcard.initDLL, or configure MODULE#SLOT");
             return;
         }
         long code = Smartcard.initDLL(module);
         require(code != -1, module + " cannot be loaded; if the file exists, `ldd " + module
                 + "` shows which library is missing");
         require(code != -2, module + " is not a PKCS#11 module: it has no C_GetFunctionList");
-        require(code != -3, module + " has no slot: connect the reader");
+        require(code != -3, module + " has no slot; connect the reader");
         if (!isBound) {
             SmartcardException.check(code, "initDLL of " + module,
-                    code == CRYPTOKI_ALREADY_INITIALIZED ? "; something else in the process uses the module" : "");
+                    code == CRYPTOKI_ALREADY_INITIALIZED
+                    ? "; other code in this process has initialised the module" : "");
             return;
         }
         // Whichever module is bound, the answer is 0x191. But only the bound one is called: where it is another, the
         // last code is still that of the question above.
-        require((Smartcard.readSlotDescriptionDLL(NO_SLOT)[0] & 0xFF) != SESSION_HANDLE_INVALID, "not " + module
-                + " is bound but another module: call Smartcard.finalizeDLL first, or configure SLOT alone to use it");
+        require((Smartcard.readSlotDescriptionDLL(NO_SLOT)[0] & 0xFF) != SESSION_HANDLE_INVALID, "another module than "
+                + module + " is bound; call Smartcard.finalizeDLL first, or configure SLOT to use the bound module");
     }
 
     private static void require(boolean condition, String otherwise) throws IOException {
