@@ -1,39 +1,51 @@
 package com.calvenhor.vork.utils;
 
 /**
- * Smart cards and USB tokens, through the PKCS#11 module of the card's vendor. For {@code java.security}, and so for
- * {@code keytool}, {@code jarsigner} and libraries that sign PDF or XML, see {@link SmartcardProvider}.
+ * The native methods for smart cards and USB tokens. They call the PKCS#11 module of the card's vendor, one module at a
+ * time. {@link SmartcardProvider} offers the same tokens to {@code java.security}, and so to {@code keytool},
+ * {@code jarsigner} and libraries that sign PDF or XML.
+ *
+ * <p>The methods by group:
+ * <ul>
+ * <li>{@link #initDLL Module}: {@code initDLL}, {@code getSlotCountDLL}, {@code finalizeDLL}
+ * <li>{@link #getSlotInfoDLL Slots, tokens and mechanisms}: {@code get...InfoDLL}, {@code readSlotDescriptionDLL},
+ *     {@code readCard...DLL}, {@code getSupportedMechanismListDLL}, {@code waitForSlotEventDLL}
+ * <li>{@link #openSessionDLL Sessions and PINs}: {@code ...Session...DLL}, {@code loginDLL}, {@code logoutDLL},
+ *     {@code changePINDLL}, {@code initTokenDLL}, {@code initUserPINDLL}
+ * <li>{@link #readAllCertificatesDLL Reading}: {@code read...DLL}, {@code isCardEmptyDLL},
+ *     {@code getObjectCountInTheTokenDLL}
+ * <li>{@link #writeCertificateDLL Writing}: {@code write...DLL}, {@code setCertificateLabelDLL},
+ *     {@code updateKeyPairIDAndLabelDLL}
+ * <li>{@link #deletePrivateKeyDLL Deleting}: {@code delete...DLL}
+ * <li>{@link #signWithIDDLL Using keys}: {@code sign...DLL}, {@code generateKeyPairDLL}, {@code decryptDLL}
+ * </ul>
  *
  * <h2>Order of use</h2>
- * {@link #initDLL initDLL} loads the vendor's module and reads its slots, once. From then on a slot is named by its
- * <em>slot index</em>, its position in that list: 0 up to {@link #getSlotCountDLL getSlotCountDLL} - 1.
  * <ol>
- * <li>Slot, token and mechanism queries, and {@link #initTokenDLL initTokenDLL}, need only a slot.
- * <li>Everything else works in the slot's session: {@link #openSessionDLL openSessionDLL} first. Each slot has one,
- *     and it is read/write.
- * <li>Private objects, as the private keys written or generated here are, can be seen, used and made only after
- *     {@link #loginDLL loginDLL} as user. Most tokens want the login for every change.
- * <li>At the end {@link #logoutDLL logoutDLL}, {@link #closeSessionDLL closeSessionDLL} and
- *     {@link #finalizeDLL finalizeDLL}.
+ * <li>{@link #initDLL} binds the module and reads its list of slots. A <em>slot index</em> is a position in that list,
+ *     from 0 to {@link #getSlotCountDLL} - 1.
+ * <li>{@link #openSessionDLL} opens the slot's only session, which is read/write. Slot, token and mechanism queries and
+ *     {@link #initTokenDLL} need no session; everything else does.
+ * <li>{@link #loginDLL} as user gives access to private objects, such as private keys written or generated here. Most
+ *     tokens require it for every change.
+ * <li>{@link #finalizeDLL} ends all logins and sessions.
  * </ol>
  * <pre>{@code
  * if (Smartcard.initDLL("/usr/lib/vendor/pkcs11.so") != 0) ...
  * if (Smartcard.openSessionDLL(0) != 0) ...
  * if (Smartcard.loginDLL(0, pin, 1) != 0) ...
  * byte[] signature = Smartcard.signWithIDDLL(0, digestInfo, keyId);
- * if (signature.length == 1) ... // not a signature but a status: see Results
+ * if (signature.length == 1) ... // a status: see Results and failures
  * Smartcard.logoutDLL(0);
  * Smartcard.closeSessionDLL(0);
  * Smartcard.finalizeDLL();
  * }</pre>
  *
  * <h2>Threads</h2>
- * Any thread may call, also a virtual one. All methods are synchronized on this class, so calls wait for each other,
- * whatever the slot: the module is initialised for one call at a time. A PIN pad that waits for its user, or
- * {@link #waitForSlotEventDLL waitForSlotEventDLL}, makes every other call wait. To notice cards, call {@link
- * #getSlotInfoDLL getSlotInfoDLL} and {@link #readCardSerialNumberDLL readCardSerialNumberDLL} from time to time.
- * <p>Another thread may run between two calls: it may delete what a listing has found, and a login or a logout applies
- * to all threads. Hold the lock over steps that belong together:
+ * Any thread may call, also a virtual one. All methods are synchronized on this class, because the module is
+ * initialised for one call at a time. A call that waits for a PIN pad blocks all others, on any slot.
+ * <p>Between two calls another thread may delete an object that a listing returned. A login or a logout applies to all
+ * threads. Hold the lock over steps that belong together:
  * <pre>{@code
  * synchronized (Smartcard.class) {
  *     if (Smartcard.loginDLL(0, pin, 1) == 0) {
@@ -43,46 +55,59 @@ package com.calvenhor.vork.utils;
  * }
  * }</pre>
  *
- * <h2>Results</h2>
- * Nothing is thrown but an {@link OutOfMemoryError} of the virtual machine; where one would be due, a virtual machine
- * that finds no memory to lend out an array or a string may also throw nothing, and an array result is {@code null}.
- * Any other failure comes back in one of these forms:
+ * <h2>Results and failures</h2>
+ * The methods throw only {@link OutOfMemoryError}. Any other failure is a result:
  * <dl>
- * <dt>A number
- * <dd>0 is success (CKR_OK), a positive number the PKCS#11 code (CK_RV) of the call that failed, and a negative one
- *     comes from this library. -1: the slot index is out of range, or the slot never had a session (a method that needs
- *     one); {@link #initDLL initDLL} has meanings of its own for -1, -2 and -3. A session that is closed is known only
- *     to the module, which answers CKR_SESSION_HANDLE_INVALID (0xB3).
- * <dt>A <em>status byte array</em>, in place of a {@code byte[]}
- * <dd>One element, the low 8 bits of a code: {@code status[0] & 0xFF}. CKR_PIN_INCORRECT (0xA0) reads 0xA0,
- *     CKR_USER_NOT_LOGGED_IN (0x101) reads 1. Data is told from it by its length alone: data of one byte looks the
- *     same, so give objects IDs and labels of at least two bytes.
- * <dt>A {@code byte[][]}
- * <dd>Element 0 is always a status byte array; 0 in it means that the listing is whole. On failure the result has that
- *     one element, or its full length with null in the places not reached. A code whose low 8 bits are 0
- *     (CKR_FUNCTION_REJECTED, 0x200) looks like success: nulls give it away, but a result of one element then reads
- *     like that of an empty token.
+ * <dt>A <em>result code</em> ({@code long})
+ * <dd>0 is success, and a positive number the code (CK_RV) of the PKCS#11 call that failed. -1 means that the slot
+ *     index is out of range or, if the method needs a session, that the slot never had one. After a session was closed,
+ *     the code is CKR_SESSION_HANDLE_INVALID (0xB3).
+ * <dt>A <em>status</em>, in place of another {@code byte[]}
+ * <dd>One byte, the low 8 bits of a code: {@code status[0] & 0xFF}. CKR_PIN_INCORRECT (0xA0) becomes 0xA0,
+ *     CKR_USER_NOT_LOGGED_IN (0x101) becomes 1. Only the length distinguishes a status from data: give objects IDs and
+ *     labels of at least two bytes.
+ * <dt>A <em>listing</em> ({@code byte[][]})
+ * <dd>Element 0 is a status; 0 means complete. The values of the first object follow, then those of the second, and so
+ *     on. On failure the listing has only element 0, or null for each value that was not read. A code whose low 8 bits
+ *     are 0, such as CKR_FUNCTION_REJECTED (0x200), looks like success. Nulls reveal it, but a listing of one element
+ *     then looks like that of an empty token.
  * </dl>
- * Codes that many methods share, in whatever form: CKR_ARGUMENTS_BAD (0x07) for a null string or array;
- * CKR_HOST_MEMORY (0x02) when there is no memory for the call; and from methods without the -1 that tell the code of
- * what failed, CKR_CRYPTOKI_NOT_INITIALIZED (0x190) when no module is bound, and for a slot index out of range what a
- * module says of an unknown slot or session: CKR_SLOT_ID_INVALID (0x03), CKR_SESSION_HANDLE_INVALID (0xB3).
+ * Many methods share these codes:
+ * <ul>
+ * <li>CKR_ARGUMENTS_BAD (0x07): a string or an array is null.
+ * <li>CKR_HOST_MEMORY (0x02): there is no memory for the call. An array result may then also be {@code null}, if the
+ *     JVM could not pass an array or a string and threw nothing.
+ * <li>CKR_CRYPTOKI_NOT_INITIALIZED (0x190): no module is bound. Methods that check the slot index return -1.
+ * <li>CKR_SLOT_ID_INVALID (0x03) or CKR_SESSION_HANDLE_INVALID (0xB3): the slot index is out of range (methods without
+ *     the -1).
+ * </ul>
+ *
+ * <h2>Strings and byte arrays</h2>
+ * The module gets a PIN as modified UTF-8: one byte for each ASCII letter or digit. A PIN length is the number of these
+ * bytes to use. A length that is negative or beyond the string returns CKR_PIN_LEN_RANGE (0xA2). The library keeps no
+ * PIN and no key.
+ * <p>IDs and labels are plain bytes; by convention a label is UTF-8. Certificates, names and serial numbers (INTEGER
+ * with tag and length) are DER, RSA numbers big-endian without a sign byte. Nothing is parsed or checked.
  *
  * <h2>Objects</h2>
- * A certificate and its keys belong together by an equal ID (CKA_ID), and usually carry the same label. IDs and labels
- * are plain bytes; a label is UTF-8 by convention. Nothing is parsed or checked: names and serial numbers are DER, as
- * PKCS#11 wants them, RSA numbers big-endian without a sign byte. Writing never looks for what is there: writing twice
- * makes two objects. Searches see session objects as well as token objects unless it is said otherwise, and "the first"
- * is the first that the module's search yields.
+ * A certificate and its keys have the same ID (CKA_ID), and usually the same label. Writing does not look for existing
+ * objects: writing twice creates two. "The first" object is the first that the module's search returns. Searches find
+ * token objects and session objects, unless the method names token objects. Keys are of any type, unless the method
+ * names RSA.
  *
- * <h2>PINs</h2>
- * A PIN reaches the module as the string's modified UTF-8 bytes, which for ASCII letters and digits is one byte a
- * character. Where a method takes a length, it is the number of those bytes to use: fewer than the string has are
- * passed on as given, a negative number or more than it has is refused with CKR_PIN_LEN_RANGE (0xA2). The library
- * keeps no PIN and no key.
+ * <h2>Native library</h2>
+ * The first use of this class loads {@code libsmartcard.so} from the path in the system property
+ * {@code smartcard.library} if that is set, and from nowhere else; otherwise from the jar or, if that fails, from
+ * {@code java.library.path}. An {@link UnsatisfiedLinkError} names each place that failed and why.
+ * <p>From JDK 24 on, start the JVM with {@code --enable-native-access=ALL-UNNAMED}, or on the module path with
+ * {@code --enable-native-access=com.calvenhor.vork.utils}. Otherwise the JVM prints a warning, or refuses to load the
+ * library if it denies native access.
  *
- * <p>The library writes traces to standard output. Labels, IDs and certificates show in them; PINs, key components and
- * data to sign do not.
+ * <h2>Traces</h2>
+ * The library writes traces to standard output: descriptor 1, whatever {@link System#setOut System.setOut} says. They
+ * show labels, IDs and certificates, but no PIN, key component or data to sign. There is no way to switch the traces
+ * off. Start the JVM with standard output redirected. A program whose output is data writes it to another descriptor,
+ * as {@code docs/using.md} shows.
  */
 public final class Smartcard {
     static {
@@ -92,391 +117,375 @@ public final class Smartcard {
     private Smartcard() {
     }
 
-    // ---- The module ----
+    // ---- Module ----
 
     /**
-     * Loads and initialises a PKCS#11 module and reads its slots, with or without a token in them. The list is not
-     * read again: a slot that appears later is seen after {@link #finalizeDLL finalizeDLL} and another call.
-     * While a module is bound a further call changes nothing, whatever it answers: 0x191 for another module, which is
-     * refused before any of its functions is called, and from the same one, but 0 from one that lets itself be
-     * initialised twice, and -1 or -2 as ever.
+     * Loads and initialises a PKCS#11 module and reads its slots, with or without a token. Slots that appear later are
+     * seen after {@link #finalizeDLL} and another call.
+     * <p>While a module is bound, a call changes nothing. It refuses another module with 0x191 before it calls any of
+     * that module's functions. For the same module it returns the module's code, which is 0 if the module allows a
+     * second initialisation.
      *
      * @param modulePath path of the module, or a file name for the system's library search
-     * @return 0; -1 if the file cannot be loaded ({@code ldd} shows a library that it lacks); -2 if it has no
-     *         C_GetFunctionList; -3 if the module has no slot; or the module's code, CKR_CRYPTOKI_ALREADY_INITIALIZED
-     *         (0x191) if it is in use already, by this class or by anything else in the process
+     * @return <ul>
+     *         <li>0
+     *         <li>-1: the file cannot be loaded ({@code ldd} shows a missing library)
+     *         <li>-2: the file has no C_GetFunctionList
+     *         <li>-3: the module has no slot
+     *         <li>the module's code; CKR_CRYPTOKI_ALREADY_INITIALIZED (0x191) if this class or other code in the
+     *             process uses it
+     *         </ul>
      */
     public static synchronized native long initDLL(String modulePath);
 
     /**
-     * {@return the number of slots, as last read from a module: 0 before the first {@code initDLL}; after one that
-     * failed before it read it, and after {@code finalizeDLL}, still the earlier one}
+     * {@return the number of slots that {@code initDLL} last read from a module; 0 if it never did} {@code finalizeDLL}
+     * and an {@code initDLL} that fails before it reads the number do not change it.
      */
     public static synchronized native long getSlotCountDLL();
 
     /**
      * Ends all sessions and logins and unloads the module.
      *
-     * @return 0 or the module's code; CKR_CRYPTOKI_NOT_INITIALIZED (0x190) if none is bound
+     * @return 0 or the module's code
      */
     public static synchronized native long finalizeDLL();
 
-    // ---- Slots and tokens ----
+    // ---- Slots, tokens and mechanisms ----
 
     /**
      * {@return the slot's flags: 1 CKF_TOKEN_PRESENT, 2 CKF_REMOVABLE_DEVICE, 4 CKF_HW_SLOT; -1 on any failure}
-     *
      * @param slotIndex the slot
      */
     public static synchronized native long getSlotInfoDLL(long slotIndex);
 
     /**
-     * {@return the first 32 of the 64 bytes of the slot's description, filled up with blanks; or a status byte array}
-     * For a slot index out of range, as every index is while no module is bound, the status is the code of the last
-     * module call of any method, 0 if that succeeded or there was none. What the library refused in the module's place
-     * counts as a call, but a {@code finalizeDLL} without a module does not.
-     *
+     * {@return the first 32 of the 64 bytes of the slot's description, padded with blanks; or a status} If the slot
+     * index is out of range or no module is bound, the status is the code of the last module call of any method; 0 if
+     * there was none. Calls refused because no module was bound count, but not {@code finalizeDLL}.
      * @param slotIndex the slot
      */
     public static synchronized native byte[] readSlotDescriptionDLL(long slotIndex);
 
     /**
-     * {@return the token's flags, such as 4 CKF_LOGIN_REQUIRED, 8 CKF_USER_PIN_INITIALIZED, 0x400 CKF_TOKEN_INITIALIZED
-     * and 0x40000 CKF_USER_PIN_LOCKED; 0 if there is no token or the query fails; -1 for a bad slot index}
+     * Returns the token's flags, such as 4 CKF_LOGIN_REQUIRED, 8 CKF_USER_PIN_INITIALIZED, 0x400 CKF_TOKEN_INITIALIZED
+     * and 0x40000 CKF_USER_PIN_LOCKED.
      *
      * @param slotIndex the slot
+     * @return the flags; 0 if there is no token or the query fails; -1 if the slot index is out of range
      */
     public static synchronized native long getTokenInfoDLL(long slotIndex);
 
     /**
-     * {@return the token's label, 32 bytes filled up with blanks; or a status byte array}
-     *
+     * {@return the token's label, 32 bytes padded with blanks; or a status}
      * @param slotIndex the slot
      */
     public static synchronized native byte[] readCardLabelDLL(long slotIndex);
 
     /**
-     * {@return the token's serial number, 16 bytes filled up with blanks; or a status byte array}
-     *
+     * {@return the token's serial number, 16 bytes padded with blanks; or a status}
      * @param slotIndex the slot
      */
     public static synchronized native byte[] readCardSerialNumberDLL(long slotIndex);
 
     /**
-     * Blocks until a token is put into some slot or taken out; which one is not told. Every other method waits
-     * meanwhile, {@link #finalizeDLL finalizeDLL} included. Who wants to notice cards asks now and then instead:
+     * Blocks until a token is inserted or removed in any slot, and does not report which. All other methods wait
+     * meanwhile, {@link #finalizeDLL} included. To notice cards, poll instead:
      * <pre>{@code
-     * long flags = Smartcard.getSlotInfoDLL(slotIndex); // -1 if it cannot be told
-     * boolean isThere = flags > 0 && (flags & 1) != 0;
+     * long flags = Smartcard.getSlotInfoDLL(slotIndex); // -1 on failure
+     * boolean isPresent = flags > 0 && (flags & 1) != 0;
      * }</pre>
-     * A module may go on showing a token that is gone; its {@linkplain #readCardSerialNumberDLL serial number} it does
-     * not give then.
+     * Some modules report a removed token as present; {@link #readCardSerialNumberDLL} then fails.
      *
      * @param ignored any value
-     * @return 0 or the module's code; CKR_FUNCTION_NOT_SUPPORTED (0x54) from a module without slot events
+     * @return 0 or the module's code; CKR_FUNCTION_NOT_SUPPORTED (0x54) if the module has no slot events
      */
     public static synchronized native long waitForSlotEventDLL(long ignored);
 
-    // ---- Mechanisms ----
-
     /**
-     * {@return the flags of one mechanism of the token, such as 0x800 CKF_SIGN and 0x10000 CKF_GENERATE_KEY_PAIR; -1 if
-     * the token does not have it, or on any other failure}
-     *
+     * {@return the flags of a mechanism, such as 0x800 CKF_SIGN and 0x10000 CKF_GENERATE_KEY_PAIR; -1 if the token
+     * lacks the mechanism, or on any other failure}
      * @param slotIndex the slot
      * @param mechanismType a CKM_ value, such as 1 for CKM_RSA_PKCS
      */
     public static synchronized native long getMechanismInfoDLL(long slotIndex, long mechanismType);
 
     /**
-     * {@return the types (CKM_ values) of the token's mechanisms in the module's order; empty if it cannot tell how
-     * many} Each is the low 32 bits of its value, so that vendors' own types (0x80000000 and up) read as negative. If
-     * the module counts the types but then fails to list them, the result has that length and zeros.
-     *
+     * {@return the types (CKM_ values) of the token's mechanisms, in the module's order; empty if the module cannot
+     * count them, all 0 if it cannot list them} Each is the low 32 bits of its value: vendor types (0x80000000 and up)
+     * are negative.
      * @param slotIndex the slot
      */
     public static synchronized native int[] getSupportedMechanismListDLL(long slotIndex);
 
-    // ---- Sessions ----
+    // ---- Sessions and PINs ----
 
     /**
-     * Opens a read/write session on the slot. An earlier session of the slot is forgotten, not closed.
+     * Opens a read/write session on the slot. An earlier one is no longer used, but stays open until
+     * {@link #closeSessionDLL}.
      *
      * @param slotIndex the slot
-     * @return 0, -1 or the module's code, such as CKR_TOKEN_NOT_PRESENT (0xE0)
+     * @return a result code, such as CKR_TOKEN_NOT_PRESENT (0xE0)
      */
     public static synchronized native long openSessionDLL(long slotIndex);
 
     /**
-     * Closes every session of this application <em>on every slot</em>, and so ends the logins.
+     * Closes all sessions of this application <em>on every slot</em>, which also ends the logins.
      *
      * @param slotIndex a slot that had a session
-     * @return -1, or the code of closing the last slot's sessions; no other failure shows
+     * @return -1, or the code of closing the sessions of the last slot; other failures are not reported
      */
     public static synchronized native long closeSessionDLL(long slotIndex);
 
     /**
-     * {@return 0 if the slot's session is open; -1 if it never had one; otherwise the module's code,
-     * CKR_SESSION_HANDLE_INVALID (0xB3) after a close}
-     *
+     * {@return a result code: 0 if the slot's session is open, CKR_SESSION_HANDLE_INVALID (0xB3) after it was closed}
      * @param slotIndex the slot
      */
     public static synchronized native long isSessionOpenDLL(long slotIndex);
 
     /**
-     * {@return four numbers: state (CKS_: 2 public, 3 user, 4 security officer), flags, the module's slot ID, device
-     * error; on failure the module's code, -1, -1, -1} Each is the low 32 bits of its value.
-     *
+     * {@return state, flags, the module's slot ID, device error; on failure the code, -1, -1, -1} The state is 2
+     * public, 3 user or 4 security officer (CKS_ values). Each number is the low 32 bits of its value.
      * @param slotIndex the slot
      */
     public static synchronized native int[] getSessionInfoDLL(long slotIndex);
 
-    // ---- Login and PINs ----
-
     /**
-     * Logs in on the token, for all its sessions. Tokens count wrong PINs, and lock.
+     * Logs in to the token, for all its sessions. Tokens count wrong PINs and lock.
      *
-     * @param slotIndex a slot with a session
-     * @param pin the PIN; null lets the token ask for it by itself, at a PIN pad for example
+     * @param slotIndex the slot
+     * @param pin the PIN; null if the token asks for it itself, for example at a PIN pad
      * @param userType 0 security officer, 1 user, 2 context specific
-     * @return 0, -1 or the module's code, such as CKR_PIN_INCORRECT (0xA0), CKR_PIN_LOCKED (0xA4) or
-     *         CKR_USER_ALREADY_LOGGED_IN (0x100)
+     * @return a result code, such as CKR_PIN_INCORRECT (0xA0), CKR_PIN_LOCKED (0xA4) or CKR_USER_ALREADY_LOGGED_IN
+     *         (0x100)
      */
     public static synchronized native long loginDLL(long slotIndex, String pin, long userType);
 
     /**
-     * Logs out from the token, for all its sessions.
+     * Logs out of the token, for all its sessions.
      *
-     * @param slotIndex a slot with a session
-     * @return 0, -1 or the module's code
+     * @param slotIndex the slot
+     * @return a result code
      */
     public static synchronized native long logoutDLL(long slotIndex);
 
     /**
-     * Changes the PIN of whoever is logged in; the user's when nobody is.
+     * Changes the PIN of the user or security officer who is logged in; without a login, the user's.
      *
-     * @param slotIndex a slot with a session
+     * @param slotIndex the slot
      * @param oldPin the present PIN
      * @param oldPinLength bytes of {@code oldPin} to use
-     * @param newPin the PIN from now on
+     * @param newPin the new PIN
      * @param newPinLength bytes of {@code newPin} to use
-     * @return 0, -1 or the module's code
+     * @return a result code
      */
     public static synchronized native long changePINDLL(long slotIndex, String oldPin, long oldPinLength, String newPin,
             long newPinLength);
 
     /**
-     * Initialises the token under the label "YENIKART": <em>everything on it is destroyed</em>, and the user has no PIN
-     * until {@link #initUserPINDLL initUserPINDLL}. The token must have no open session. A module may move the token to
-     * another slot; then bind it anew.
+     * Initialises the token and <em>destroys everything on it</em>. The label is fixed: YENIKART. The user has no PIN
+     * until {@link #initUserPINDLL}. The token must have no open session. If the module moves it to another slot, bind
+     * the module again.
      *
-     * @param slotIndex the slot; it needs no session
-     * @param soPin the security officer's PIN, the present one of a token that has one
+     * @param slotIndex the slot
+     * @param soPin the security officer's PIN; the present one if the token has one
      * @param soPinLength bytes of {@code soPin} to use
-     * @return 0, -1 or the module's code, such as CKR_SESSION_EXISTS (0xB6)
+     * @return a result code, such as CKR_SESSION_EXISTS (0xB6)
      */
     public static synchronized native long initTokenDLL(long slotIndex, String soPin, long soPinLength);
 
     /**
      * Sets the user's PIN, after a login as security officer.
      *
-     * @param slotIndex a slot with a session
-     * @param pin the user's PIN from now on
+     * @param slotIndex the slot
+     * @param pin the new PIN of the user
      * @param pinLength bytes of {@code pin} to use
-     * @return 0, -1 or the module's code
+     * @return a result code
      */
     public static synchronized native long initUserPINDLL(long slotIndex, String pin, long pinLength);
 
-    // ---- What is on the token ----
+    // ---- Reading ----
 
     /**
-     * {@return 0 if the session sees no object, 1 if it sees some, -1 for a bad slot index or a search that could not
-     * begin or could not end} Note the sense of the numbers. 0 also means that C_FindObjects failed. Private objects
-     * are seen only after a login.
+     * Reports whether the session sees any object. 0 means empty.
      *
-     * @param slotIndex a slot with a session
+     * @param slotIndex the slot
+     * @return 0 if it sees none or C_FindObjects failed; 1 if it sees some; -1 as in a result code, or if the search
+     *         could not begin or end
      */
     public static synchronized native long isCardEmptyDLL(long slotIndex);
 
     /**
-     * {@return the number of objects that the session sees, 20 at most; -1 for a bad slot index} A failing module is
-     * not told from an empty token.
-     *
-     * @param slotIndex a slot with a session
+     * {@return the number of objects that the session sees, at most 20, and 0 if the module fails; or -1 as in a result
+     * code}
+     * @param slotIndex the slot
      */
     public static synchronized native long getObjectCountInTheTokenDLL(long slotIndex);
 
     /**
-     * {@return the first X.509 certificate, DER; or a status byte array: 2 there is none or the search failed (or
-     * CKR_HOST_MEMORY), 0 the search failed after yielding it, 1 it could not be read}
+     * Returns the first X.509 certificate.
      *
-     * @param slotIndex a slot with a session
+     * @param slotIndex the slot
+     * @return the certificate; or a status:
+     *         <ul>
+     *         <li>2: there is none, the search failed, or memory is short
+     *         <li>0: the search failed after it returned the certificate
+     *         <li>1: the certificate could not be read
+     *         </ul>
      */
     public static synchronized native byte[] readCertificateDLL(long slotIndex);
 
     /**
-     * {@return the value of the first data object, which is where {@link #writeAttributeCertificateDLL} puts an
-     * attribute certificate; or a status byte array as in {@link #readCertificateDLL}}
-     *
-     * @param slotIndex a slot with a session
+     * {@return the value of the first data object, which {@link #writeAttributeCertificateDLL} writes; or a status as
+     * in {@link #readCertificateDLL}}
+     * @param slotIndex the slot
      */
     public static synchronized native byte[] readAttributeCertificateDLL(long slotIndex);
 
     /**
-     * Lists the X.509 certificates, three elements for each: certificate {@code k}, counted from 1, has its ID at
-     * {@code 3k - 2}, its label at {@code 3k - 1} and its DER encoding at {@code 3k}.
+     * Lists the ID, the label and the DER encoding of each X.509 certificate.
      *
-     * @param slotIndex a slot with a session
-     * @return the status and 3 elements a certificate; a certificate whose values cannot be read, or that is gone
-     *         since they were counted, leaves those read before it; any other failure gives the status alone
+     * @param slotIndex the slot
+     * @return a listing; it keeps the certificates before one that cannot be read or disappeared after the count, and
+     *         is the status alone after any other failure
      */
     public static synchronized native byte[][] readAllCertificatesDLL(long slotIndex);
 
     /**
-     * Lists the RSA public keys, four elements for each: key {@code k}, counted from 1, has its ID at {@code 4k - 3},
-     * its label at {@code 4k - 2}, its modulus at {@code 4k - 1} and its public exponent at {@code 4k}.
+     * Lists the ID, label, modulus and public exponent of each RSA public key.
      *
-     * @param slotIndex a slot with a session
-     * @return the status and 4 elements a key; a failure while the keys are counted, and a lack of memory at any time,
-     *         gives the status alone, a later failure keeps the keys read before it
+     * @param slotIndex the slot
+     * @return a listing; it is the status alone if the count fails or memory is short, and keeps the keys read before
+     *         any other failure
      */
     public static synchronized native byte[][] readAllRSAPublicKeysDLL(long slotIndex);
 
     /**
-     * Lists the RSA private keys, two elements for each: key {@code k}, counted from 1, has its ID at {@code 2k - 1}
-     * and its label at {@code 2k}. Private keys that are private objects appear only after a login.
+     * Lists the ID and the label of each RSA private key.
      *
-     * @param slotIndex a slot with a session
-     * @return the status and 2 elements a key; failures as in {@link #readAllRSAPublicKeysDLL}
+     * @param slotIndex the slot
+     * @return a listing; failures as in {@link #readAllRSAPublicKeysDLL}
      */
     public static synchronized native byte[][] readAllRSAPrivateKeysDLL(long slotIndex);
 
     /**
-     * {@return the ID of the first X.509 certificate; or a status byte array: 0 there is none or the search failed, 1
-     * it could not be read}
-     *
-     * @param slotIndex a slot with a session
+     * {@return the ID of the first X.509 certificate; or a status: 0 if there is none or the search failed, 1 if it
+     * could not be read}
+     * @param slotIndex the slot
      */
     public static synchronized native byte[] readCertificateIDDLL(long slotIndex);
 
     /**
-     * {@return the label of the first X.509 certificate; or a status byte array as in {@link #readCertificateIDDLL}}
-     *
-     * @param slotIndex a slot with a session
+     * {@return the label of the first X.509 certificate; or a status as in {@link #readCertificateIDDLL}}
+     * @param slotIndex the slot
      */
     public static synchronized native byte[] readCertificateLabelDLL(long slotIndex);
 
     /**
-     * {@return the ID of the first public key of any type; or a status byte array as in {@link #readCertificateIDDLL}}
-     *
-     * @param slotIndex a slot with a session
+     * {@return the ID of the first public key; or a status as in {@link #readCertificateIDDLL}}
+     * @param slotIndex the slot
      */
     public static synchronized native byte[] readPublicKeyIDDLL(long slotIndex);
 
     /**
-     * {@return the label of the first public key of any type; or a status byte array as in {@link
-     * #readCertificateIDDLL}}
-     *
-     * @param slotIndex a slot with a session
+     * {@return the label of the first public key; or a status as in {@link #readCertificateIDDLL}}
+     * @param slotIndex the slot
      */
     public static synchronized native byte[] readPublicKeyLabelDLL(long slotIndex);
 
     /**
-     * {@return the ID of the first private key of any type; or a status byte array as in {@link #readCertificateIDDLL}}
-     *
-     * @param slotIndex a slot with a session
+     * {@return the ID of the first private key; or a status as in {@link #readCertificateIDDLL}}
+     * @param slotIndex the slot
      */
     public static synchronized native byte[] readPrivateKeyIDDLL(long slotIndex);
 
     /**
-     * {@return the label of the first private key of any type; or a status byte array as in {@link
-     * #readCertificateIDDLL}}
-     *
-     * @param slotIndex a slot with a session
+     * {@return the label of the first private key; or a status as in {@link #readCertificateIDDLL}}
+     * @param slotIndex the slot
      */
     public static synchronized native byte[] readPrivateKeyLabelDLL(long slotIndex);
 
     // ---- Writing ----
 
     /**
-     * Puts an X.509 certificate on the token.
+     * Writes an X.509 certificate to the token.
      *
-     * @param slotIndex a slot with a session
-     * @param certificate the certificate, DER
-     * @param subject its subject, a DER Name
-     * @param issuer its issuer, a DER Name
-     * @param serialNumber its serial number, a DER INTEGER with tag and length
+     * @param slotIndex the slot
+     * @param certificate the certificate
+     * @param subject its subject
+     * @param issuer its issuer
+     * @param serialNumber its serial number
      * @param id the ID of the keys that it belongs to
      * @param label its label
-     * @return 0, -1 or the module's code
+     * @return a result code
      */
     public static synchronized native long writeCertificateDLL(long slotIndex, byte[] certificate, byte[] subject,
             byte[] issuer, byte[] serialNumber, byte[] id, byte[] label);
 
     /**
-     * Puts an attribute certificate on the token, as a data object without a label or any other mark.
+     * Writes an attribute certificate to the token, as a data object without a label or ID.
      *
-     * @param slotIndex a slot with a session
-     * @param attributeCertificate the attribute certificate, DER
-     * @return 0, -1 or the module's code
+     * @param slotIndex the slot
+     * @param attributeCertificate the attribute certificate
+     * @return a result code
      */
     public static synchronized native long writeAttributeCertificateDLL(long slotIndex, byte[] attributeCertificate);
 
     /**
-     * Puts an RSA public key on the token.
+     * Writes an RSA public key to the token.
      *
-     * @param slotIndex a slot with a session
+     * @param slotIndex the slot
      * @param modulus the modulus
      * @param publicExponent the public exponent
      * @param id the key's ID
      * @param label the key's label
-     * @return 0, -1 or the module's code
+     * @return a result code
      */
     public static synchronized native long writePublicKeyDLL(long slotIndex, byte[] modulus, byte[] publicExponent,
             byte[] id, byte[] label);
 
     /**
-     * Puts an RSA key pair on the token: a private key (private, sensitive, not extractable) and then its public key,
-     * after a login. Both are tried, and <em>only the public key's result comes back</em>: 0 does not mean that the
-     * private key was stored ({@link #readAllRSAPrivateKeysDLL} tells), and nothing is undone after a failure.
+     * Writes an RSA private key (private, sensitive, not extractable) and then its public key to the token, after a
+     * login. It tries both and <em>reports only the public key</em>: 0 does not mean that the private key was written.
+     * {@link #readAllRSAPrivateKeysDLL} shows that. A failure leaves the other key on the token.
      *
-     * @param slotIndex a slot with a session
+     * @param slotIndex the slot
      * @param modulus the modulus
      * @param publicExponent the public exponent
-     * @param privateExponent the private exponent
-     * @param prime1 the first prime, p
-     * @param prime2 the second prime, q
-     * @param exponent1 the private exponent modulo p - 1
-     * @param exponent2 the private exponent modulo q - 1
-     * @param coefficient the inverse of q modulo p
+     * @param privateExponent the private exponent d
+     * @param prime1 the prime p
+     * @param prime2 the prime q
+     * @param exponent1 d mod (p - 1)
+     * @param exponent2 d mod (q - 1)
+     * @param coefficient the inverse of q mod p
      * @param id the ID of both keys
      * @param label the label of both keys
-     * @return -1, or the code of creating the public key
+     * @return -1, or the code of writing the public key
      */
     public static synchronized native long writePrivateKeyDLL(long slotIndex, byte[] modulus, byte[] publicExponent,
             byte[] privateExponent, byte[] prime1, byte[] prime2, byte[] exponent1, byte[] exponent2, byte[]
             coefficient, byte[] id, byte[] label);
 
     /**
-     * Puts an identity on the token: an RSA private key, its public key and then its certificate, after a login. All
-     * three are tried, and <em>only the certificate's result comes back</em>, as in {@link #writePrivateKeyDLL}.
+     * Writes an RSA private key, its public key and then its certificate to the token, after a login. It tries all
+     * three and <em>reports only the certificate</em>, as in {@link #writePrivateKeyDLL}.
      *
-     * @param slotIndex a slot with a session
-     * @param certificate the certificate, DER
-     * @param subject its subject, a DER Name
-     * @param issuer its issuer, a DER Name
-     * @param serialNumber its serial number, a DER INTEGER with tag and length
+     * @param slotIndex the slot
+     * @param certificate the certificate
+     * @param subject its subject
+     * @param issuer its issuer
+     * @param serialNumber its serial number
      * @param modulus the modulus
      * @param publicExponent the public exponent
-     * @param privateExponent the private exponent
-     * @param prime1 the first prime, p
-     * @param prime2 the second prime, q
-     * @param exponent1 the private exponent modulo p - 1
-     * @param exponent2 the private exponent modulo q - 1
-     * @param coefficient the inverse of q modulo p
+     * @param privateExponent the private exponent d
+     * @param prime1 the prime p
+     * @param prime2 the prime q
+     * @param exponent1 d mod (p - 1)
+     * @param exponent2 d mod (q - 1)
+     * @param coefficient the inverse of q mod p
      * @param id the ID of all three objects
      * @param label the label of all three objects
-     * @return -1, or the code of creating the certificate
+     * @return -1, or the code of writing the certificate
      */
     public static synchronized native long writeCertificateAndPrivateKeyDLL(long slotIndex, byte[] certificate, byte[]
             subject, byte[] issuer, byte[] serialNumber, byte[] modulus, byte[] publicExponent, byte[] privateExponent,
@@ -487,113 +496,115 @@ public final class Smartcard {
      * Gives the first X.509 certificate the label of the first public key.
      *
      * @param ignored any array, or null: it is not read
-     * @param slotIndex a slot with a session
-     * @return -1, CKR_OBJECT_HANDLE_INVALID (0x82) if there is no certificate or no public key, or the code with which
-     *         they could not be looked for or the label not be read; otherwise that of ending the search, 0 even if
-     *         the token refused the label
+     * @param slotIndex the slot
+     * @return a result code:
+     *         <ul>
+     *         <li>CKR_OBJECT_HANDLE_INVALID (0x82): there is no certificate or no public key
+     *         <li>the code of a search or of reading the label, if that failed
+     *         <li>otherwise that of ending the search: 0 even if the token refused the label
+     *         </ul>
      */
     public static synchronized native long setCertificateLabelDLL(byte[] ignored, long slotIndex);
 
     /**
-     * Gives the token's first private key and first public key of an ID a new ID and label. A certificate keeps its
-     * own.
+     * Gives the first private and the first public key (token objects) that have an ID a new ID and label. A
+     * certificate keeps its own.
      *
-     * @param slotIndex a slot with a session
+     * @param slotIndex the slot
      * @param id the present ID
-     * @param newId the ID from now on
-     * @param newLabel the label from now on
-     * @return -1, or the code of changing the public key, CKR_OBJECT_HANDLE_INVALID (0x82) if there is none, or the
-     *         code with which it could not be looked for; how the private key fared does not show
+     * @param newId the new ID
+     * @param newLabel the new label
+     * @return a result code for the public key alone: of the search for it or of its change, or
+     *         CKR_OBJECT_HANDLE_INVALID (0x82) if there is none
      */
     public static synchronized native long updateKeyPairIDAndLabelDLL(long slotIndex, byte[] id, byte[] newId, byte[]
             newLabel);
 
-    // ---- Deletion ----
+    // ---- Deleting ----
 
     /**
-     * Destroys the first 20 objects of all kinds that the session sees. Call again until {@link #isCardEmptyDLL
-     * isCardEmptyDLL} answers 0, but not for ever: what the token refuses to destroy stays. Without a login private
-     * objects stay.
+     * Destroys the first 20 objects of any kind that the session sees. Repeat it until {@link #isCardEmptyDLL} returns
+     * 0, but not endlessly: objects that the token refuses to destroy stay. Without a login private objects stay.
      *
-     * @param slotIndex a slot with a session
-     * @return -1, or the code of ending the search: an object that could not be destroyed does not show
+     * @param slotIndex the slot
+     * @return -1, or the code of ending the search; a failure to destroy an object is not reported
      */
     public static synchronized native long deleteDLL(long slotIndex);
 
     /**
-     * Destroys the first X.509 certificate of the token that has all five values, byte for byte.
+     * Destroys the first X.509 certificate (token object) that has all five values, byte for byte.
      *
-     * @param slotIndex a slot with a session
-     * @param subject its subject, a DER Name
-     * @param issuer its issuer, a DER Name
+     * @param slotIndex the slot
+     * @param subject its subject
+     * @param issuer its issuer
      * @param serialNumber its serial number, as it was written
      * @param id its ID
      * @param label its label
-     * @return 0 also if there is none or the search failed; -1 or the module's code
+     * @return a result code; 0 also if there is no such certificate or the search failed
      */
     public static synchronized native long deleteCertificateDLL(long slotIndex, byte[] subject, byte[] issuer, byte[]
             serialNumber, byte[] id, byte[] label);
 
     /**
-     * Destroys the first public key of the token that has the ID.
+     * Destroys the first public key (token object) that has the ID.
      *
-     * @param slotIndex a slot with a session
+     * @param slotIndex the slot
      * @param id its ID
-     * @return 0 also if there is none or the search failed; -1 or the module's code
+     * @return a result code; 0 also if there is no such key or the search failed
      */
     public static synchronized native long deletePublicKeyDLL(long slotIndex, byte[] id);
 
     /**
-     * Destroys the first private key of the token that has the ID, after a login.
+     * Destroys the first private key (token object) that has the ID, after a login.
      *
-     * @param slotIndex a slot with a session
+     * @param slotIndex the slot
      * @param id its ID
-     * @return 0 also if there is none or the search failed; -1 or the module's code
+     * @return a result code; 0 also if there is no such key or the search failed
      */
     public static synchronized native long deletePrivateKeyDLL(long slotIndex, byte[] id);
 
     /**
-     * Destroys all X.509 certificates of the token, up to the first that cannot be destroyed.
+     * Destroys all X.509 certificates (token objects), and stops at the first that cannot be destroyed.
      *
-     * @param slotIndex a slot with a session
-     * @return 0, also if the search failed; -1 or the module's code
+     * @param slotIndex the slot
+     * @return a result code; 0 also if the search failed
      */
     public static synchronized native long deleteAllCertificatesDLL(long slotIndex);
 
-    // ---- Keys at work ----
+    // ---- Using keys ----
 
     /**
-     * Signs with the first private key, by CKM_RSA_PKCS: the data is padded as it is, without hashing (PKCS #1 v1.5,
-     * block type 1). For an ordinary signature it is a DER DigestInfo; at most the modulus's length less 11 bytes.
+     * Signs with the first private key, by CKM_RSA_PKCS: the data is padded without hashing (PKCS #1 v1.5, block type
+     * 1).
      *
-     * @param slotIndex a slot with a session
-     * @param data the data
-     * @return the signature, as long as the modulus; or a status byte array: 0 there is no key or the search failed,
-     *         otherwise the module's code
+     * @param slotIndex the slot
+     * @param data usually a DER DigestInfo; at most the length of the modulus less 11 bytes
+     * @return the signature, as long as the modulus; or a status: 0 if there is no key or the search failed, otherwise
+     *         the module's code
      */
     public static synchronized native byte[] signDLL(long slotIndex, byte[] data);
 
     /**
      * Signs like {@link #signDLL}, with the first private key that has the ID.
      *
-     * @param slotIndex a slot with a session
-     * @param data the data
+     * @param slotIndex the slot
+     * @param data as in {@link #signDLL}
      * @param id the key's ID
-     * @return the signature, as long as the modulus; or a status byte array: 0 there is no such key, otherwise the
-     *         module's code, CKR_OPERATION_NOT_INITIALIZED (0x91) if the key was refused
+     * @return the signature, as long as the modulus; or a status: 0 if there is no such key,
+     *         CKR_OPERATION_NOT_INITIALIZED (0x91) if the token refused the key, otherwise the module's code
      */
     public static synchronized native byte[] signWithIDDLL(long slotIndex, byte[] data, byte[] id);
 
     /**
      * Generates an RSA key pair on the token, after a login. The private key is private, sensitive and not extractable.
      *
-     * @param slotIndex a slot with a session
+     * @param slotIndex the slot
      * @param modulusBits the key's size in bits
      * @param publicExponent the public exponent, usually 01 00 01
      * @param id the ID of both keys
      * @param label the label of both keys
-     * @return the modulus; or a status byte array with the module's code. A pair may have come into being all the same,
-     *         when only its modulus could not be read
+     * @return the modulus; or a status with the module's code. The pair may exist even then, if only its modulus could
+     *         not be read
      */
     public static synchronized native byte[] generateKeyPairDLL(long slotIndex, long modulusBits, byte[] publicExponent,
             byte[] id, byte[] label);
