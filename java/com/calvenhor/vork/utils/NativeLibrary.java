@@ -12,8 +12,8 @@ import java.util.List;
 import java.util.Locale;
 
 /**
- * Loads the native library: the one that the property {@code smartcard.library} names, and then no other, so that a
- * stale one cannot win; without the property the jar's for this system, else one on {@code java.library.path}.
+ * Loads the native library, in the order that {@link Smartcard} documents. If {@code smartcard.library} is set, nothing
+ * else is tried, so that a stale library is never loaded instead.
  */
 final class NativeLibrary {
     private interface Source {
@@ -26,33 +26,32 @@ final class NativeLibrary {
     private NativeLibrary() {
     }
 
-    /** Called once, by the class whose native methods it is for; names in its error each place that was tried. */
     static void load() {
         NativeLibrary library = new NativeLibrary();
         String path = System.getProperty("smartcard.library");
         boolean loaded = path != null
-                ? library.loadsFrom("smartcard.library=" + path, () -> System.load(new File(path).getAbsolutePath()))
-                : library.loadsFrom("the jar", NativeLibrary::loadFromJar)
-                        || library.loadsFrom("java.library.path", () -> System.loadLibrary("smartcard"));
+                ? library.tryLoad("smartcard.library=" + path, () -> System.load(new File(path).getAbsolutePath()))
+                : library.tryLoad("the jar", NativeLibrary::loadFromJar)
+                        || library.tryLoad("java.library.path", () -> System.loadLibrary("smartcard"));
         if (!loaded) {
             throw new UnsatisfiedLinkError("libsmartcard.so cannot be loaded; " + library.advice + ". Tried: "
                     + String.join("; ", library.failures));
         }
     }
 
-    private boolean loadsFrom(String place, Source source) {
+    private boolean tryLoad(String place, Source source) {
         try {
             source.load();
             return true;
         } catch (UnsatisfiedLinkError e) {
             failures.add(place + ": " + e.getMessage());
-        } catch (Exception | Error e) { // whatever it is, the next place may do
+        } catch (Exception | Error e) { // the next place may work
             if (e instanceof IllegalCallerException) {
                 Module module = NativeLibrary.class.getModule();
                 advice = "allow native access with --enable-native-access="
                         + (module.isNamed() ? module.getName() : "ALL-UNNAMED");
             }
-            // An error in an initializer has its cause in place of a message.
+            // ExceptionInInitializerError has a cause but no message.
             failures.add(place + ": " + (e instanceof ExceptionInInitializerError ? e.getCause() : e));
         }
         return false;
@@ -68,13 +67,13 @@ final class NativeLibrary {
             Path copy = Files.createTempFile("libsmartcard", ".so",
                     PosixFilePermissions.asFileAttribute(PosixFilePermissions.fromString("rw-------")));
             try {
-                // Files.copy would replace the file by one that anybody may read.
+                // Files.copy would replace the file by one that is readable to all.
                 try (OutputStream file = Files.newOutputStream(copy)) {
                     library.transferTo(file);
                 }
                 System.load(copy.toAbsolutePath().toString());
             } finally {
-                copy.toFile().delete(); // what is loaded stays so, also where this cannot be
+                copy.toFile().delete(); // the loaded library stays mapped; a failure to delete is ignored
             }
         }
     }

@@ -22,35 +22,35 @@ import java.util.regex.Pattern;
 import java.util.stream.Stream;
 
 /**
- * A change of the entries of one token. It refuses before it writes, and writes the new before it deletes the old. It
- * believes only listings: the result of a native method often speaks for one object of several, and a deletion that
- * found nothing succeeds. The caller holds the lock of the natives from the constructor on.
+ * A change of the entries of one token. It makes all checks before it writes, and writes new objects before it deletes
+ * old ones. It relies on listings only: a native method often reports one object of several, and a deletion that finds
+ * nothing succeeds. The caller holds the lock on {@link Smartcard} from the constructor on.
  */
 final class SmartcardChange {
     private final SmartcardSlot slot;
     private final SmartcardWriter writer;
-    private SmartcardContents now; // as last listed
-    private boolean isListed; // and not merely tried to be
+    private SmartcardContents now; // as of the last listing
+    private boolean isListed; // whether the last listing succeeded
 
-    /** @param known what the token held before: with another token in the slot, nothing is changed */
+    /** @param known the contents that the KeyStore shows: with another token in the slot, the change is refused */
     SmartcardChange(SmartcardContents known) throws IOException, GeneralSecurityException {
         slot = known.slot();
         writer = new SmartcardWriter(slot);
-        slot.openSession(); // asks for the card, which some modules look for only then
+        slot.openSession(); // makes some modules look for the card
         slot.requireLogin();
         list();
         require(known.token().equals(now.token()), "the token has changed: the KeyStore was loaded from slot "
                 + known.token() + "; now it is slot " + now.token() + "; load the KeyStore again");
     }
 
-    /** {@return what the token holds now, or held when it could last be listed} */
+    /** {@return the contents of the token now, or as of the last listing that succeeded} */
     SmartcardContents contents() {
         try {
             if (!isListed) {
                 list();
             }
         } catch (IOException | GeneralSecurityException e) {
-            // What failed before is what the caller is told.
+            // The caller gets the exception of the change, not this one.
         }
         return now;
     }
@@ -63,56 +63,58 @@ final class SmartcardChange {
 
     // ---- Setting ----
 
-    /** Imports a key with its certificate, or gives a key of this token its certificate. */
+    /** Imports a key with its certificate, or writes the certificate of a key of this token. */
     void setKeyEntry(String alias, Key key, Certificate[] chain) throws IOException, GeneralSecurityException {
-        SmartcardKey known = key instanceof SmartcardKey ours ? ours : null;
+        SmartcardKey tokenKey = key instanceof SmartcardKey ours ? ours : null;
         RSAPrivateCrtKey imported = key instanceof RSAPrivateCrtKey crt && crt.getAlgorithm().equals("RSA")
                 ? crt : null;
-        require(known != null || imported != null, "expected a key of this token, or an RSA private key with CRT "
+        require(tokenKey != null || imported != null, "expected a key of this token, or an RSA private key with CRT "
                 + "values, not " + (key == null ? "null" : key.getAlgorithm() + ", " + key.getClass().getName()));
-        require(known == null || known.slot().equals(slot), "the key is in another slot: " + known);
+        require(tokenKey == null || tokenKey.slot().equals(slot), "the key is in another slot: " + tokenKey);
         List<X509Certificate> certificates = x509(chain);
         BigInteger modulus = ((RSAKey) key).getModulus();
-        BigInteger exponent = known != null ? known.publicKey().getPublicExponent() : imported.getPublicExponent();
+        BigInteger exponent = tokenKey != null ? tokenKey.publicKey().getPublicExponent()
+                : imported.getPublicExponent();
         if (!(certificates.get(0).getPublicKey() instanceof RSAPublicKey publicKey)
                 || !publicKey.getModulus().equals(modulus) || !publicKey.getPublicExponent().equals(exponent)) {
             throw new KeyStoreException("the first certificate of the chain does not belong to the key");
         }
-        SmartcardKey named = new SmartcardKey(slot, known != null ? known.id() : SmartcardWriter.idOf(modulus),
+        SmartcardKey entryKey = new SmartcardKey(slot, tokenKey != null ? tokenKey.id() : SmartcardWriter.idOf(modulus),
                 publicKey);
-        require(now.keys(alias).allMatch(named::equals),
+        require(now.keys(alias).allMatch(entryKey::equals),
                 "\"" + alias + "\" is the entry of another key; delete it first");
-        int count = now.keyCount(named.id());
-        require(count < 2, "several private keys have the same ID: " + named);
-        require(count == 1 || imported != null, "the key is no longer on the token: " + named);
-        // Renaming takes the first of each half.
-        require(known == null || slot.publicKeys(named.id()).size() < 2,
-                "several public keys have the same ID: " + named);
+        int count = now.keyCount(entryKey.id());
+        require(count < 2, "several private keys have the same ID: " + entryKey);
+        require(count == 1 || imported != null, "the key is no longer on the token: " + entryKey);
+        // Renaming changes the first private and the first public key.
+        require(tokenKey == null || slot.publicKeys(entryKey.id()).size() < 2,
+                "several public keys have the same ID: " + entryKey);
         if (count == 1) {
-            named.requireSigns();
+            entryKey.requireValidSignature();
         } else {
-            require(!slot.hasPrivateKey(named.id()), "a private key that is not RSA has the same ID: " + named);
+            require(!slot.hasPrivateKey(entryKey.id()), "a private key that is not RSA has the same ID: " + entryKey);
         }
-        Item item = item(named.id(), alias, certificates.get(0));
-        set(alias, item, certificates.subList(1, certificates.size()), named, count == 0 ? imported : null);
-        if (known != null) {
-            label(named, item.label().array());
+        Item item = item(entryKey.id(), alias, certificates.get(0));
+        set(alias, item, certificates.subList(1, certificates.size()), entryKey, count == 0 ? imported : null);
+        if (tokenKey != null) {
+            setKeyLabel(entryKey, item.label().array());
         }
     }
 
     void setCertificateEntry(String alias, Certificate certificate) throws IOException, GeneralSecurityException {
         X509Certificate x509 = x509(certificate).get(0);
         require(now.keys(alias).findAny().isEmpty(), "\"" + alias + "\" is the entry of a key; delete it first");
-        if (!x509.equals(now.entry(alias).certificate())) { // by whose ID another program may find its key
+        // The same certificate keeps its ID, by which other programs may find its key.
+        if (!x509.equals(now.entry(alias).certificate())) {
             set(alias, item(SmartcardWriter.sha1(x509.getEncoded()), alias, x509), List.of(), null, null);
         }
     }
 
     /**
-     * Gives an alias its item, and takes away what the alias stood for.
+     * Writes the item of an alias, and deletes the previous ones.
      *
      * @param key null for a certificate entry
-     * @param imported the private key if it has to be written, else null
+     * @param imported the private key to write, or null
      */
     private void set(String alias, Item item, List<X509Certificate> issuers, SmartcardKey key,
             RSAPrivateCrtKey imported) throws IOException, GeneralSecurityException {
@@ -120,13 +122,13 @@ final class SmartcardChange {
         List<Item> old = new ArrayList<>(before.objects(alias));
         List<Item> added = new ArrayList<>();
         if (!old.removeIf(item::equals) || imported != null) {
-            added.add(item); // with an imported key perhaps a copy
+            added.add(item); // with an imported key, perhaps as a copy
         }
         byte[] newKeyId = imported == null ? null : key.id();
         for (X509Certificate issuer : issuers) {
             SmartcardContents after = before.after(old, added, newKeyId);
             if (after.items().stream().noneMatch(other -> issuer.equals(other.certificate()))) {
-                added.add(freeItem(issuer, after));
+                added.add(issuerItem(issuer, after));
             }
         }
         SmartcardContents after = before.after(old, added, newKeyId);
@@ -150,28 +152,28 @@ final class SmartcardChange {
             list();
             for (Item each : added) {
                 require(now.count(each) > before.count(each),
-                        "the token does not list the written certificate: " + described(each));
+                        "the token does not list the written certificate: " + describe(each));
             }
             if (imported != null) {
                 require(now.keyCount(newKeyId) == 1, "the token does not list the written private key");
-                key.requireSigns();
+                key.requireValidSignature();
             }
             for (Item each : old) {
                 deleteCertificate(each);
             }
         } catch (IOException | GeneralSecurityException | RuntimeException e) {
-            throw undone(e, before, old, added, newKeyId, hadPublicKey);
+            throw undo(e, before, old, added, newKeyId, hadPublicKey);
         }
     }
 
-    /** Takes off again what has been written, unless something of the old is gone. The failure says what is left. */
-    private KeyStoreException undone(Exception failure, SmartcardContents before, List<Item> old, List<Item> added,
+    /** Deletes what was written, unless an old object is already deleted. {@return a failure that says what is left} */
+    private KeyStoreException undo(Exception failure, SmartcardContents before, List<Item> old, List<Item> added,
             byte[] newKeyId, boolean hadPublicKey) {
         List<String> left = new ArrayList<>();
         try {
             list();
             if (old.stream().anyMatch(each -> now.count(each) < before.count(each))) {
-                old.stream().filter(each -> now.count(each) > 0).map(SmartcardChange::described).forEach(left::add);
+                old.stream().filter(each -> now.count(each) > 0).map(SmartcardChange::describe).forEach(left::add);
                 return new KeyStoreException("the entry is set, but a later step failed: "
                         + failure.getMessage() + suffix(left), failure);
             }
@@ -180,15 +182,15 @@ final class SmartcardChange {
                     try {
                         deleteCertificate(each);
                     } catch (IOException | GeneralSecurityException e) {
-                        // The listing below shows it.
+                        // The listing below shows the certificate.
                     }
                 }
             }
             if (newKeyId != null) {
-                left.addAll(writer.takeOffKeyPair(newKeyId, !hadPublicKey));
+                left.addAll(writer.deleteKeyPair(newKeyId, !hadPublicKey));
             }
             list();
-            added.stream().filter(each -> now.count(each) > before.count(each)).map(SmartcardChange::described)
+            added.stream().filter(each -> now.count(each) > before.count(each)).map(SmartcardChange::describe)
                     .forEach(left::add);
         } catch (IOException | GeneralSecurityException e) {
             left.add("unknown, because the token cannot be listed");
@@ -200,12 +202,12 @@ final class SmartcardChange {
         return left.isEmpty() ? "" : "; left on the token: " + String.join("; ", left);
     }
 
-    /** Gives both halves of a key pair the label, by which other programs show them. */
-    private void label(SmartcardKey key, byte[] label) throws KeyStoreException {
+    /** Sets the label of both keys of a pair, which other programs display. */
+    private void setKeyLabel(SmartcardKey key, byte[] label) throws KeyStoreException {
         try {
-            if (!slot.areLabelled(key.id(), label)) {
+            if (!slot.allKeysHaveLabel(key.id(), label)) {
                 long code = writer.renameKeyPair(key.id(), key.id(), label);
-                require(slot.areLabelled(key.id(), label), "updateKeyPairIDAndLabelDLL returned "
+                require(slot.allKeysHaveLabel(key.id(), label), "updateKeyPairIDAndLabelDLL returned "
                         + SmartcardException.nameOf(code) + ", which is the code for the public key alone");
             }
         } catch (IOException | KeyStoreException e) {
@@ -216,7 +218,7 @@ final class SmartcardChange {
 
     // ---- Deleting ----
 
-    /** Deletes an entry; its keys only with the last certificate that has their ID. */
+    /** Deletes an entry, and its keys if no other certificate has their ID. */
     void deleteEntry(String alias) throws IOException, GeneralSecurityException {
         List<Item> objects = now.objects(alias);
         if (objects.isEmpty()) {
@@ -233,9 +235,9 @@ final class SmartcardChange {
                 && other.certificate() != null && !objects.contains(other));
         if (key != null && !areKeysShared) {
             require(now.keyCount(key.id()) == 1, "several private keys have the same ID: " + key);
-            require(slot.publicKeys(key.id()).stream().allMatch(each -> each.isHalfOf(key.publicKey())),
+            require(slot.publicKeys(key.id()).stream().allMatch(each -> each.isSameKeyAs(key.publicKey())),
                     "the public key of another key pair has the same ID: " + key);
-            key.requireSigns(); // a deletion takes the first key of the ID, of any type: the one that signs
+            key.requireValidSignature(); // the deletion takes the key that signs: the first of the ID, of any type
             writer.deletePrivateKey(key.id());
             list();
             require(now.keyCount(key.id()) == 0, "the token still lists the deleted private key: " + key);
@@ -249,8 +251,8 @@ final class SmartcardChange {
     }
 
     /**
-     * With the entry's private key gone; a certificate entry may be the rest of an entry that was partly deleted. While
-     * a private key of another type has the ID, the first public key may be that one's.
+     * Called after the private key was deleted. A certificate entry may be the rest of a key entry that was deleted in
+     * part. If a private key that is not RSA has the ID, the first public key may belong to it.
      */
     private void deletePublicKeys(Entry entry) throws IOException, KeyStoreException {
         byte[] id = entry.item().id().array();
@@ -263,12 +265,12 @@ final class SmartcardChange {
         require(!isShared || entry.key() == null, "only the private key was deleted, because a key that "
                 + "is not RSA has the same ID; left on the token: the public key and the certificate of "
                 + entry.key());
-        boolean areItsOwn = !isShared && keys.stream().allMatch(each -> each.isHalfOf(publicKey)
+        boolean belongToEntry = !isShared && keys.stream().allMatch(each -> each.isSameKeyAs(publicKey)
                 && (entry.key() != null || each.label().equals(entry.item().label())));
-        for (int count = keys.size(); areItsOwn && count > 0; count--) {
+        for (int count = keys.size(); belongToEntry && count > 0; count--) {
             writer.deletePublicKey(id);
             require(slot.publicKeys(id).size() < count, "the token still lists the deleted public key of "
-                    + described(entry.item()));
+                    + describe(entry.item()));
         }
     }
 
@@ -289,17 +291,17 @@ final class SmartcardChange {
             }
         }
         throw failure != null ? failure : new IOException("the token does not find the certificate that it lists: "
-                + described(item));
+                + describe(item));
     }
 
-    /** A certificate is found by all but its value: whatever else could be found in its place is in danger. */
+    /** A deletion finds a certificate by all attributes but its value, so it could delete another one instead. */
     private static void requireDeletable(Item item, List<Item> among) throws KeyStoreException {
         byte[] serialNumber = serialNumbers(item).get(0);
         require(among.stream().noneMatch(other -> mayMatch(other, item, serialNumber)),
-                "a deletion could delete another certificate with the same label and ID: " + described(item));
+                "a deletion could delete another certificate with the same label and ID: " + describe(item));
     }
 
-    /** Whether a deletion of the item, by this form of its serial number, could find another one. */
+    /** {@return whether a deletion of the item, by this form of its serial number, could find the other one} */
     private static boolean mayMatch(Item other, Item item, byte[] serialNumber) {
         if (other.equals(item) || !other.id().equals(item.id()) || !other.label().equals(item.label())) {
             return false;
@@ -310,7 +312,7 @@ final class SmartcardChange {
                 && serialNumbers(other).stream().anyMatch(each -> Arrays.equals(each, serialNumber));
     }
 
-    /** The forms that writers give CKA_SERIAL_NUMBER: DER, which PKCS#11 asks for, the number alone, and nothing. */
+    /** {@return the values of CKA_SERIAL_NUMBER in use: DER, as PKCS#11 requires, the plain number, and empty} */
     private static List<byte[]> serialNumbers(Item item) {
         BigInteger number = item.certificate().getSerialNumber();
         return List.of(SmartcardWriter.der(number), number.toByteArray(), new byte[0]);
@@ -322,8 +324,8 @@ final class SmartcardChange {
         return new Item(ByteBuffer.wrap(id), ByteBuffer.wrap(SmartcardWriter.label(label)), certificate);
     }
 
-    /** A certificate entry under the first of its common name, its organisation and its whole name that is free. */
-    private static Item freeItem(X509Certificate certificate, SmartcardContents contents)
+    /** {@return an entry whose alias is the first free one of common name, organisation and whole name} */
+    private static Item issuerItem(X509Certificate certificate, SmartcardContents contents)
             throws GeneralSecurityException {
         String name = certificate.getSubjectX500Principal().getName();
         byte[] id = SmartcardWriter.sha1(certificate.getEncoded());
@@ -337,7 +339,7 @@ final class SmartcardChange {
         throw new KeyStoreException("no alias is free for the issuer certificate of " + name);
     }
 
-    /** The value of an attribute in a name as RFC 2253 writes it; empty if there is none. */
+    /** {@return the value of an attribute of an RFC 2253 name; empty if there is none} */
     private static String attribute(String type, String name) {
         return Pattern.compile("(?:^|[,+])" + type + "=((?:[^,+\\\\]|\\\\.)*)").matcher(name).results()
                 .map(found -> found.group(1).replaceAll("\\\\(.)", "$1")).findFirst().orElse("");
@@ -349,14 +351,14 @@ final class SmartcardChange {
         return Arrays.stream(chain).map(X509Certificate.class::cast).toList();
     }
 
-    private static String described(Item item) {
+    private static String describe(Item item) {
         return "\"" + SmartcardSlot.text(item.label().array()) + "\", "
                 + item.certificate().getSubjectX500Principal().getName();
     }
 
-    private static void require(boolean condition, String otherwise) throws KeyStoreException {
+    private static void require(boolean condition, String message) throws KeyStoreException {
         if (!condition) {
-            throw new KeyStoreException(otherwise);
+            throw new KeyStoreException(message);
         }
     }
 }

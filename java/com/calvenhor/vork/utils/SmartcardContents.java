@@ -24,10 +24,10 @@ import java.util.stream.Collectors;
 import java.util.stream.Stream;
 import javax.security.auth.x500.X500Principal;
 
-/** What a token held when it was listed. It never changes: after each change the token is listed again. */
+/** The objects on a token when it was listed. It is immutable: after each change the token is listed again. */
 final class SmartcardContents {
     /**
-     * A certificate object. Two that are equal are copies.
+     * A certificate object. Equal items are copies.
      *
      * @param certificate null if it cannot be parsed
      */
@@ -35,7 +35,7 @@ final class SmartcardContents {
     }
 
     /**
-     * What an alias stands for: an item, or several copies of it.
+     * The entry of an alias: an item, or several copies of it.
      *
      * @param key null for a certificate entry
      */
@@ -55,10 +55,6 @@ final class SmartcardContents {
     private final Map<X500Principal, Set<X509Certificate>> bySubject;
     private final Map<String, Entry> entries = new LinkedHashMap<>();
 
-    /**
-     * @param token its slot, label and serial number
-     * @param keyIds the ID of each private key
-     */
     private SmartcardContents(SmartcardSlot slot, String token, List<Item> items, List<ByteBuffer> keyIds)
             throws NoSuchAlgorithmException, CertificateException {
         this.slot = slot;
@@ -70,14 +66,14 @@ final class SmartcardContents {
                 Collectors.mapping(Item::certificate, Collectors.toSet())));
         bySubject = parsed.stream().map(Item::certificate).collect(
                 Collectors.groupingBy(X509Certificate::getSubjectX500Principal, Collectors.toSet()));
-        // Copies of a certificate with one label are one entry: the first, so that it is one with a key.
+        // Copies of a certificate with the same label are one entry: the first, which has a key if any has.
         for (Entry entry : parsed.stream().map(item -> new Entry(item, key(item)))
                 .sorted(Comparator.comparing(entry -> entry.key == null)).toList()) {
             entries.putIfAbsent(alias(entry.item), entry);
         }
     }
 
-    /** Lists what is on the token, which has to be there afterwards: some modules list nothing of one that is gone. */
+    /** Lists the token, and checks that it is still present: some modules list nothing for a removed token. */
     static SmartcardContents of(SmartcardSlot slot) throws IOException, NoSuchAlgorithmException, CertificateException {
         List<byte[][]> privateKeys;
         List<byte[][]> certificates;
@@ -91,44 +87,44 @@ final class SmartcardContents {
         CertificateFactory factory = CertificateFactory.getInstance("X.509");
         List<Item> items = new ArrayList<>();
         for (byte[][] row : certificates) {
-            items.add(new Item(ByteBuffer.wrap(row[0]), ByteBuffer.wrap(row[1]), parsed(factory, row[2])));
+            items.add(new Item(ByteBuffer.wrap(row[0]), ByteBuffer.wrap(row[1]), parse(factory, row[2])));
         }
         return new SmartcardContents(slot, token, items,
                 privateKeys.stream().map(row -> ByteBuffer.wrap(row[0])).toList());
     }
 
-    /** Null for one that cannot be parsed, which must not keep the others away. */
-    private static X509Certificate parsed(CertificateFactory factory, byte[] der) {
+    /** {@return null for a certificate that cannot be parsed, which must not hide the others} */
+    private static X509Certificate parse(CertificateFactory factory, byte[] der) {
         try {
             if (factory.generateCertificate(new ByteArrayInputStream(der)) instanceof X509Certificate certificate) {
-                certificate.getPublicKey(); // some factories parse a part only when it is asked for
+                certificate.getPublicKey(); // some factories parse a part only on demand
                 certificate.getSubjectX500Principal();
                 return certificate;
             }
         } catch (CertificateException | RuntimeException e) {
-            // As good as null, which some factories return for an empty value.
+            // The same as null, which some factories return for an empty value.
         }
         return null;
     }
 
     /**
-     * What the token will hold when these items are gone and those are there.
+     * {@return the contents after a change}
      *
-     * @param newKeyId the ID of a private key that will be there as well; null if there will be none
+     * @param newKeyId the ID of a private key that the change adds; null for none
      */
-    SmartcardContents after(List<Item> gone, List<Item> added, byte[] newKeyId)
+    SmartcardContents after(List<Item> removed, List<Item> added, byte[] newKeyId)
             throws NoSuchAlgorithmException, CertificateException {
-        List<Item> left = new ArrayList<>(items);
-        gone.forEach(left::remove);
-        left.addAll(added);
+        List<Item> remaining = new ArrayList<>(items);
+        removed.forEach(remaining::remove);
+        remaining.addAll(added);
         List<ByteBuffer> ids = new ArrayList<>(keyIds);
         if (newKeyId != null) {
             ids.add(ByteBuffer.wrap(newKeyId));
         }
-        return new SmartcardContents(slot, token, left, ids);
+        return new SmartcardContents(slot, token, remaining, ids);
     }
 
-    /** {@return the key that has the certificate's ID; null if there is none} No ID at all joins nothing. */
+    /** {@return the key that has the certificate's ID; null if there is none or the ID is empty} */
     SmartcardKey key(Item item) {
         return item.id.hasRemaining() && keyIds.contains(item.id)
                 && item.certificate.getPublicKey() instanceof RSAPublicKey publicKey
@@ -140,7 +136,7 @@ final class SmartcardContents {
         return slot;
     }
 
-    /** {@return the token's slot, label and serial number, since some tokens share one serial number} */
+    /** {@return the token's slot, label and serial number; some tokens have the same serial number} */
     String token() {
         return token;
     }
@@ -149,12 +145,12 @@ final class SmartcardContents {
         return items;
     }
 
-    /** How many objects are equal to this one. */
+    /** {@return the number of copies} */
     int count(Item item) {
         return Collections.frequency(items, item);
     }
 
-    /** How many RSA private keys have the ID. */
+    /** {@return the number of RSA private keys that have the ID} */
     int keyCount(byte[] id) {
         return Collections.frequency(keyIds, ByteBuffer.wrap(id));
     }
@@ -163,12 +159,12 @@ final class SmartcardContents {
         return Collections.unmodifiableSet(entries.keySet());
     }
 
-    /** {@return the entry; one without a certificate if there is none of this alias} */
+    /** {@return the entry; one without a certificate if there is none} */
     Entry entry(String alias) {
         return entries.getOrDefault(alias, NONE);
     }
 
-    /** {@return all objects that the alias stands for} */
+    /** {@return all certificate objects of the alias} */
     List<Item> objects(String alias) throws NoSuchAlgorithmException, CertificateException {
         List<Item> objects = new ArrayList<>();
         for (Item item : items) {
@@ -179,15 +175,15 @@ final class SmartcardContents {
         return objects;
     }
 
-    /** The keys of all objects that the alias stands for. */
+    /** {@return the keys of these objects} */
     Stream<SmartcardKey> keys(String alias) throws NoSuchAlgorithmException, CertificateException {
         return objects(alias).stream().map(this::key).filter(Objects::nonNull);
     }
 
-    /** The label; one that stands for several certificates, or for none, is told apart by the certificate. */
+    /** {@return the label; followed by a digest of the certificate if the label is empty or not unique} */
     String alias(Item item) throws NoSuchAlgorithmException, CertificateException {
         String label = text(item);
-        // A label that looks like another's alias could take its place.
+        // A label that looks like an alias with a digest could be the alias of another certificate.
         return label.isEmpty() || byLabel.get(label).size() > 1 || label.matches("(?s).*/[0-9a-f]{8}")
                 ? label + "/" + digest(item.certificate) : label;
     }
@@ -196,13 +192,13 @@ final class SmartcardContents {
         return SmartcardSlot.text(item.label.array());
     }
 
-    /** The first four bytes of a certificate's SHA-256, in hexadecimal. */
+    /** {@return the first four bytes of the certificate's SHA-256, in hexadecimal} */
     static String digest(X509Certificate certificate) throws NoSuchAlgorithmException, CertificateException {
         byte[] digest = MessageDigest.getInstance("SHA-256").digest(certificate.getEncoded());
         return HexFormat.of().formatHex(digest, 0, 4);
     }
 
-    /** The certificate, its issuer's, and so on, as far as the token has them. */
+    /** {@return the certificate, its issuer, and so on, as far as the token has them} */
     X509Certificate[] chain(X509Certificate first) {
         Set<X509Certificate> chain = new LinkedHashSet<>();
         for (X509Certificate next = first; next != null && chain.add(next);) {
@@ -211,15 +207,15 @@ final class SmartcardContents {
         return chain.toArray(new X509Certificate[0]);
     }
 
-    /** The issuer's, of several the one that is valid longest; null if there is none, or for a root. */
+    /** {@return the issuer that is valid longest; null if there is none, or for a root} */
     private X509Certificate issuer(X509Certificate certificate) {
         X500Principal name = certificate.getIssuerX500Principal();
         return name.equals(certificate.getSubjectX500Principal()) ? null
-                : bySubject.getOrDefault(name, Set.of()).stream().filter(other -> isSigned(certificate, other))
+                : bySubject.getOrDefault(name, Set.of()).stream().filter(other -> isSignedBy(certificate, other))
                 .max(Comparator.comparing(X509Certificate::getNotAfter)).orElse(null);
     }
 
-    private static boolean isSigned(X509Certificate certificate, X509Certificate issuer) {
+    private static boolean isSignedBy(X509Certificate certificate, X509Certificate issuer) {
         try {
             certificate.verify(issuer.getPublicKey());
             return true;

@@ -4,7 +4,10 @@ import java.io.IOException;
 import java.util.HashMap;
 import java.util.Map;
 
-/** A step failed with a PKCS#11 code. {@link java.security.Signature Signature} has it as the cause of its own. */
+/**
+ * A call of the module failed with a PKCS#11 code. A {@link java.security.Signature Signature} has it as the cause of
+ * its {@link java.security.SignatureException}.
+ */
 public final class SmartcardException extends IOException {
     private static final long serialVersionUID = 1;
 
@@ -21,7 +24,7 @@ public final class SmartcardException extends IOException {
     static final long CRYPTOKI_ALREADY_INITIALIZED = 0x191;
     static final long FUNCTION_REJECTED = 0x200;
 
-    // Many modules, such as SoftHSM2, find a token that came since only once they are bound again.
+    // Many modules, such as SoftHSM2, find a new token only after they are bound again.
     static final String INSERT = "; insert the card; if it is in, call Smartcard.finalizeDLL and load again";
 
     private static final Map<Long, String> NAMES = new HashMap<>();
@@ -54,13 +57,13 @@ public final class SmartcardException extends IOException {
         this.code = code;
     }
 
-    /** {@return the code (CK_RV) of what failed} */
+    /** {@return the code (CK_RV) of the call that failed} */
     public long code() {
         return code;
     }
 
     /**
-     * {@return the name that PKCS#11 gives to a code, such as CKR_PIN_INCORRECT; in hexadecimal, if it has none here}
+     * {@return the PKCS#11 name of a code, such as CKR_PIN_INCORRECT; the code in hexadecimal if it is not known here}
      *
      * @param code a CK_RV
      */

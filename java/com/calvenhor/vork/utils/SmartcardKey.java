@@ -10,11 +10,9 @@ import java.util.Arrays;
 import java.util.HexFormat;
 
 /**
- * A private key by its place: no handle, so that it outlives its session, and no secret.
+ * A private key on the token, identified by slot and ID. It has no object handle, so it stays valid in a later session.
  *
- * @param slot where it is
- * @param id its ID there
- * @param publicKey its certificate's: it verifies each signature, and algorithms are chosen by its size
+ * @param publicKey the public key of its certificate: it verifies each signature, and its size selects algorithms
  */
 record SmartcardKey(SmartcardSlot slot, byte[] id, RSAPublicKey publicKey) implements PrivateKey, RSAKey {
     @Override
@@ -37,13 +35,13 @@ record SmartcardKey(SmartcardSlot slot, byte[] id, RSAPublicKey publicKey) imple
         return publicKey.getModulus();
     }
 
-    /** From JDK 22 up both interfaces have it, and a class without its own dies when it is called. */
+    /** From JDK 22 on, both interfaces have a default for it: without this method a call fails. */
     @Override
     public AlgorithmParameterSpec getParams() {
         return null;
     }
 
-    /** A record would compare the array by identity, and no key would equal that of another load. */
+    /** The default of a record compares the array by identity: keys of two loads would never be equal. */
     @Override
     public boolean equals(Object other) {
         return other instanceof SmartcardKey key && slot.equals(key.slot) && Arrays.equals(id, key.id);
@@ -59,8 +57,8 @@ record SmartcardKey(SmartcardSlot slot, byte[] id, RSAPublicKey publicKey) imple
         return "RSA key with the ID " + HexFormat.of().formatHex(id) + " in slot " + slot.index();
     }
 
-    /** Throws unless the token signs with this key what the public key verifies. */
-    void requireSigns() throws GeneralSecurityException {
+    /** Throws unless the token signs with this key and the public key verifies the signature. */
+    void requireValidSignature() throws GeneralSecurityException {
         SmartcardSignature signature = new SmartcardSignature(SmartcardSignature.Algorithm.SHA256withRSA);
         signature.engineInitSign(this);
         signature.engineUpdate((byte) 0);

@@ -19,9 +19,9 @@ import java.util.ArrayList;
 import java.util.HexFormat;
 import java.util.List;
 
-/** RSA key pairs that the token makes. Their ID is the one that an imported key would have. */
+/** Generates RSA key pairs on the token. Their ID is that of an imported key: the SHA-1 of the modulus. */
 final class SmartcardKeyPairGenerator extends KeyPairGeneratorSpi {
-    private static final int ID_LENGTH = 20; // as long as a SHA-1
+    private static final int ID_LENGTH = 20; // of a SHA-1
 
     private final SmartcardProvider provider;
     private int bits = 2048;
@@ -65,7 +65,7 @@ final class SmartcardKeyPairGenerator extends KeyPairGeneratorSpi {
         }
     }
 
-    /** The ID depends on the modulus: until that is known, the pair is found by another ID. */
+    /** The ID depends on the modulus, so the token generates the pair under an interim ID. */
     private KeyPair generate(SmartcardSlot slot) throws IOException, GeneralSecurityException {
         SmartcardWriter writer = new SmartcardWriter(slot);
         byte[] interimId = new byte[ID_LENGTH];
@@ -79,22 +79,22 @@ final class SmartcardKeyPairGenerator extends KeyPairGeneratorSpi {
             ids.add(key.id());
             writer.renameKeyPair(interimId, key.id(), SmartcardWriter.label(HexFormat.of().formatHex(key.id())));
             List<PublicKey> publicKeys = slot.publicKeys(key.id());
-            if (publicKeys.size() != 1 || !publicKeys.get(0).isHalfOf(publicKey)) {
+            if (publicKeys.size() != 1 || !publicKeys.get(0).isSameKeyAs(publicKey)) {
                 throw new IOException("the token did not change the ID of the public key");
             }
-            key.requireSigns();
+            key.requireValidSignature();
             return new KeyPair(publicKey, key);
         } catch (IOException | GeneralSecurityException | RuntimeException e) {
-            throw new ProviderException(e.getMessage() + left(writer, ids), e);
+            throw new ProviderException(e.getMessage() + deletePair(writer, ids), e);
         }
     }
 
-    /** Takes the pair off again, and says what could not be. */
-    private static String left(SmartcardWriter writer, List<byte[]> ids) {
+    /** Deletes the pair; {@return what is left on the token, as the end of a message} */
+    private static String deletePair(SmartcardWriter writer, List<byte[]> ids) {
         List<String> left = new ArrayList<>();
         for (byte[] id : ids) {
             try {
-                left.addAll(writer.takeOffKeyPair(id, true));
+                left.addAll(writer.deleteKeyPair(id, true));
             } catch (IOException e) {
                 left.add("unknown, because the token cannot be listed");
             }

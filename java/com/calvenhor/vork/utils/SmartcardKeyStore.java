@@ -16,14 +16,14 @@ import java.util.Collections;
 import java.util.Date;
 import java.util.Enumeration;
 
-/** The entries of a token when it was loaded or last changed here; those with a private key come first. */
+/** The entries of a token as of the last load or change through this KeyStore. Key entries come first. */
 final class SmartcardKeyStore extends KeyStoreSpi {
     private interface Change {
         void make(SmartcardChange change) throws IOException, GeneralSecurityException;
     }
 
     private final SmartcardProvider provider;
-    private volatile SmartcardContents contents; // null before the first load, which KeyStore waits for
+    private volatile SmartcardContents contents; // null before the first load; KeyStore refuses calls until then
 
     SmartcardKeyStore(SmartcardProvider provider) {
         this.provider = provider;
@@ -43,7 +43,7 @@ final class SmartcardKeyStore extends KeyStoreSpi {
         load(pin);
     }
 
-    /** The inherited one asks a handler even if no PIN is needed. */
+    /** The inherited method asks the callback handler even if no PIN is needed. */
     @Override
     public void engineLoad(KeyStore.LoadStoreParameter parameter)
             throws IOException, NoSuchAlgorithmException, CertificateException {
@@ -112,14 +112,14 @@ final class SmartcardKeyStore extends KeyStoreSpi {
                 .findFirst().orElse(null);
     }
 
-    /** A token keeps no such date: the certificate's first day. */
+    /** {@return the start of the certificate's validity, since a token stores no creation date} */
     @Override
     public Date engineGetCreationDate(String alias) {
         Entry entry = contents.entry(alias);
         return entry.certificate() == null ? null : entry.certificate().getNotBefore();
     }
 
-    /** The inherited one wants a password for a key, and none for a certificate. */
+    /** The inherited method requires a password for a key, and refuses one for a certificate. */
     @Override
     public KeyStore.Entry engineGetEntry(String alias, KeyStore.ProtectionParameter protection) {
         SmartcardContents contents = this.contents;
@@ -163,7 +163,7 @@ final class SmartcardKeyStore extends KeyStoreSpi {
         change(token -> token.setCertificateEntry(alias, certificate));
     }
 
-    /** The inherited one wants a password for a key. */
+    /** The inherited method requires a password for a key. */
     @Override
     public void engineSetEntry(String alias, KeyStore.Entry entry, KeyStore.ProtectionParameter protection)
             throws KeyStoreException {
@@ -181,7 +181,7 @@ final class SmartcardKeyStore extends KeyStoreSpi {
         change(token -> token.deleteEntry(alias));
     }
 
-    /** Changes are on the token as soon as they are made. */
+    /** Does nothing: each change is written to the token at once. */
     @Override
     public void engineStore(OutputStream stream, char[] password) throws IOException {
         if (stream != null) {

@@ -18,15 +18,14 @@ import javax.security.auth.login.FailedLoginException;
 import javax.security.auth.login.LoginException;
 
 /**
- * A token as a {@link java.security.KeyStore KeyStore} of the type {@code Smartcard}, whose keys sign by {@link
- * java.security.Signature Signature}: {@code NONEwithRSA} (over a DigestInfo that the caller gives); {@code SHA1},
- * {@code SHA224}, {@code SHA256}, {@code SHA384} and {@code SHA512withRSA}; {@code SHA3-224}, {@code SHA3-256}, {@code
- * SHA3-384} and {@code SHA3-512withRSA}. All are PKCS #1 v1.5, and each but the first also has its OID as a name. What
- * CKM_RSA_PKCS alone cannot do, it does not offer: PSS, and so no TLS 1.3 client authentication (limit the client to
- * TLS 1.2); EC keys; decryption; keys that want a PIN for each signature.
+ * A token as a {@link java.security.KeyStore KeyStore} of the type {@code Smartcard}. Its keys sign with
+ * {@link java.security.Signature Signature}, by PKCS #1 v1.5: {@code NONEwithRSA} (over a DigestInfo of the caller);
+ * {@code SHA1}, {@code SHA224}, {@code SHA256}, {@code SHA384} and {@code SHA512withRSA}; {@code SHA3-224},
+ * {@code SHA3-256}, {@code SHA3-384} and {@code SHA3-512withRSA}. Each but the first also has its OID as a name.
  *
- * <p>It is not a trust store: every certificate on the token would be an anchor. Traces go to standard output, as with
- * {@link Smartcard}; let tools write with an option such as {@code -file}.
+ * <p>The provider offers only what CKM_RSA_PKCS can do: no PSS, no EC keys, no decryption and no keys that need the PIN
+ * for each signature. TLS 1.3 client authentication needs PSS, so limit the client to TLS 1.2. The KeyStore is not a
+ * trust store: every certificate on the token would be an anchor.
  *
  * <pre>{@code
  * Provider provider = new SmartcardProvider().configure("/usr/lib/vendor/pkcs11.so");
@@ -36,71 +35,85 @@ import javax.security.auth.login.LoginException;
  * signature.initSign((PrivateKey) store.getKey(alias, null));
  * }</pre>
  *
- * What asks for a Signature without naming a provider, as TLS and XML signatures do, needs {@code
- * Security.addProvider(provider)}. One is enough for the keys of several tokens; a second of this name is not added,
- * and {@code addProvider} returns -1. Look at the result: a provider that an earlier deployment of the application left
- * there cannot use the keys of this one. {@code Security.removeProvider("Smartcard")} removes it.
- * Configuration finds the provider by name, from the class path too: {@code -addprovider Smartcard -providerarg MODULE}
- * for {@code keytool}, {@code security.provider.N=Smartcard MODULE} in {@code java.security}.
+ * <h2>Registration</h2>
+ * APIs that look up a Signature without naming a provider (TLS, XML signatures) need
+ * {@code Security.addProvider(provider)}. One provider serves the keys of several tokens. If a provider of this name is
+ * registered, {@code addProvider} adds nothing and returns -1. Check this result: a provider that an earlier deployment
+ * of the application registered cannot use the new keys. {@code Security.removeProvider("Smartcard")} removes it.
+ * <p>Tools find the provider by name, also on the class path: {@code -addprovider Smartcard -providerarg MODULE} for
+ * {@code keytool}, {@code security.provider.N=Smartcard MODULE} in {@code java.security}. Their output mixes with the
+ * traces of {@link Smartcard}; let them write with an option such as {@code -file}.
  *
  * <h2>Loading</h2>
- * {@code load} binds the module, opens the slot's session and logs in, as far as the application has not done so;
- * nothing is closed or logged out, also when it fails: that is the application's to do. Without a PIN, or with an
- * empty one, a token with a PIN pad asks for it; for any other, the callback handler is asked if one is set and nobody
- * is logged in. Without a handler only public objects are listed. {@code load} refuses if another module is bound than
- * the one named, or if another token is in the slot when the handler returns. A failure with a PKCS#11 code is a {@link
- * SmartcardException}; a wrong PIN has an {@link java.security.UnrecoverableKeyException} as its cause.
+ * {@code load} binds the module, opens the slot's session and logs in, each if necessary. It never closes a session or
+ * logs out, also when it fails; the application does. {@code load} with a null or empty PIN logs in as follows:
+ * <ul>
+ * <li>A token with a PIN pad asks for the PIN itself.
+ * <li>For any other token, {@code load} asks the callback handler, if one is set and the user is not logged in.
+ * <li>Without a handler, only public objects are listed.
+ * </ul>
+ * {@code load} fails if another module is bound than the configured one, or if another token is in the slot when the
+ * handler returns. A failure with a PKCS#11 code is a {@link SmartcardException}; a wrong PIN has an
+ * {@link java.security.UnrecoverableKeyException} as its cause.
  *
- * <p>While the user is logged in, {@code load} with a wrong PIN succeeds: the PIN is not sent. To check a PIN, call
+ * <p>While the user is logged in, {@code load} does not send the PIN, so a wrong one succeeds. To check a PIN, call
  * {@link #logout logout} first.
  *
- * <p>After the card was removed and inserted, {@code load} again: keys obtained earlier work again, too. Some modules,
- * such as SoftHSM2, find a token again, or a new one, only when the module is bound again. {@code load} then throws a
+ * <p>After the card was removed and inserted, {@code load} again; keys obtained earlier then work again, too. Some
+ * modules, such as SoftHSM2, find a new or returning token only after they are bound again. {@code load} then throws a
  * {@link SmartcardException}: call {@link Smartcard#finalizeDLL finalizeDLL}, which ends all sessions, and {@code load}
  * again.
  *
  * <h2>Entries</h2>
- * Each X.509 certificate is an entry: a key entry, with the chain that the token holds, if an RSA private key has its
- * ID, which must not be empty. The alias is the label. Where that is empty, the label of several certificates that are
- * seen, or ends like this already, it is followed by "/" and the first four bytes of the certificate's SHA-256 in
- * hexadecimal. Key passwords are not used.
+ * Each X.509 certificate is an entry. It is a key entry, with the chain that the token holds, if an RSA private key has
+ * the same ID and the ID is not empty. The alias is the label. The alias has a suffix, "/" and the first four bytes of
+ * the certificate's SHA-256 in hexadecimal, if the label is empty, belongs to several visible certificates, or ends
+ * like this itself. Key passwords are not used.
  *
  * <h2>Changes</h2>
- * A change is made on the token at once; {@code store} with null does nothing, and with a stream it fails. Each change
- * begins by listing the token, and lists it at the end: the KeyStore then has what the token has. It needs the login
- * that the token requires. Whatever it needs is written before anything is deleted. If it fails, what it wrote is
- * deleted again; the message of the {@link java.security.KeyStoreException} says what is left and what is unknown.
+ * A change is written to the token at once. {@code store} with null does nothing; with a stream it fails. A change
+ * needs the login that the token requires. It lists the token before and after, so the KeyStore shows the token as it
+ * is. It writes everything new before it deletes anything. If it fails, it deletes what it wrote; the message of the
+ * {@link java.security.KeyStoreException} says what is left or unknown.
  * <ul>
- * <li>{@code setKeyEntry} with an RSA private key that has its CRT values imports it, with its public key and its
- *     certificate. The ID is the SHA-1 of the modulus. If the token has the key, only the certificate is written.
- * <li>{@code setKeyEntry} with a key of this token writes the certificate, deletes the one that the alias had, and
- *     gives the key pair the alias as its label.
+ * <li>{@code setKeyEntry} with an RSA private key that has its CRT values imports the private key, the public key and
+ *     the certificate. The ID is the SHA-1 of the modulus. If the token has the key, only the certificate is written.
+ * <li>{@code setKeyEntry} with a key of this token writes the certificate, deletes the previous certificate of the
+ *     alias, and labels the key pair with the alias.
  * <li>Further certificates of the chain become certificate entries, unless the token has them.
- * <li>{@code setCertificateEntry} writes a certificate whose ID is the SHA-1 of its DER encoding, then deletes the one
- *     that the alias had. It changes nothing if the alias has this certificate.
- * <li>{@code deleteEntry} of a key entry deletes the private key, the public key and the certificate, in this order; if
- *     an entry of another alias has the same key, only the certificate. Issuers stay. If a call fails in between,
- *     {@code deleteEntry} again finishes: with a certificate entry it also deletes the certificate's public key of the
- *     same ID and label, if no private key has that ID.
+ * <li>{@code setCertificateEntry} writes a certificate whose ID is the SHA-1 of its DER encoding, then deletes the
+ *     previous certificate of the alias. It changes nothing if the alias has this certificate.
+ * <li>{@code deleteEntry} of a key entry deletes the private key, the public key and the certificate, in this order. It
+ *     deletes only the certificate if an entry of another alias has the same key. Issuers stay. If a call fails in
+ *     between, repeat {@code deleteEntry}: for a certificate entry it also deletes the certificate's public key with
+ *     the same ID and label, if no private key has that ID.
  * </ul>
- * A change is refused before anything is written if the alias is another key's entry; if it would not read back (empty,
- * blanks around it, control characters, the label of another certificate); if several keys have the ID; if the slot
- * has another token than the KeyStore was loaded from; or if a deletion could find another certificate. The token's
- * public keys are found by ID alone: one of another type with the ID of an RSA key, but without a private key, could be
- * taken for it.
+ * A change is refused before anything is written if
+ * <ul>
+ * <li>the alias is the entry of another key
+ * <li>the alias would not read back: it is empty, has blanks around it or control characters, or is the label of
+ *     another certificate
+ * <li>several keys have the ID
+ * <li>the slot has another token than the KeyStore was loaded from
+ * <li>a deletion could find another certificate
+ * </ul>
+ * Public keys are found by ID alone. A public key that is not RSA could be taken for that of an RSA key if both have
+ * the same ID and it has no private key.
  *
  * <h2>Key pairs</h2>
- * A configured provider has a KeyPairGenerator "RSA": 2,048 bits by default, generated by the token, after a login. The
- * private key never leaves the token. The pair has no entry until {@code setKeyEntry} gives it a certificate. An
- * application that asks for "RSA" key pairs without naming a provider gets them from the first provider that has them:
- * add this one behind the others.
+ * A configured provider has a KeyPairGenerator "RSA". The token generates the pair, after a login, with 2,048 bits by
+ * default. The private key never leaves the token. The pair has no entry until {@code setKeyEntry} gives it a
+ * certificate. Applications that request "RSA" key pairs without naming a provider get them from the first provider
+ * that has them, so register this one last.
  *
  * <h2>Keys</h2>
- * A key is a slot and an ID; keys with the same slot and ID are equal. Each signature is verified with the certificate
- * before it is returned, so that one by another key of the same ID, or by another card, is a {@link
- * java.security.SignatureException}.
+ * A key is a slot and an ID; keys with the same slot and ID are equal. The provider verifies each signature with the
+ * certificate before it returns it. A signature by another key with the same ID, or by another card, is a
+ * {@link java.security.SignatureException}.
  *
- * <p>Several threads may use all of it at once, also beside calls of {@link Smartcard}, which share its lock.
+ * <p>Several threads may use all objects at once, also beside calls of {@link Smartcard}.
+ *
+ * @see Smartcard for threads, traces, the native library and JDK 24
  */
 public final class SmartcardProvider extends AuthProvider {
     private static final long serialVersionUID = 1;
@@ -121,7 +134,7 @@ public final class SmartcardProvider extends AuthProvider {
             putService(new TokenService("KeyPairGenerator", "RSA", SmartcardKeyPairGenerator.class,
                     List.of("1.2.840.113549.1.1.1"), Map.of()));
         }
-        // Asked for one of these without a provider, the JDK chooses it by the key's class.
+        // If a caller names no provider, the JDK chooses it by the class of the key.
         Map<String, String> keys = Map.of("SupportedKeyClasses", SmartcardKey.class.getName());
         for (Algorithm algorithm : Algorithm.values()) {
             putService(new TokenService("Signature", algorithm.standardName(), SmartcardSignature.class,
@@ -150,11 +163,11 @@ public final class SmartcardProvider extends AuthProvider {
      *
      * @param argument {@code MODULE#SLOT}, the path of a PKCS#11 module and a slot index; {@code MODULE}, for the only
      *        token that it has; {@code SLOT}, for a slot of the module that the application has bound; or a PKCS#11 URI
-     *        (RFC 7512) such as {@code pkcs11:token=First;serial=0123?module-path=/usr/lib/vendor/pkcs11.so}. Of a URI,
-     *        {@code token} and {@code serial} are compared with the label and the serial number of each token. {@code
-     *        manufacturer} and {@code model}, which cannot be compared, may stand beside them.
-     * @throws NullPointerException if it is null
-     * @throws java.security.InvalidParameterException if it is none of these
+     *        (RFC 7512) such as {@code pkcs11:token=First;serial=0123?module-path=/usr/lib/vendor/pkcs11.so}. {@code
+     *        token} and {@code serial} of a URI are compared with the label and the serial number of each token. {@code
+     *        manufacturer} and {@code model} are ignored, and allowed only beside one of these.
+     * @throws NullPointerException if the argument is null
+     * @throws java.security.InvalidParameterException if the argument is none of these
      */
     @Override
     public Provider configure(String argument) {
@@ -167,10 +180,10 @@ public final class SmartcardProvider extends AuthProvider {
     }
 
     /**
-     * {@return the slot index of the token, for the methods of {@link Smartcard}} It is valid until the module is bound
-     * again. Binds the module if none is bound.
+     * {@return the slot index of the token, for the methods of {@link Smartcard}} Binds the module if none is bound.
+     * The index is valid until the module is bound again.
      *
-     * @throws IOException if this provider is not configured, or if the token cannot be found
+     * @throws IOException if this provider is not configured, or the token is not found
      */
     public long slotIndex() throws IOException {
         synchronized (Smartcard.class) {
@@ -191,10 +204,10 @@ public final class SmartcardProvider extends AuthProvider {
      * Logs in as the token's user, for all threads. Does nothing if the user is logged in or the token needs no login.
      *
      * @param subject not used
-     * @param handler asked for the PIN, by a {@link PasswordCallback}, unless the token has a PIN pad; null for the
+     * @param handler provides the PIN, through a {@link PasswordCallback}, unless the token has a PIN pad; null for the
      *        handler of {@link #setCallbackHandler setCallbackHandler}
      * @throws FailedLoginException if the PIN is wrong
-     * @throws LoginException if this provider is not configured, if nobody gives a PIN, or if the token cannot be used
+     * @throws LoginException if this provider is not configured, there is no PIN, or the token cannot be used
      */
     @Override
     public void login(Subject subject, CallbackHandler handler) throws LoginException {
@@ -211,10 +224,10 @@ public final class SmartcardProvider extends AuthProvider {
     }
 
     /**
-     * Logs the user out, for all threads and everything else in this process that uses the token. Does nothing if
-     * nobody is logged in.
+     * Logs the user out, for all threads and all other code in this process that uses the token. Does nothing without a
+     * login.
      *
-     * @throws LoginException if this provider is not configured, or if the token cannot be used
+     * @throws LoginException if this provider is not configured, or the token cannot be used
      */
     @Override
     public void logout() throws LoginException {
@@ -228,9 +241,9 @@ public final class SmartcardProvider extends AuthProvider {
     }
 
     /**
-     * Sets who is asked for the PIN where {@link #login login} is given nobody, or {@code KeyStore.load} no PIN.
+     * Sets the handler that provides the PIN if {@link #login login} gets no handler, or {@code KeyStore.load} no PIN.
      *
-     * @param handler takes a {@link PasswordCallback}; null for nobody
+     * @param handler supports {@link PasswordCallback}; null for none
      */
     @Override
     public void setCallbackHandler(CallbackHandler handler) {
@@ -241,24 +254,24 @@ public final class SmartcardProvider extends AuthProvider {
         return callbackHandler;
     }
 
-    /** Asks the handler for the PIN, outside the natives' lock, and logs in, if a PIN is needed. */
+    /** Logs in with the handler's PIN if one is needed. It calls the handler without the lock on Smartcard. */
     void logIn(CallbackHandler handler) throws IOException {
-        String asked;
+        String tokenDescription;
         synchronized (Smartcard.class) {
             SmartcardSlot slot = handler == null ? null : token().find();
-            if (slot == null || !slot.wantsPin()) {
+            if (slot == null || !slot.needsPin()) {
                 return;
             }
-            asked = slot.description();
+            tokenDescription = slot.description();
         }
-        PasswordCallback callback = new PasswordCallback("PIN of the token in slot " + asked + ": ", false);
+        PasswordCallback callback = new PasswordCallback("PIN of the token in slot " + tokenDescription + ": ", false);
         char[] pin = null;
         try {
             handler.handle(new Callback[] {callback});
             pin = callback.getPassword();
             synchronized (Smartcard.class) {
-                if (!asked.equals(token().find().description())) {
-                    throw new IOException("the PIN was not sent, because it was entered for slot " + asked
+                if (!tokenDescription.equals(token().find().description())) {
+                    throw new IOException("the PIN was not sent, because it was entered for slot " + tokenDescription
                             + ", and another token is there now");
                 }
                 open(pin);
@@ -273,7 +286,7 @@ public final class SmartcardProvider extends AuthProvider {
         }
     }
 
-    /** Binds the module, opens the token's session and logs in, as far as each is not done yet. */
+    /** Binds the module, opens the token's session and logs in, each if necessary. */
     SmartcardSlot open(char[] pin) throws IOException {
         synchronized (Smartcard.class) {
             SmartcardSlot slot = token().find();

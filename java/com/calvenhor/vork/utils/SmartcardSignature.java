@@ -16,11 +16,11 @@ import java.util.Arrays;
 import java.util.HexFormat;
 import java.util.List;
 
-/** RSA signatures of PKCS #1 v1.5: made by the token, verified here. */
+/** RSA signatures of PKCS #1 v1.5. The token signs; this class verifies. */
 final class SmartcardSignature extends SignatureSpi {
-    /** Each algorithm with its OID, its digest and the DER encoding of DigestInfo up to the digest. */
+    /** Each algorithm has its OID, its digest and the part of the DER DigestInfo before the digest. */
     enum Algorithm {
-        NONEwithRSA(null, null, ""), // the caller passes the DigestInfo, and it has no OID of its own
+        NONEwithRSA(null, null, ""), // the caller passes the DigestInfo; no OID
         SHA1withRSA("1.2.840.113549.1.1.5", "SHA-1", "3021300906052b0e03021a05000414"),
         SHA224withRSA("1.2.840.113549.1.1.14", "SHA-224", "302d300d06096086480165030402040500041c"),
         SHA256withRSA("1.2.840.113549.1.1.11", "SHA-256", "3031300d060960864801650304020105000420"),
@@ -46,14 +46,14 @@ final class SmartcardSignature extends SignatureSpi {
             return name().replace('_', '-');
         }
 
-        /** {@return the OID as the only other name, if there is one} */
+        /** {@return the OID, if there is one} */
         List<String> aliases() {
             return oid == null ? List.of() : List.of(oid);
         }
     }
 
     private final Algorithm algorithm;
-    private final MessageDigest digest; // null: what is to be signed is kept as it is
+    private final MessageDigest digest; // null: the data is signed as it is
     private final ByteArrayOutputStream data = new ByteArrayOutputStream();
     private SmartcardKey key;
     private RSAPublicKey publicKey;
@@ -79,7 +79,7 @@ final class SmartcardSignature extends SignatureSpi {
             throw new InvalidKeyException("expected an RSA public key");
         }
         this.publicKey = rsaPublicKey;
-        digestInfo(); // and forget it: something may be left of a signature that was never finished
+        takeDigestInfo(); // discards the data of an unfinished signature
     }
 
     @Override
@@ -96,8 +96,8 @@ final class SmartcardSignature extends SignatureSpi {
         }
     }
 
-    /** What is signed, after which all is as it was in the beginning. */
-    private byte[] digestInfo() {
+    /** {@return the DigestInfo of the data so far} Resets the data. */
+    private byte[] takeDigestInfo() {
         if (digest != null) {
             data.writeBytes(algorithm.prefix);
             data.writeBytes(digest.digest());
@@ -109,28 +109,28 @@ final class SmartcardSignature extends SignatureSpi {
 
     @Override
     protected byte[] engineSign() throws SignatureException {
-        byte[] digestInfo = digestInfo();
-        byte[] block = block(digestInfo);
+        byte[] digestInfo = takeDigestInfo();
+        byte[] block = pad(digestInfo);
         byte[] signature;
         try {
             signature = key.slot().sign(digestInfo, key.id());
         } catch (IOException e) {
             throw new SignatureException(e.getMessage(), e);
         }
-        if (!opens(signature, block)) {
+        if (!isSignatureOf(signature, block)) {
             throw new SignatureException("the certificate does not verify the signature of the " + key
-                    + ": it belongs to another key, or another card is in the slot");
+                    + ": the certificate belongs to another key, or another card is in the slot");
         }
         return signature;
     }
 
     @Override
     protected boolean engineVerify(byte[] signature) throws SignatureException {
-        return opens(signature, block(digestInfo()));
+        return isSignatureOf(signature, pad(takeDigestInfo()));
     }
 
-    /** The padded block that a signature opens to: as long as the modulus. */
-    private byte[] block(byte[] digestInfo) throws SignatureException {
+    /** {@return the padded block, as long as the modulus, that RSA turns a signature into} */
+    private byte[] pad(byte[] digestInfo) throws SignatureException {
         byte[] block = new byte[(publicKey.getModulus().bitLength() + 7) / 8];
         int start = block.length - digestInfo.length;
         if (start < 11) {
@@ -143,14 +143,14 @@ final class SmartcardSignature extends SignatureSpi {
         return block;
     }
 
-    private boolean opens(byte[] signature, byte[] block) {
+    private boolean isSignatureOf(byte[] signature, byte[] block) {
         BigInteger modulus = publicKey.getModulus();
         BigInteger number = new BigInteger(1, signature);
         return signature.length == block.length && number.compareTo(modulus) < 0
                 && number.modPow(publicKey.getPublicExponent(), modulus).equals(new BigInteger(1, block));
     }
 
-    // ---- There are no parameters ----
+    // ---- Parameters: none ----
 
     @Override
     @Deprecated

@@ -16,9 +16,7 @@ import java.util.stream.IntStream;
 import java.util.stream.LongStream;
 
 /**
- * A slot of the bound module, with its session. Steps that belong together hold the natives' lock.
- *
- * @param index the slot index
+ * A slot of the bound module, with its session. Steps that belong together hold the lock on {@link Smartcard}.
  */
 record SmartcardSlot(long index) {
     private static final long TOKEN_PRESENT = 1;
@@ -31,21 +29,21 @@ record SmartcardSlot(long index) {
 
     /** An RSA public key object. */
     record PublicKey(ByteBuffer label, BigInteger modulus, BigInteger exponent) {
-        boolean isHalfOf(RSAPublicKey key) {
+        boolean isSameKeyAs(RSAPublicKey key) {
             return modulus.equals(key.getModulus()) && exponent.equals(key.getPublicExponent());
         }
     }
 
-    /** Opens a session and logs in, as far as each is not done yet. */
+    /** Opens a session and logs in, if necessary. */
     void open(char[] pin) throws IOException {
         openSession();
-        requireToken(); // of a token that is gone, nothing below would tell
+        requireToken(); // nothing below would notice a removed token
         logIn(pin);
     }
 
     /** Opens a session unless this slot has one of its own. */
     void openSession() throws IOException {
-        Smartcard.getSlotInfoDLL(index); // only then OpenSC notices that a card was removed, and its session closed
+        Smartcard.getSlotInfoDLL(index); // only then OpenSC notices a removed card and closes its session
         if (Smartcard.isSessionOpenDLL(index) == 0 && !mayBelongToAnotherSlot()) {
             return;
         }
@@ -56,9 +54,9 @@ record SmartcardSlot(long index) {
     }
 
     /**
-     * Whether the session may be another slot's: a module may give a handle that is free again to any slot, while it
-     * still stands here. Two slots then report the same slot ID. Each of the others gets a session of its own, so that
-     * the doubt is over; one without a token cannot have had this one.
+     * {@return whether the session may belong to another slot} A module may reuse a closed handle, which is still
+     * recorded for this slot, for a session of another one. Both slots then report the same slot ID. This method opens
+     * a new session in each such slot, so that no two share a handle. A slot without a token cannot own the session.
      */
     private boolean mayBelongToAnotherSlot() {
         int slotId = Smartcard.getSessionInfoDLL(index)[2];
@@ -71,7 +69,7 @@ record SmartcardSlot(long index) {
         return code == TOKEN_NOT_PRESENT || code == TOKEN_NOT_RECOGNIZED || code == DEVICE_REMOVED;
     }
 
-    /** SoftHSM2 opens sessions of a token that is gone, logs in and lists nothing; the serial number cannot be read. */
+    /** SoftHSM2 opens sessions of a removed token, logs in and lists nothing, but does not read its serial number. */
     void requireToken() throws IOException {
         byte[] number = Smartcard.readCardSerialNumberDLL(index);
         if (number == null || number.length == 1) {
@@ -80,15 +78,15 @@ record SmartcardSlot(long index) {
         }
     }
 
-    /** Whether a token is in the slot that can be used, or one that cannot be asked. */
+    /** {@return whether the slot has an initialised token, or one whose flags cannot be read} */
     boolean mayHaveToken() {
         boolean isPresent = (Smartcard.getSlotInfoDLL(index) & TOKEN_PRESENT) != 0; // first, as in openSession
         long flags = Smartcard.getTokenInfoDLL(index);
         return (flags & TOKEN_INITIALIZED) != 0 || flags == 0 && isPresent;
     }
 
-    /** {@return whether the token has this label and this serial number, each if it is not null} */
-    boolean has(String label, String serialNumber) {
+    /** {@return whether the token has this label and serial number; null matches any} */
+    boolean matches(String label, String serialNumber) {
         return (label == null || label.equals(text(Smartcard.readCardLabelDLL(index))))
                 && (serialNumber == null || serialNumber.equals(text(Smartcard.readCardSerialNumberDLL(index))));
     }
@@ -104,14 +102,14 @@ record SmartcardSlot(long index) {
                 || (Smartcard.getTokenInfoDLL(index) & PIN_PAD) != 0);
     }
 
-    /** {@return whether a login is needed for which the token does not ask by itself} */
-    boolean wantsPin() throws IOException {
+    /** {@return whether a login is needed and the token has no PIN pad} */
+    boolean needsPin() throws IOException {
         openSession();
         return (Smartcard.getTokenInfoDLL(index) & (LOGIN_REQUIRED | PIN_PAD)) == LOGIN_REQUIRED
                 && !isUser(Smartcard.getSessionInfoDLL(index));
     }
 
-    /** Without the login that the token requires, much of what it holds cannot be seen. */
+    /** Throws without the login that the token requires, since private objects would be missing from listings. */
     void requireLogin() throws IOException {
         long flags = Smartcard.getTokenInfoDLL(index);
         require(flags > 0, "the flags of the token in slot " + index + " cannot be read" + INSERT);
@@ -121,7 +119,7 @@ record SmartcardSlot(long index) {
         }
     }
 
-    /** Nobody being logged in, or no session, is as good. */
+    /** Succeeds also without a login or a session. */
     void logOut() throws IOException {
         long code = Smartcard.logoutDLL(index);
         check(code == -1 || code == USER_NOT_LOGGED_IN ? 0 : code, "logoutDLL in slot " + index, "");
@@ -135,11 +133,11 @@ record SmartcardSlot(long index) {
         if (!needsLogin(pin)) {
             return;
         }
-        // Strings reach the module in modified UTF-8, which differs from UTF-8 in these: a wrong PIN, and counted.
+        // In modified UTF-8 these characters differ from UTF-8: the token would count a wrong PIN.
         boolean isAltered = isGiven(pin)
                 && CharBuffer.wrap(pin).chars().anyMatch(c -> c == 0 || Character.isSurrogate((char) c));
         long code = isAltered ? PIN_INVALID
-                : Smartcard.loginDLL(index, isGiven(pin) ? new String(pin) : null, 1); // as user
+                : Smartcard.loginDLL(index, isGiven(pin) ? new String(pin) : null, 1); // user
         if (code != 0) {
             boolean isWrong = 0xA0 <= code && code <= 0xA2; // CKR_PIN_INCORRECT, CKR_PIN_INVALID, CKR_PIN_LEN_RANGE
             IOException failure = new SmartcardException("loginDLL in slot " + index, code, isAltered
@@ -156,12 +154,12 @@ record SmartcardSlot(long index) {
                 : (flags & PIN_COUNT_LOW) != 0 ? "; a wrong PIN was entered before" : "";
     }
 
-    /** The X.509 certificates that the session sees, each with its ID, its label and its DER encoding. */
+    /** {@return the ID, label and DER encoding of each X.509 certificate} */
     List<byte[][]> certificates() throws IOException {
         return rows("readAllCertificatesDLL", Smartcard::readAllCertificatesDLL, 3);
     }
 
-    /** The RSA private keys that the session sees, each with its ID and its label. */
+    /** {@return the ID and label of each RSA private key} */
     List<byte[][]> privateKeys() throws IOException {
         return rows("readAllRSAPrivateKeysDLL", Smartcard::readAllRSAPrivateKeysDLL, 2);
     }
@@ -169,7 +167,7 @@ record SmartcardSlot(long index) {
     private List<byte[][]> rows(String call, LongFunction<byte[][]> list, int width) throws IOException {
         synchronized (Smartcard.class) {
             byte[][] listing = list.apply(index);
-            // A code whose low 8 bits are 0 passes for success: only the missing values show it.
+            // A code whose low 8 bits are 0 looks like success, except for the missing values.
             if (listing == null || listing[0][0] != 0 || Arrays.asList(listing).contains(null)) {
                 throw failure(call, listing == null ? null : listing[0], FUNCTION_REJECTED);
             }
@@ -178,7 +176,7 @@ record SmartcardSlot(long index) {
         }
     }
 
-    /** The RSA public keys that the session sees and that have the ID. */
+    /** {@return the RSA public keys that have the ID} */
     List<PublicKey> publicKeys(byte[] id) throws IOException {
         return rows("readAllRSAPublicKeysDLL", Smartcard::readAllRSAPublicKeysDLL, 4).stream()
                 .filter(row -> Arrays.equals(row[0], id))
@@ -187,12 +185,12 @@ record SmartcardSlot(long index) {
     }
 
     /** {@return whether all RSA keys that have the ID have this label} */
-    boolean areLabelled(byte[] id, byte[] label) throws IOException {
+    boolean allKeysHaveLabel(byte[] id, byte[] label) throws IOException {
         return privateKeys().stream().allMatch(row -> !Arrays.equals(row[0], id) || Arrays.equals(row[1], label))
                 && publicKeys(id).stream().allMatch(key -> key.label().equals(ByteBuffer.wrap(label)));
     }
 
-    /** Whether a private key, of any type, has the ID: only then a signature with it fails with a code. */
+    /** {@return whether a private key of any type has the ID} Without one, signing returns a status of 0. */
     boolean hasPrivateKey(byte[] id) {
         byte[] signature = Smartcard.signWithIDDLL(index, new byte[1], id);
         return signature == null || signature.length != 1 || signature[0] != 0;
@@ -210,16 +208,17 @@ record SmartcardSlot(long index) {
     }
 
     /**
-     * The failure of a call whose status keeps 8 bits: the session is asked before the status is believed.
+     * {@return the failure of a call that returned a status} The session is queried first, since its code has more than
+     * 8 bits.
      *
-     * @param zero what a status of 0 stands for
+     * @param zero the code that a status of 0 means
      */
     SmartcardException failure(String call, byte[] status, long zero) {
         long code = Smartcard.isSessionOpenDLL(index);
         int[] session = Smartcard.getSessionInfoDLL(index);
         String insert = "; insert the card if it is out; load the KeyStore again";
         String advice = insert;
-        if (code == -1) { // no module, or one bound since, which has no session here
+        if (code == -1) { // no module, or one that was bound later and has no session here
             code = Integer.toUnsignedLong(session[0]);
             advice = (code == CRYPTOKI_NOT_INITIALIZED ? "; no module is bound" : "; the module was bound again")
                     + ": load the KeyStore again";
@@ -239,25 +238,24 @@ record SmartcardSlot(long index) {
         return new SmartcardException(call + " in slot " + index, code, advice);
     }
 
-    /** @param zero what a status of 0 stands for */
     private static long codeOf(byte[] status, long zero) {
         return status == null ? HOST_MEMORY : status[0] == 0 ? zero : status[0] & 0xFF;
     }
 
-    /** Whether the state is CKS_RO_USER_FUNCTIONS or CKS_RW_USER_FUNCTIONS. */
     private static boolean isUser(int[] session) {
+        // CKS_RO_USER_FUNCTIONS, CKS_RW_USER_FUNCTIONS
         return session[1] != -1 && (session[0] == 1 || session[0] == 3);
     }
 
-    /** As a label is meant: what a token holds may be filled up, and may steer a terminal or turn its text around. */
+    /** {@return the text without padding and without characters that control a terminal or the text direction} */
     static String text(byte[] bytes) {
         return new String(bytes, StandardCharsets.UTF_8)
                 .replaceAll("[\\p{Cntrl}\\x80-\\x9F\\u061C\\u200E\\u200F\\u202A-\\u202E\\u2066-\\u2069]", "").strip();
     }
 
-    private static void require(boolean condition, String otherwise) throws IOException {
+    private static void require(boolean condition, String message) throws IOException {
         if (!condition) {
-            throw new IOException(otherwise);
+            throw new IOException(message);
         }
     }
 }

@@ -15,11 +15,11 @@ import java.util.HexFormat;
 import java.util.List;
 import java.util.stream.Stream;
 
-/** The calls that change a token, with what they want in the form that PKCS#11 wants it. */
+/** The native calls that change a token, with their arguments converted to the form that PKCS#11 requires. */
 record SmartcardWriter(SmartcardSlot slot) {
     // ---- Values ----
 
-    /** The ID of a key: the SHA-1 of its modulus. */
+    /** {@return the ID of a key, the SHA-1 of its modulus} */
     static byte[] idOf(BigInteger modulus) throws GeneralSecurityException {
         return sha1(unsigned(modulus));
     }
@@ -32,7 +32,7 @@ record SmartcardWriter(SmartcardSlot slot) {
         return text.getBytes(StandardCharsets.UTF_8);
     }
 
-    /** Big-endian, without a sign byte; nothing of a secret number is left but in what is returned. */
+    /** {@return the number, big-endian without a sign byte} It leaves no other copy of a secret number in memory. */
     static byte[] unsigned(BigInteger number) {
         byte[] bytes = number.toByteArray();
         if (bytes[0] != 0) {
@@ -43,7 +43,7 @@ record SmartcardWriter(SmartcardSlot slot) {
         return unsigned;
     }
 
-    /** A serial number as a DER INTEGER. */
+    /** {@return the number as a DER INTEGER} */
     static byte[] der(BigInteger number) {
         byte[] value = number.toByteArray();
         byte[] length = value.length < 0x80 ? new byte[] {(byte) value.length}
@@ -60,7 +60,7 @@ record SmartcardWriter(SmartcardSlot slot) {
                 item.label().array()));
     }
 
-    /** Also writes the key's public half. What fails of the keys shows only in a listing. */
+    /** Also writes the public key. A failure to write a key shows only in a listing. */
     void writeCertificateAndPrivateKey(Item item, RSAPrivateCrtKey key) throws IOException, GeneralSecurityException {
         X509Certificate certificate = item.certificate();
         byte[][] numbers = Stream.of(key.getModulus(), key.getPublicExponent(), key.getPrivateExponent(),
@@ -78,7 +78,7 @@ record SmartcardWriter(SmartcardSlot slot) {
         }
     }
 
-    /** {@return the modulus} The pair may be there also where this fails. */
+    /** {@return the modulus} The pair may exist even if this fails. */
     BigInteger generateKeyPair(int bits, BigInteger publicExponent, byte[] id) throws IOException {
         byte[] modulus = Smartcard.generateKeyPairDLL(slot.index(), bits, unsigned(publicExponent), id, id);
         if (modulus == null || modulus.length == 1) {
@@ -88,15 +88,15 @@ record SmartcardWriter(SmartcardSlot slot) {
     }
 
     /**
-     * Gives the first private and the first public key of an ID, of any type, another ID and a label.
+     * Gives the first private and the first public key with an ID, of any type, another ID and a label.
      *
-     * @return the code of the public key alone
+     * @return the code for the public key alone
      */
     long renameKeyPair(byte[] id, byte[] newId, byte[] label) {
         return Smartcard.updateKeyPairIDAndLabelDLL(slot.index(), id, newId, label);
     }
 
-    // ---- Deleting: nothing to delete is a success ----
+    // ---- Deleting: succeeds if there is nothing to delete ----
 
     void deleteCertificate(Item item, byte[] serialNumber) throws IOException {
         check("deleteCertificateDLL", Smartcard.deleteCertificateDLL(slot.index(), subject(item), issuer(item),
@@ -111,9 +111,9 @@ record SmartcardWriter(SmartcardSlot slot) {
         check("deletePublicKeyDLL", Smartcard.deletePublicKeyDLL(slot.index(), id));
     }
 
-    /** Deletes the keys of an ID that was new to the token, as far as the token lets it; {@return what is left} */
-    List<String> takeOffKeyPair(byte[] id, boolean withPublicKey) throws IOException {
-        Smartcard.deletePrivateKeyDLL(slot.index(), id); // listings show what the results do not
+    /** Deletes the keys of an ID that was new to the token; {@return the keys that are still there} */
+    List<String> deleteKeyPair(byte[] id, boolean withPublicKey) throws IOException {
+        Smartcard.deletePrivateKeyDLL(slot.index(), id); // the listings below show whether it worked
         if (withPublicKey) {
             Smartcard.deletePublicKeyDLL(slot.index(), id);
         }
@@ -124,7 +124,7 @@ record SmartcardWriter(SmartcardSlot slot) {
         if (!slot.publicKeys(id).isEmpty()) {
             left.add("a public key with the ID " + HexFormat.of().formatHex(id));
         }
-        slot.requireToken(); // of a token that is gone, some modules list nothing
+        slot.requireToken(); // some modules list nothing for a removed token
         return left;
     }
 

@@ -18,10 +18,10 @@ import java.util.stream.Collectors;
 import java.util.stream.LongStream;
 
 /**
- * Which token an argument names.
+ * The token that an argument of {@link SmartcardProvider#configure} names.
  *
- * @param module the path of the module; null for the one that the application has bound
- * @param index the slot index; {@link #ANY} for whichever slot has the token
+ * @param module the path of the module; null for the bound module
+ * @param index the slot index; {@link #ANY} to search all slots
  * @param label the token's label; null for any
  * @param serialNumber the token's serial number; null for any
  */
@@ -31,7 +31,6 @@ record TokenName(String module, long index, String label, String serialNumber) {
     private static final String SYNTAX = "expected MODULE, MODULE#SLOT or SLOT (the path of a PKCS#11 module, "
             + "a slot index from 0), or pkcs11:token=LABEL;serial=NUMBER?module-path=MODULE";
 
-    /** @throws InvalidParameterException if it names no token */
     static TokenName of(String argument) {
         if (argument.regionMatches(true, 0, "pkcs11:", 0, "pkcs11:".length())) {
             return ofUri(argument.substring("pkcs11:".length()));
@@ -46,13 +45,13 @@ record TokenName(String module, long index, String label, String serialNumber) {
                 isSlot ? Long.parseLong(last) : ANY, null, null);
     }
 
-    /** RFC 7512, but for what the natives cannot compare: a part of the name must not be ignored. */
+    /** Refuses each attribute of RFC 7512 that the natives cannot compare, since none must be ignored. */
     private static TokenName ofUri(String uri) {
         String[] parts = uri.split("\\?", 2);
         Map<String, String> path = attributes(parts[0], ";");
         Map<String, String> query = attributes(parts.length < 2 ? "" : parts[1], "&");
         TokenName name = new TokenName(query.remove("module-path"), ANY, path.remove("token"), path.remove("serial"));
-        if (name.label != null || name.serialNumber != null) { // which tell the token apart without these
+        if (name.label != null || name.serialNumber != null) { // identify the token without these two
             path.keySet().removeAll(Set.of("manufacturer", "model"));
         }
         path.putAll(query);
@@ -72,7 +71,7 @@ record TokenName(String module, long index, String label, String serialNumber) {
                     continue;
                 }
             } catch (ArrayIndexOutOfBoundsException | IllegalArgumentException e) {
-                // Told below, like an attribute that stands twice.
+                // Thrown below, as for an attribute that appears twice.
             }
             throw new InvalidParameterException("the URI attribute " + nameAndValue[0]
                     + " has no valid value or appears twice; " + SYNTAX);
@@ -80,7 +79,7 @@ record TokenName(String module, long index, String label, String serialNumber) {
         return attributes;
     }
 
-    /** Binds the module, if it is not bound yet; {@return the slot that has the token} */
+    /** Binds the module if none is bound; {@return the slot of the token} */
     SmartcardSlot find() throws IOException {
         synchronized (Smartcard.class) {
             bind();
@@ -93,7 +92,7 @@ record TokenName(String module, long index, String label, String serialNumber) {
                 throw new SmartcardException("no token in the slots of "
                         + (module == null ? "the bound module" : module), TOKEN_NOT_PRESENT, INSERT);
             }
-            List<SmartcardSlot> found = tokens.stream().filter(slot -> slot.has(label, serialNumber)).toList();
+            List<SmartcardSlot> found = tokens.stream().filter(slot -> slot.matches(label, serialNumber)).toList();
             if (found.size() != 1) {
                 throw new IOException((found.isEmpty() ? "no token matches; the tokens are: "
                         : "several tokens match; configure " + (module == null ? "SLOT" : module + "#SLOT")
@@ -121,15 +120,15 @@ record TokenName(String module, long index, String label, String serialNumber) {
                     ? "; other code in this process has initialised the module" : "");
             return;
         }
-        // Whichever module is bound, the answer is 0x191. But only the bound one is called: where it is another, the
-        // last code is still that of the question above.
+        // initDLL returns 0x191 for any module, but calls only the bound one. If another one is bound, the last code is
+        // still that of getSessionInfoDLL above.
         require((Smartcard.readSlotDescriptionDLL(NO_SLOT)[0] & 0xFF) != SESSION_HANDLE_INVALID, "another module than "
                 + module + " is bound; call Smartcard.finalizeDLL first, or configure SLOT to use the bound module");
     }
 
-    private static void require(boolean condition, String otherwise) throws IOException {
+    private static void require(boolean condition, String message) throws IOException {
         if (!condition) {
-            throw new IOException(otherwise);
+            throw new IOException(message);
         }
     }
 }

@@ -1,5 +1,5 @@
 /**
- * Native methods in {@link com.calvenhor.vork.utils.Smartcard}, for applications that work with tokens themselves, and
- * the {@code java.security} provider {@link com.calvenhor.vork.utils.SmartcardProvider}, which uses them.
+ * Smart cards and USB tokens: the native methods of {@link com.calvenhor.vork.utils.Smartcard}, and the {@code
+ * java.security} provider {@link com.calvenhor.vork.utils.SmartcardProvider} over them.
  */
 package com.calvenhor.vork.utils;
