@@ -116,7 +116,8 @@ class CommandTest {
 
         String checked = run(0, "check", "--module", SOFTHSM2, "--write", "--traces", "traces");
         assertContains(checked, "sign with \"Contracts\"             worked        256 bytes, verified\n",
-                "import a key pair and certificate worked\n", "what is left of a check           worked        nothing");
+                "import a key pair and certificate worked\n",
+                "objects left by a check           worked        none\n");
         assertFalse(checked.contains("refused"), checked);
         assertContains(Files.readString(folder.resolve("traces")), "INITIALIZE start\n", "C_Sign = 0x0\n");
         assertEquals(shown, run(0, "show", "--module", SOFTHSM2, "--slot", "0"));
@@ -133,7 +134,7 @@ class CommandTest {
                 "(?s).*Max core file size +0 +0 .*"));
         signal("SEGV", worker);
         assertEnds(11);
-        Matcher told = Pattern.compile("the module crashed while: (.+); the report, which may show the PIN, is "
+        Matcher told = Pattern.compile("the module crashed in step: (.+); the crash report, which may show the PIN, is "
                 + "in (.+)\n(?s:.*)\"Module check\".* deletes them:\n  java -jar (.+)\n").matcher(err());
         assertTrue(told.matches(), err());
         assertTrue(PosixFilePermissions.toString(Files.getPosixFilePermissions(Path.of(told.group(2))))
@@ -155,7 +156,7 @@ class CommandTest {
         Recipes.newToken(SOFTHSM2, 1, PIN, PIN);
         Smartcard.finalizeDLL();
         environment.put("SMARTCARD_PIN", "wrong");
-        assertContains(run(1, "show", "--module", SOFTHSM2), "CKR_PIN_INCORRECT (0xa0)", "SMARTCARD_PIN is sent once");
+        assertContains(run(1, "show", "--module", SOFTHSM2), "CKR_PIN_INCORRECT (0xa0)", "SMARTCARD_PIN is sent only once");
         assertEquals(1, run(0, "show", "--module", SOFTHSM2, "--no-pin").split("USER_PIN_COUNT_LOW").length - 1);
         run(1, "check", "--module", SOFTHSM2);
         assertContains(err(), "CKR_PIN_INCORRECT (0xa0)");
@@ -180,8 +181,8 @@ class CommandTest {
     @Test
     void resultsThatDoNotFit() throws Exception {
         environment.put("SMARTCARD_PIN", "1234");
-        assertContains(run(10, "check", "--module", MOCK, "--write"), "DOES NOT FIT  the signature does not verify",
-                "Results that do not fit: 2");
+        assertContains(run(10, "check", "--module", MOCK, "--write"), "INCONSISTENT  the signature does not verify",
+                "Inconsistent results: 2");
     }
 
     @Test
@@ -194,12 +195,12 @@ class CommandTest {
         ProcessHandle stopped = worker();
         signal("STOP", stopped); // so that it cannot end by itself
         assertEnds(12);
-        assertEquals("no answer for 5 s while: load and initialise the module\n", err());
+        assertEquals("the module did not return within 5 s, in step: load and initialise the module\n", err());
         stopped.onExit().get(10, TimeUnit.SECONDS);
 
         environment.put("P11_KIT_SERVER_ADDRESS", "|sh -c 'yes \"$(printf \"\\001noise\")\" >&2'");
         run(12, "check", "--module", CLIENT, "--timeout", "3");
-        assertContains(err(), "no answer for 3 s while: ", "\1noise\n");
+        assertContains(err(), "the module did not return within 3 s, in step: ", "\1noise\n");
         environment.put("P11_KIT_SERVER_ADDRESS", HANGS);
         for (String signal : List.of("INT", "KILL")) {
             start("check", "--module", CLIENT);
@@ -220,7 +221,7 @@ class CommandTest {
         Files.writeString(modules.resolve("b.module"), "module: nowhere.so\n");
         Files.writeString(modules.resolve("c.module"), "module:" + MOCK);
         String shown = run(12, "show", "--no-pin", "--timeout", "5");
-        assertContains(shown, CLIENT + "\n  no answer for 5 s", "nowhere.so cannot be loaded", MOCK + "\n\nSlot 0: ",
+        assertContains(shown, CLIENT + "\n  the module did not return within 5 s", "nowhere.so cannot be loaded", MOCK + "\n\nSlot 0: ",
                 "libsofthsm2.so\n\nSlot 0: ", "\"YENIKART\"");
         assertEquals("", err());
     }
@@ -269,7 +270,7 @@ class CommandTest {
         assertContains(run(0, "--help"), "Exit status: ");
         assertTrue(run(0, "--version").matches("libsmartcard \\d+\\.\\d+\\.\\d+\n"));
         run(1, "show", "--module", SOFTHSM2, "--slot", "99");
-        assertEquals("there is no slot 99: the last is 1\n", err());
+        assertEquals("slot 99 does not exist: the last slot is 1\n", err());
         run(1, "check", "--module", JAR);
         assertContains(err(), JAR + " cannot be loaded: ", "invalid ELF header");
     }

@@ -18,9 +18,9 @@ import java.util.stream.IntStream;
 import java.util.stream.LongStream;
 
 /**
- * Asks a module for what the library can do with it: the report says what worked, what the module refused, and which
- * results contradict each other. It reads, and signs a sentence with each key in sight. With {@code --write} it also
- * takes a key pair and an identity through their lives, under IDs of their own: what was there before stays.
+ * Tries everything that the library can do with a module. Reports which steps worked, which the module refused, and
+ * which results are inconsistent. Reads the token and signs a sentence with each visible key. With {@code --write} it
+ * also creates, uses, renames and deletes keys and certificates with random IDs. Other objects stay unchanged.
  */
 final class Check {
     private static final byte[] EXPONENT = {1, 0, 1};
@@ -39,15 +39,15 @@ final class Check {
 
     private final Token token;
     private final long slot;
-    private String detail; // of the answer to the present question
-    private int misfits;
+    private String detail; // of the current step, for its line
+    private int inconsistencies;
 
-    // As they are before anything is written.
+    // The listings before any write.
     private List<Token.Entry> certificates;
     private List<Token.Entry> publicKeys;
     private List<Token.Entry> privateKeys;
-    private boolean unsure; // whether all were listed, or whether an ID finds its own object alone
-    private boolean empty;
+    private boolean isUnreliable; // a listing, or the search by ID: a deletion could reach other objects
+    private boolean isEmpty; // the token
 
     private Check(Token token) {
         this.token = token;
@@ -58,20 +58,20 @@ final class Check {
     static int run(Options options) throws GeneralSecurityException, Token.Failure {
         Token.bind(options);
         Check check = new Check(Token.open(options.slot() >= 0 ? options.slot() : firstToken()));
-        Worker.tell("slot " + check.slot + ": " + check.token.logIn(options));
+        Worker.print("slot " + check.slot + ": " + check.token.logIn(options));
         if (options.has("--remove")) {
-            check.askForLeftovers().forEach((name, deletion) -> check.ask("delete " + name, deletion));
+            check.findLeftovers().forEach((name, deletion) -> check.runStep("delete " + name, deletion));
         }
         check.read();
         if (options.has("--write")) {
             check.write();
         }
-        check.ask("log out, close, finalize", check::close);
-        if (check.misfits == 0) {
+        check.runStep("log out, close, finalize", check::close);
+        if (check.inconsistencies == 0) {
             return 0;
         }
-        Worker.tell("Results that do not fit: " + check.misfits);
-        return Main.MISFIT;
+        Worker.print("Inconsistent results: " + check.inconsistencies);
+        return Main.INCONSISTENT;
     }
 
     private static long firstToken() throws Token.Failure {
@@ -83,7 +83,7 @@ final class Check {
         try {
             token.logOut();
             long code = Smartcard.closeSessionDLL(slot);
-            if (code != 0xE0) { // CKR_TOKEN_NOT_PRESENT: it answers for the last slot of all, which may be empty
+            if (code != 0xE0) { // CKR_TOKEN_NOT_PRESENT: the code is that of the last slot, which may be empty
                 Token.check(code, "closeSessionDLL");
             }
         } finally {
@@ -91,133 +91,133 @@ final class Check {
         }
     }
 
-    /** A call that fails is refused; any other failure is one of ours to make sense of the answers. */
-    private boolean ask(String what, Steps steps) {
-        Worker.step(what);
+    /** {@return whether a step worked, after printing its line} */
+    private boolean runStep(String name, Steps steps) {
+        Worker.beginStep(name);
         detail = "";
         try {
             steps.run();
-            enter(what, "worked", detail);
+            print(name, "worked", detail);
             return true;
         } catch (Token.Refused e) {
-            enter(what, "refused", e.getMessage());
+            print(name, "refused", e.getMessage());
         } catch (Exception e) {
-            enter(what, "DOES NOT FIT", e instanceof Token.Failure ? e.getMessage() : e.toString());
-            misfits++;
+            print(name, "INCONSISTENT", e instanceof Token.Failure ? e.getMessage() : e.toString());
+            inconsistencies++;
         }
         return false;
     }
 
-    private static void enter(String what, String verdict, String text) {
-        Worker.tell(String.format("%-33s %-12s  %s", what, verdict, text).stripTrailing());
+    private static void print(String name, String verdict, String text) {
+        Worker.print(String.format("%-33s %-12s  %s", name, verdict, text).stripTrailing());
     }
 
     // ---- Reading ----
 
     private void read() {
-        ask("slots", () -> {
+        runStep("slots", () -> {
             long tokens = 0;
             for (long i = 0; i < Smartcard.getSlotCountDLL(); i++) {
                 Token.data(Smartcard.readSlotDescriptionDLL(i), "readSlotDescriptionDLL");
-                Token.require(Smartcard.getSlotInfoDLL(i) != -1, "no flags of slot " + i);
+                Token.require(Smartcard.getSlotInfoDLL(i) != -1, "getSlotInfoDLL returns no flags of slot " + i);
                 tokens += Smartcard.getSlotInfoDLL(i) & 1; // CKF_TOKEN_PRESENT
             }
-            Token.require((Smartcard.getSlotInfoDLL(slot) & 1) != 0, "a session, and no token is present");
+            Token.require((Smartcard.getSlotInfoDLL(slot) & 1) != 0, "a session is open, but no token is present");
             detail = Smartcard.getSlotCountDLL() + ", " + tokens + " with a token";
         });
-        ask("token", () -> {
+        runStep("token", () -> {
             detail = "\"" + Token.text(Token.data(Smartcard.readCardLabelDLL(slot), "readCardLabelDLL"))
                     + "\", serial number "
                     + Token.text(Token.data(Smartcard.readCardSerialNumberDLL(slot), "readCardSerialNumberDLL"))
                     + (Token.isInitialised(slot) ? "" : ", not initialised");
         });
-        ask("session", () -> {
+        runStep("session", () -> {
             Token.check(Smartcard.isSessionOpenDLL(slot), "isSessionOpenDLL");
-            int expected = token.loggedIn ? 3 : 2; // CKS_RW_USER_FUNCTIONS, CKS_RW_PUBLIC_SESSION
+            int expected = token.isLoggedIn ? 3 : 2; // CKS_RW_USER_FUNCTIONS, CKS_RW_PUBLIC_SESSION
             int state = Smartcard.getSessionInfoDLL(slot)[0];
-            Token.require(state == expected, "state " + state + ", not " + expected);
-            detail = token.loggedIn ? "the user's" : "public";
+            Token.require(state == expected, "the session state is " + state + ", not " + expected);
+            detail = token.isLoggedIn ? "user" : "public";
         });
-        ask("mechanisms", () -> {
+        runStep("mechanisms", () -> {
             int[] types = Smartcard.getSupportedMechanismListDLL(slot);
             if (IntStream.of(types).allMatch(type -> type == 0)) {
-                throw new Token.Refused("getSupportedMechanismListDLL: no list");
+                throw new Token.Refused("getSupportedMechanismListDLL returns no list");
             }
-            Token.require(Arrays.equals(types, Smartcard.getSupportedMechanismListDLL(slot)), "two lists differ");
-            List<String> silent = IntStream.of(types).filter(type -> mechanism(type) == -1)
+            Token.require(Arrays.equals(types, Smartcard.getSupportedMechanismListDLL(slot)), "two listings differ");
+            List<String> unknown = IntStream.of(types).filter(type -> mechanism(type) == -1)
                     .mapToObj(type -> "0x" + Integer.toHexString(type)).toList();
-            Token.require(silent.isEmpty(), types.length + ", without information on " + String.join(" ", silent));
+            Token.require(unknown.isEmpty(), types.length + ", no information on " + String.join(" ", unknown));
             Token.require(mechanism(1) == -1 || IntStream.of(types).anyMatch(type -> type == 1),
-                    types.length + ", without RSA_PKCS, of which there is information");
+                    types.length + ", RSA_PKCS is not listed, but has information");
             detail = types.length + "; RSA_PKCS: " + (mechanism(1) == -1 ? "no" : Names.mechanismFlags(mechanism(1)));
         });
         certificates = list("certificates", Token::certificates, Smartcard::readCertificateIDDLL);
         publicKeys = list("RSA public keys", Token::publicKeys, Smartcard::readPublicKeyIDDLL);
         privateKeys = list("RSA private keys", Token::privateKeys, Smartcard::readPrivateKeyIDDLL);
-        ask("objects", () -> {
+        runStep("objects", () -> {
             long count = Smartcard.getObjectCountInTheTokenDLL(slot);
             int listed = certificates.size() + publicKeys.size() + privateKeys.size();
-            Token.require(count >= Math.min(20, listed), count + " are counted, " + listed + " listed");
+            Token.require(count >= Math.min(20, listed), count + " are counted, but " + listed + " are listed");
             Token.require(Smartcard.isCardEmptyDLL(slot) == Math.min(1, count),
-                    count + " are counted, and isCardEmptyDLL denies it");
-            empty = count == 0 && listed == 0 && !unsure; // a search that fails reads like an empty token
+                    count + " are counted, but isCardEmptyDLL contradicts");
+            isEmpty = count == 0 && listed == 0 && !isUnreliable; // a failed search also counts 0 objects
             detail = count == 20 ? "20 or more" : String.valueOf(count);
         });
         if (!certificates.isEmpty()) {
-            ask("certificates read by Java", () -> {
+            runStep("parse the certificates in Java", () -> {
                 for (Token.Entry entry : certificates) {
                     Token.certificate(entry);
                 }
                 byte[] first = Token.data(Smartcard.readCertificateDLL(slot), "readCertificateDLL");
                 Token.require(Arrays.equals(first, certificates.get(0).values().get(0)),
-                        "readCertificateDLL gives another than the first that is listed");
+                        "readCertificateDLL returns another certificate than the first in the list");
             });
         }
         for (Token.Entry key : privateKeys) {
             sign("sign with \"" + Token.text(key.label()) + "\"", key.id());
         }
-        boolean noSignature = ask("sign with a key that is not there", () -> {
+        boolean noSignature = runStep("sign with an unknown ID", () -> {
             byte[] signature = Smartcard.signWithIDDLL(slot, digestInfo(), newId());
-            Token.require(signature.length == 1, "another key signed");
+            Token.require(signature.length == 1, "a key with another ID signed");
             detail = "no signature";
         });
-        unsure |= !noSignature;
+        isUnreliable |= !noSignature;
     }
 
     private long mechanism(int type) {
         return Smartcard.getMechanismInfoDLL(slot, Integer.toUnsignedLong(type));
     }
 
-    private List<Token.Entry> list(String what, Listing listing, LongFunction<byte[]> firstId) {
+    private List<Token.Entry> list(String name, Listing listing, LongFunction<byte[]> firstId) {
         List<Token.Entry> found = new ArrayList<>();
-        boolean listed = ask(what, () -> {
+        boolean listed = runStep(name, () -> {
             found.addAll(listing.of(slot));
             requireSame(found, listing.of(slot));
-            // Of keys it takes every type: the first one's need not be the first of the listing.
+            // The listing has RSA keys only, the method reads the first key of any type: the IDs may differ.
             byte[] id = firstId.apply(slot);
             Token.require(found.isEmpty() || id.length != 1 || found.get(0).id().length == 1,
-                    found.size() + " are listed, and the first one's ID reads as status " + Token.hex(id));
+                    found.size() + " are listed, but reading the first ID returns status " + Token.hex(id));
             detail = String.valueOf(found.size());
         });
-        unsure |= !listed;
+        isUnreliable |= !listed;
         return found;
     }
 
-    private void sign(String what, byte[] id) {
-        ask(what, () -> {
+    private void sign(String name, byte[] id) {
+        runStep(name, () -> {
             byte[] signature = Smartcard.signWithIDDLL(slot, digestInfo(), id);
             if (Arrays.equals(signature, new byte[1])) {
-                // More data than any key takes: a key that is found refuses it with a code.
+                // More data than any key accepts: if the key is found, the module refuses it with another code.
                 byte[] refusal = Smartcard.signWithIDDLL(slot, new byte[2000], id);
-                Token.require(!Arrays.equals(refusal, signature), "the key is listed, but not found by its ID, or"
-                        + " refuses whatever it is given (CKR_FUNCTION_REJECTED): --traces FILE has the code");
-                throw new Token.Refused("signWithIDDLL: status 0x00, such as CKR_FUNCTION_REJECTED (0x200)");
+                Token.require(!Arrays.equals(refusal, signature), "the key is listed, but is not found by its ID, or"
+                        + " refuses all data (CKR_FUNCTION_REJECTED); --traces FILE has the code");
+                throw new Token.Refused("signWithIDDLL: status 0x00, for example CKR_FUNCTION_REJECTED (0x200)");
             }
             Token.data(signature, "signWithIDDLL");
             PublicKey publicKey = Token.publicKey(id, Token.publicKeys(slot), Token.certificates(slot));
             Token.require(publicKey == null || verifies(publicKey, signature),
                     "the signature does not verify");
-            detail = signature.length + " bytes, " + (publicKey == null ? "no public key to verify them" : "verified");
+            detail = signature.length + " bytes, " + (publicKey == null ? "not verified: no public key" : "verified");
         });
     }
 
@@ -238,49 +238,49 @@ final class Check {
     // ---- Writing ----
 
     private void write() throws GeneralSecurityException {
-        if (unsure) {
-            enter("all that writes", "not asked", "it could reach what is not ours");
+        if (isUnreliable) {
+            print("all write steps", "skipped", "they could change other objects: see the results above");
             return;
         }
         Message.send(Message.Kind.WRITES, "");
         generate();
         importIdentity();
-        askForLeftovers();
+        findLeftovers();
     }
 
-    /** {@return what the token has under the labels of a check, each with the steps that delete it} */
-    private Map<String, Steps> askForLeftovers() {
+    /** {@return the objects that an earlier check left, found by their labels, with the steps that delete each} */
+    private Map<String, Steps> findLeftovers() {
         Map<String, Steps> found = new LinkedHashMap<>();
-        ask("what is left of a check", () -> {
-            for (Token.Entry entry : ours(Token.privateKeys(slot))) {
+        runStep("objects left by a check", () -> {
+            for (Token.Entry entry : ownObjects(Token.privateKeys(slot))) {
                 found.put("private key " + entry, () -> Token.check(Smartcard.deletePrivateKeyDLL(slot, entry.id()),
                         "deletePrivateKeyDLL"));
             }
-            for (Token.Entry entry : ours(Token.publicKeys(slot))) {
+            for (Token.Entry entry : ownObjects(Token.publicKeys(slot))) {
                 found.put("public key " + entry, () -> Token.check(Smartcard.deletePublicKeyDLL(slot, entry.id()),
                         "deletePublicKeyDLL"));
             }
-            for (Token.Entry entry : ours(Token.certificates(slot))) {
+            for (Token.Entry entry : ownObjects(Token.certificates(slot))) {
                 found.put("certificate " + entry, () -> Identity.deleteCertificate(slot, Token.certificate(entry),
                         entry.id(), entry.label()));
             }
             if (Arrays.equals(Smartcard.readAttributeCertificateDLL(slot), SENTENCE)) {
                 found.put("data object without a label", () -> {
-                    Token.require(Smartcard.getObjectCountInTheTokenDLL(slot) == 1, "it is not alone on the token, and"
-                            + " deleteDLL would delete the others as well");
+                    Token.require(Smartcard.getObjectCountInTheTokenDLL(slot) == 1,
+                            "deleteDLL would also delete the other objects on the token");
                     Token.check(Smartcard.deleteDLL(slot), "deleteDLL");
                 });
             }
             detail = String.join("; ", found.keySet());
             if (found.isEmpty()) {
-                detail = "nothing";
+                detail = "none";
                 Message.send(Message.Kind.CLEAN, "");
             }
         });
         return found;
     }
 
-    private static List<Token.Entry> ours(List<Token.Entry> entries) {
+    private static List<Token.Entry> ownObjects(List<Token.Entry> entries) {
         return entries.stream().filter(entry -> Arrays.equals(entry.label(), LABEL)
                 || Arrays.equals(entry.label(), NEW_LABEL)).toList();
     }
@@ -288,35 +288,35 @@ final class Check {
     private void generate() {
         byte[] id = newId();
         byte[] otherId = newId();
-        boolean generated = ask("generate a key pair", () -> {
+        boolean generated = runStep("generate a key pair", () -> {
             byte[] modulus = Token.data(Smartcard.generateKeyPairDLL(slot, 2048, EXPONENT, id, LABEL),
                     "generateKeyPairDLL");
             requireAdded(privateKeys, Token.privateKeys(slot), id, LABEL);
             List<byte[]> values = requireAdded(publicKeys, Token.publicKeys(slot), id, LABEL).values();
             Token.require(Arrays.equals(values.get(0), modulus) && Arrays.equals(values.get(1), EXPONENT),
-                    "the public key is listed with other numbers");
+                    "the public key is listed with another modulus or exponent");
         });
         if (generated) {
             sign("sign with the generated key", id);
             rename("change the pair's ID and label", id, otherId);
         }
-        ask("delete the pair", () -> deleteKeyPair(id, otherId));
+        runStep("delete the pair", () -> deleteKeyPair(id, otherId));
     }
 
     private void importIdentity() throws GeneralSecurityException {
         byte[] id = newId();
         Identity identity = Identity.generate(id);
-        ask("write and delete a certificate", () -> {
+        runStep("write and delete a certificate", () -> {
             identity.writeCertificate(slot, LABEL);
             requireAdded(certificates, Token.certificates(slot), id, LABEL);
             deleteCertificate(identity);
         });
-        ask("write and delete a public key", () -> {
+        runStep("write and delete a public key", () -> {
             identity.writePublicKey(slot, LABEL);
             requireAdded(publicKeys, Token.publicKeys(slot), id, LABEL);
             deleteKeyPair(id);
         });
-        boolean imported = ask("import a key pair and certificate", () -> {
+        boolean imported = runStep("import a key pair and certificate", () -> {
             identity.write(slot, LABEL);
             requireAdded(certificates, Token.certificates(slot), id, LABEL);
         });
@@ -324,39 +324,40 @@ final class Check {
             sign("sign with the imported key", id);
             rename("change the imported keys' label", id, id);
         }
-        if (imported && empty) {
-            ask("change the certificate's label", () -> {
+        if (imported && isEmpty) {
+            runStep("change the certificate's label", () -> {
                 Token.check(Smartcard.setCertificateLabelDLL(null, slot), "setCertificateLabelDLL");
                 if (!Arrays.equals(Smartcard.readCertificateLabelDLL(slot), Smartcard.readPublicKeyLabelDLL(slot))) {
                     throw new Token.Refused("setCertificateLabelDLL: --traces FILE has the code");
                 }
             });
         }
-        ask("delete keys and certificate", () -> {
+        runStep("delete keys and certificate", () -> {
             deleteKeyPair(id);
             deleteCertificate(identity);
         });
-        if (!empty) {
-            enter("what has the whole token in reach", "not asked", "it is not empty");
+        if (!isEmpty) {
+            print("steps that need an empty token", "skipped", "the token is not empty");
             return;
         }
-        ask("delete all certificates", () -> {
+        runStep("delete all certificates", () -> {
             identity.writeCertificate(slot, LABEL);
             Token.check(Smartcard.deleteAllCertificatesDLL(slot), "deleteAllCertificatesDLL");
             requireSame(List.of(), Token.certificates(slot));
         });
-        ask("write an attribute certificate", () -> {
+        runStep("write an attribute certificate", () -> {
             Token.check(Smartcard.writeAttributeCertificateDLL(slot, SENTENCE), "writeAttributeCertificateDLL");
-            Token.require(Arrays.equals(Smartcard.readAttributeCertificateDLL(slot), SENTENCE), "another one is read");
+            Token.require(Arrays.equals(Smartcard.readAttributeCertificateDLL(slot), SENTENCE),
+                    "readAttributeCertificateDLL returns other data");
         });
-        ask("delete all objects", () -> {
+        runStep("delete all objects", () -> {
             Token.check(Smartcard.deleteDLL(slot), "deleteDLL");
             Token.require(Smartcard.isCardEmptyDLL(slot) == 0, "the token is not empty");
         });
     }
 
-    private void rename(String what, byte[] id, byte[] newId) {
-        ask(what, () -> {
+    private void rename(String name, byte[] id, byte[] newId) {
+        runStep(name, () -> {
             Token.check(Smartcard.updateKeyPairIDAndLabelDLL(slot, id, newId, NEW_LABEL), "updateKeyPairIDAndLabelDLL");
             requireAdded(publicKeys, Token.publicKeys(slot), newId, NEW_LABEL);
             requireAdded(privateKeys, Token.privateKeys(slot), newId, NEW_LABEL);
@@ -390,12 +391,12 @@ final class Check {
         return id;
     }
 
-    // ---- What fits ----
+    // ---- Comparing listings ----
 
-    /** The same objects with the same values, in any order. */
+    /** Requires the same objects with the same values, in any order. */
     private static void requireSame(List<Token.Entry> some, List<Token.Entry> others) throws Token.Failure {
         Token.require(content(some).equals(content(others)),
-                "two listings that ought to be equal are not: " + some.size() + " and " + others.size() + " objects");
+                "two listings differ that should be equal: " + some.size() + " and " + others.size() + " objects");
     }
 
     private static List<String> content(List<Token.Entry> entries) {
@@ -403,15 +404,16 @@ final class Check {
                 + entry.values().stream().map(Token::hex).toList()).sorted().toList();
     }
 
-    /** One object more, with this ID and label. */
+    /** Requires one additional object, which has this ID and label. */
     private static Token.Entry requireAdded(List<Token.Entry> before, List<Token.Entry> after, byte[] id, byte[] label)
             throws Token.Failure {
-        Token.require(after.size() == before.size() + 1, before.size() + " were listed, and now " + after.size());
+        Token.require(after.size() == before.size() + 1,
+                before.size() + " objects were listed before, " + after.size() + " after");
         for (Token.Entry entry : after) {
             if (Arrays.equals(entry.id(), id) && Arrays.equals(entry.label(), label)) {
                 return entry;
             }
         }
-        throw new Token.Failure("it is not listed with the ID and label that it was given");
+        throw new Token.Failure("the new object is not listed with its ID and label");
     }
 }

@@ -15,11 +15,11 @@ import java.util.HexFormat;
 import java.util.List;
 import javax.security.auth.x500.X500Principal;
 
-/** An RSA key and its certificate, to be written to a token under an ID. */
+/** An RSA key and its certificate, to be written to a token with this ID. */
 record Identity(RSAPrivateCrtKey key, X509Certificate certificate, byte[] id) {
     private static final int SEQUENCE = 0x30;
 
-    /** A new key, with a certificate that it has signed itself. */
+    /** {@return a new key with a self-signed certificate} */
     static Identity generate(byte[] id) throws GeneralSecurityException {
         KeyPairGenerator generator = KeyPairGenerator.getInstance("RSA");
         generator.initialize(2048);
@@ -40,7 +40,7 @@ record Identity(RSAPrivateCrtKey key, X509Certificate certificate, byte[] id) {
                 Token.certificate(new Token.Entry(id, id, List.of(certificate))), id);
     }
 
-    /** Puts private key, public key and certificate on the token, and makes sure that all three are there. */
+    /** Writes private key, public key and certificate, and checks that the token lists one key more of each kind. */
     void write(long slot, byte[] label) throws GeneralSecurityException, Token.Failure {
         int privateKeys = Token.privateKeys(slot).size();
         int publicKeys = Token.publicKeys(slot).size();
@@ -49,7 +49,7 @@ record Identity(RSAPrivateCrtKey key, X509Certificate certificate, byte[] id) {
                 unsigned(key.getPublicExponent()), unsigned(key.getPrivateExponent()), unsigned(key.getPrimeP()),
                 unsigned(key.getPrimeQ()), unsigned(key.getPrimeExponentP()), unsigned(key.getPrimeExponentQ()),
                 unsigned(key.getCrtCoefficient()), id, label), "writeCertificateAndPrivateKeyDLL");
-        // The result spoke for the certificate alone.
+        // The method returns the code of the certificate only.
         if (Token.privateKeys(slot).size() != privateKeys + 1) {
             throw new Token.Refused("the private key is not on the token; --traces FILE has the code");
         }
@@ -86,7 +86,7 @@ record Identity(RSAPrivateCrtKey key, X509Certificate certificate, byte[] id) {
         return der(2, certificate.getSerialNumber().toByteArray());
     }
 
-    /** Big-endian as PKCS#11 wants it: without the zero byte that keeps Java's form positive. */
+    /** {@return a PKCS#11 Big integer: without the leading zero byte of Java's two's complement} */
     private static byte[] unsigned(BigInteger number) {
         byte[] bytes = number.toByteArray();
         return bytes[0] == 0 && bytes.length > 1 ? Arrays.copyOfRange(bytes, 1, bytes.length) : bytes;

@@ -4,14 +4,14 @@ import java.io.IOException;
 import java.nio.file.Path;
 import java.util.Set;
 
-/** The command of the jar: asks a card, from a second virtual machine that the card's module may crash. */
+/** The command of the jar. It calls the PKCS#11 module in a second JVM, which the module may crash. */
 public final class Main {
     static final int FAILED = 1;
     static final int USAGE_ERROR = 2;
-    // No compiler's, no shell's and no virtual machine's.
-    static final int MISFIT = 10;
+    // Distinct from the exit statuses of compilers, shells and the JVM.
+    static final int INCONSISTENT = 10;
     static final int CRASHED = 11;
-    static final int NO_ANSWER = 12;
+    static final int TIMED_OUT = 12;
 
     private static final String USAGE = """
             java -jar JAR show  [--module PATH] [--slot N] [--no-pin] [--timeout SECONDS]
@@ -19,24 +19,25 @@ public final class Main {
                                 [--traces FILE]
             java -jar JAR --version | --help
 
-            show prints slots, tokens, certificates and keys. check asks a module for what the library can do with it,
-            and prints what worked, what the module refused and by which code, and which results contradict each other.
-            Both read only; check also signs a sentence with each key that it sees.
-              --module PATH      the PKCS#11 module of the card's vendor; without it show asks each module that this
-                                 system knows of: those of p11-kit's files, SoftHSM2 and OpenSC
-              --slot N           the slot index, from 0; without it show takes all, check the first with a token
-              --no-pin           do not log in: only public objects are seen
-              --timeout SECONDS  how long a call may take, 60 by default
+            show prints slots, tokens, certificates and keys. check tries everything that the library can do with a
+            module. It prints which steps worked, which the module refused (with the code), and which results contradict
+            another result. Only --write and --remove change the token. check signs a sentence with each key it finds.
+              --module PATH      the PKCS#11 module of the card's vendor; without it show tries all modules that it
+                                 finds: those in p11-kit's configuration, SoftHSM2 and OpenSC
+              --slot N           the slot index, from 0; default: all slots for show, for check the first with a token
+              --no-pin           do not log in: only public objects are visible
+              --timeout SECONDS  the time limit for one call, 60 by default
               --write            also generate, import, rename and delete keys and certificates, all labelled "Module
-                                 check"; if the token is empty, also delete everything
-              --remove           first delete what an earlier --write has left on the token
-              --traces FILE      write the library's traces there
+                                 check"; if the token is empty, also delete all objects
+              --remove           first delete the objects that an earlier --write left on the token
+              --traces FILE      write the library's traces to FILE
 
-            The PIN comes from the environment variable SMARTCARD_PIN, which is sent once, to the first token that
-            needs it; otherwise it is asked at the console. A token with a PIN pad asks for its PIN itself.
+            The PIN comes from the environment variable SMARTCARD_PIN, which is sent only once, to the first token that
+            needs a PIN. If it is not set, the command prompts at the console. A token with a PIN pad prompts itself.
 
-            Exit status: 0 all worked or was refused with a code; 1 the module could not be asked; 2 usage; 10 a result
-            does not fit; 11 the module crashed; 12 the module did not answer in time.
+            Exit status: 0 each step worked or was refused with a code; 1 the module did not load, has no slot, or
+            refused a session or the PIN; 2 wrong usage; 10 a result is inconsistent; 11 the module crashed;
+            12 the module did not return in time.
             """;
 
     private Main() {
@@ -44,7 +45,7 @@ public final class Main {
 
     /** @param arguments see the usage */
     public static void main(String[] arguments) throws InterruptedException {
-        System.setProperty("jdk.console", "java.base"); // with others there is a console without a terminal
+        System.setProperty("jdk.console", "java.base"); // other providers return a console even without a terminal
         System.exit(run(arguments));
     }
 
@@ -69,16 +70,16 @@ public final class Main {
             System.err.println(e.getMessage() + "\n\n" + USAGE);
             return USAGE_ERROR;
         } catch (IOException e) {
-            System.err.println("a second virtual machine cannot be started: " + e.getMessage());
+            System.err.println("cannot start a second JVM: " + e.getMessage());
             return FAILED;
         }
     }
 
-    /** {@return the worst of the exit statuses, where a module that cannot be asked counts only if all are such} */
+    /** {@return the highest exit status; FAILED counts only if every module failed} */
     private static int showAll(Options options) throws IOException, InterruptedException {
-        Set<Path> modules = Modules.known();
+        Set<Path> modules = Modules.find();
         if (modules.isEmpty()) {
-            System.err.println("no module is known here: --module PATH names one");
+            System.err.println("no PKCS#11 module was found; name one with --module PATH");
             return FAILED;
         }
         int best = Integer.MAX_VALUE;

@@ -3,26 +3,26 @@ package com.calvenhor.vork.utils.tool;
 import java.nio.charset.StandardCharsets;
 
 /**
- * What the worker tells the first virtual machine: a line on its standard error. The module may write there as well;
- * a mark tells the messages from that.
+ * A message from the worker to the first JVM: a line on the worker's standard error. The module may write there too; a
+ * mark distinguishes messages from its output.
  */
 record Message(Kind kind, String text) {
     enum Kind {
-        STEP, // that begins: where a crash or a hang was
-        ALIVE, // a call has returned
-        LINE, // of the report
-        PROBLEM, // why the module cannot be asked
-        PIN, // of this token is needed: see Worker.askPin
-        PIN_PAD, // of this token asks for the PIN
-        PIN_REFUSED, // the one that was given last
-        WRITES, // objects from now on
-        CLEAN, // all that was written is deleted
-        END // with this exit status
+        STEP, // the name of the step that begins: a crash or hang message quotes it
+        ALIVE, // a call has returned: the time limit starts again
+        LINE, // a line of the report
+        PROBLEM, // why the module cannot be used
+        PIN, // Worker.askPin needs the PIN of this token
+        PIN_PAD, // the user must enter the PIN at this token's PIN pad
+        PIN_REFUSED, // the token has refused the last PIN
+        WRITES, // from now on the worker may leave objects on the token
+        CLEAN, // the worker has deleted all objects that it wrote
+        END // the exit status
     }
 
     private static final char MARK = 1;
 
-    /** In one piece, so that no other thread's line gets between; without what a terminal would obey. */
+    /** Writes in one piece, so that output of other threads cannot split it, and without control characters. */
     static void send(Kind kind, String text) {
         byte[] line = (MARK + kind.name() + ' ' + text.replaceAll("\\p{Cc}", " ") + '\n')
                 .getBytes(StandardCharsets.UTF_8);
@@ -30,9 +30,9 @@ record Message(Kind kind, String text) {
         System.err.flush();
     }
 
-    /** The message that a line ends with; null if there is none. */
-    static Message in(String line) {
-        int start = line.lastIndexOf(MARK) + 1; // a module may write the mark as well, no message has a second one
+    /** {@return the message at the end of a line, which may follow output of the module; null if there is none} */
+    static Message parse(String line) {
+        int start = line.lastIndexOf(MARK) + 1; // the module may write the mark too; a message has only one
         for (Kind kind : Kind.values()) {
             if (start > 0 && line.startsWith(kind + " ", start)) {
                 return new Message(kind, line.substring(start + kind.name().length() + 1));

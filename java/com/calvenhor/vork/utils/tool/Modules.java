@@ -14,7 +14,7 @@ import java.util.Set;
 import java.util.TreeMap;
 import java.util.stream.Stream;
 
-/** The modules that this system knows of: those of p11-kit's files, SoftHSM2 and OpenSC. */
+/** Finds installed PKCS#11 modules: those in p11-kit's configuration, SoftHSM2 and OpenSC. */
 final class Modules {
     private static final List<String> FOLDERS = List.of(
             "/usr/lib/" + System.getProperty("os.arch").replace("amd64", "x86_64") + "-linux-gnu", "/usr/lib64",
@@ -23,21 +23,21 @@ final class Modules {
     private Modules() {
     }
 
-    static Set<Path> known() {
+    static Set<Path> find() {
         Set<Path> modules = new LinkedHashSet<>();
-        for (Path file : files()) {
+        for (Path file : moduleFiles()) {
             try {
                 String text = new String(Files.readAllBytes(file), StandardCharsets.UTF_8);
-                if (!text.contains("trust-policy: yes")) { // certificates of authorities, and no read/write session
+                if (!text.contains("trust-policy: yes")) { // trust modules refuse a read/write session
                     text.lines().filter(line -> line.startsWith("module:")).map(line -> line.substring(7).strip())
-                            .forEach(name -> modules.add(first(name, "pkcs11")));
+                            .forEach(name -> modules.add(locate(name, "pkcs11")));
                 }
             } catch (IOException e) {
-                continue; // not for this user
+                continue; // this user may not read it
             }
         }
         for (String name : List.of("libsofthsm2.so", "opensc-pkcs11.so")) {
-            Path usual = first(name, "pkcs11", "softhsm", "");
+            Path usual = locate(name, "pkcs11", "softhsm", "");
             if (modules.stream().noneMatch(module -> module.endsWith(name)) && Files.exists(usual)) {
                 modules.add(usual);
             }
@@ -45,8 +45,8 @@ final class Modules {
         return modules;
     }
 
-    /** p11-kit's module files; one of the user's is read in place of the system's of the same name. */
-    private static Collection<Path> files() {
+    /** {@return p11-kit's module files; a file of the user replaces the system's file of the same name} */
+    private static Collection<Path> moduleFiles() {
         String configuration = Objects.requireNonNullElse(System.getenv("XDG_CONFIG_HOME"),
                 System.getProperty("user.home") + "/.config");
         Map<String, Path> files = new TreeMap<>();
@@ -61,10 +61,10 @@ final class Modules {
         return files.values();
     }
 
-    /** The first place that has the file, which may be its whole path; the first of all if none has it. */
-    private static Path first(String name, String... below) {
-        List<Path> places = FOLDERS.stream().flatMap(folder -> Stream.of(below)
-                .map(each -> Path.of(folder, each).resolve(name))).toList();
-        return places.stream().filter(Files::exists).findFirst().orElse(places.get(0));
+    /** {@return the first existing candidate, or the first one if none exists; an absolute name is its own path} */
+    private static Path locate(String name, String... subfolders) {
+        List<Path> candidates = FOLDERS.stream().flatMap(folder -> Stream.of(subfolders)
+                .map(subfolder -> Path.of(folder, subfolder).resolve(name))).toList();
+        return candidates.stream().filter(Files::exists).findFirst().orElse(candidates.get(0));
     }
 }

@@ -4,17 +4,17 @@ import java.util.HashMap;
 import java.util.Map;
 import java.util.StringJoiner;
 
-/** PKCS#11's names of flags, without their prefixes; a flag without one here is shown in hex. */
+/** The names of PKCS#11 flags, without their prefix. A flag that is not listed here is shown in hex. */
 final class Names {
-    private static final Map<Long, String> SLOT_FLAGS = table("1 TOKEN_PRESENT 2 REMOVABLE_DEVICE 4 HW_SLOT");
-    private static final Map<Long, String> TOKEN_FLAGS = table("""
+    private static final Map<Long, String> SLOT_FLAGS = parseTable("1 TOKEN_PRESENT 2 REMOVABLE_DEVICE 4 HW_SLOT");
+    private static final Map<Long, String> TOKEN_FLAGS = parseTable("""
             1 RNG  2 WRITE_PROTECTED  4 LOGIN_REQUIRED  8 USER_PIN_INITIALIZED  20 RESTORE_KEY_NOT_NEEDED
             40 CLOCK_ON_TOKEN  100 PROTECTED_AUTHENTICATION_PATH  200 DUAL_CRYPTO_OPERATIONS  400 TOKEN_INITIALIZED
             800 SECONDARY_AUTHENTICATION  10000 USER_PIN_COUNT_LOW  20000 USER_PIN_FINAL_TRY  40000 USER_PIN_LOCKED
             80000 USER_PIN_TO_BE_CHANGED  100000 SO_PIN_COUNT_LOW  200000 SO_PIN_FINAL_TRY  400000 SO_PIN_LOCKED
             800000 SO_PIN_TO_BE_CHANGED  1000000 ERROR_STATE
             """);
-    private static final Map<Long, String> MECHANISM_FLAGS = table("""
+    private static final Map<Long, String> MECHANISM_FLAGS = parseTable("""
             1 hardware  100 encrypt  200 decrypt  400 digest  800 sign  1000 sign-recover  2000 verify
             4000 verify-recover  8000 generate  10000 generate-pair  20000 wrap  40000 unwrap  80000 derive
             """);
@@ -30,12 +30,12 @@ final class Names {
         return flags(TOKEN_FLAGS, flags);
     }
 
-    /** The uses of a mechanism; what lies beyond them (curve types, vendors' own) is left out. */
+    /** {@return the uses of a mechanism, without flags for curve types and vendor-defined flags} */
     static String mechanismFlags(long flags) {
         return flags(MECHANISM_FLAGS, flags & 0xFFFFF);
     }
 
-    private static String flags(Map<Long, String> names, long flags) {
+    private static String flags(Map<Long, String> namesByFlag, long flags) {
         if (flags == -1) {
             return "not available";
         }
@@ -43,12 +43,12 @@ final class Names {
         joined.setEmptyValue("none");
         for (long left = flags; left != 0; left &= left - 1) {
             long flag = Long.lowestOneBit(left);
-            joined.add(names.getOrDefault(flag, "0x" + Long.toHexString(flag)));
+            joined.add(namesByFlag.getOrDefault(flag, "0x" + Long.toHexString(flag)));
         }
         return joined.toString();
     }
 
-    private static Map<Long, String> table(String numbersAndNames) {
+    private static Map<Long, String> parseTable(String numbersAndNames) {
         Map<Long, String> names = new HashMap<>();
         String[] words = numbersAndNames.strip().split("\\s+");
         for (int i = 0; i < words.length; i += 2) {

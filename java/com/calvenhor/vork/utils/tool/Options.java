@@ -7,18 +7,18 @@ import java.util.LinkedHashMap;
 import java.util.List;
 import java.util.Map;
 
-/** A command line: the command, and its options with their values, which are empty for those that take none. */
+/** A command line: the command and its options. An option without a value maps to an empty string. */
 record Options(String command, Map<String, String> values) {
     private static final List<String> OPTIONS = List.of("--module", "--slot", "--no-pin", "--timeout");
     private static final List<String> OPTIONS_OF_CHECK = List.of("--write", "--remove", "--traces");
     private static final List<String> WITHOUT_VALUE = List.of("--no-pin", "--write", "--remove");
 
-    /** @throws IllegalArgumentException if it cannot be understood; the message says why */
+    /** @throws IllegalArgumentException if the command line is invalid; the message says why */
     static Options parse(String... arguments) {
         Deque<String> left = new ArrayDeque<>(List.of(arguments));
         String command = left.isEmpty() ? "" : left.remove();
         boolean isCheck = command.equals("check");
-        require(isCheck || command.equals("show"), "the command is show or check, not \"" + command + '"');
+        require(isCheck || command.equals("show"), "the command must be show or check, not \"" + command + '"');
         Map<String, String> values = new LinkedHashMap<>();
         while (!left.isEmpty()) {
             String option = left.remove();
@@ -28,15 +28,15 @@ record Options(String command, Map<String, String> values) {
             require(!hasValue || !left.isEmpty(), option + " needs a value");
             values.put(option, hasValue ? left.remove() : "");
         }
-        require(values.getOrDefault("--slot", "0").matches("\\d{1,9}"), "--slot takes a slot index from 0");
-        require(values.getOrDefault("--timeout", "1").matches("[1-9]\\d{0,5}"), "--timeout takes a number of seconds");
+        require(values.getOrDefault("--slot", "0").matches("\\d{1,9}"), "--slot needs a slot index, from 0");
+        require(values.getOrDefault("--timeout", "1").matches("[1-9]\\d{0,5}"), "--timeout needs seconds, from 1");
         require(!isCheck || values.containsKey("--module"), "check needs --module PATH");
         return new Options(command, values);
     }
 
-    private static void require(boolean condition, String otherwise) {
+    private static void require(boolean condition, String message) {
         if (!condition) {
-            throw new IllegalArgumentException(otherwise);
+            throw new IllegalArgumentException(message);
         }
     }
 
@@ -54,7 +54,7 @@ record Options(String command, Map<String, String> values) {
         return values.get("--module");
     }
 
-    /** The slot index, -1 without one. */
+    /** {@return the slot index; -1 if the command line has none} */
     long slot() {
         return Long.parseLong(values.getOrDefault("--slot", "-1"));
     }
@@ -63,7 +63,7 @@ record Options(String command, Map<String, String> values) {
         return Integer.parseInt(values.getOrDefault("--timeout", "60"));
     }
 
-    /** What {@link #parse} makes this of. */
+    /** {@return the arguments from which {@link #parse} makes these options} */
     List<String> arguments() {
         List<String> arguments = new ArrayList<>(List.of(command));
         values.forEach((option, value) -> arguments.addAll(

@@ -4,44 +4,47 @@ import java.io.Console;
 import java.util.HashSet;
 import java.util.Set;
 
-/** The PINs of a run. A wrong one costs a try: SMARTCARD_PIN is sent once, and none is sent again that was refused. */
+/**
+ * Gets PINs from the environment or the console. A wrong PIN costs one of the token's tries, so SMARTCARD_PIN is sent
+ * only once, and a refused PIN is never sent again.
+ */
 final class Pins {
     private static final Set<String> REFUSED = new HashSet<>();
     private static String last;
-    private static String hasFromEnvironment; // the token that does
+    private static String receiver; // the token that got SMARTCARD_PIN
 
     private Pins() {
     }
 
-    /** {@return "+" and the PIN of a token, or "-" and the reason why there is none} */
-    static String answer(String token) {
+    /** {@return the reply to {@link Worker#askPin}} */
+    static String request(String token) {
         String pin = System.getenv("SMARTCARD_PIN");
         Console console = System.console();
         if (pin != null && !pin.isEmpty()) {
-            if (hasFromEnvironment != null) {
-                return "-SMARTCARD_PIN is sent once, and was to " + hasFromEnvironment;
+            if (receiver != null) {
+                return "-SMARTCARD_PIN is sent only once, and was sent to " + receiver;
             }
-            hasFromEnvironment = token;
+            receiver = token;
         } else if (console == null) {
-            return "-SMARTCARD_PIN is not set, and there is no console to ask at";
+            return "-SMARTCARD_PIN is not set, and there is no console for a prompt";
         } else {
-            char[] entered = console.readPassword("PIN of %s, or nothing to do without: ", token);
+            char[] entered = console.readPassword("PIN of %s, or just Enter for no login: ", token);
             if (entered == null || entered.length == 0) {
                 return "-no PIN was entered";
             }
             pin = new String(entered);
         }
-        // Others end the line to the worker, reach the module in another form than UTF-8, or stand for what the
-        // locale's character set does not have.
+        // Control characters could end the reply's line, and JNI does not encode surrogates as UTF-8. U+FFFD replaces
+        // characters that are invalid in the locale's character set.
         if (pin.chars().anyMatch(c -> c < ' ' || Character.isSurrogate((char) c) || c == '\uFFFD')) {
-            return "-the PIN has a character that cannot be sent";
+            return "-the PIN contains a character that cannot be sent";
         }
         last = token.replace(Token.FINAL_TRY, "") + '\n' + pin;
         return REFUSED.contains(last) ? "-this PIN was refused before" : '+' + pin;
     }
 
-    /** The token has refused the last answer. */
-    static void refused() {
+    /** Records that the token has refused the last PIN. */
+    static void recordRefusal() {
         REFUSED.add(last);
     }
 }

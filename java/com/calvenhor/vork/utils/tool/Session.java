@@ -18,36 +18,36 @@ import java.util.concurrent.LinkedBlockingQueue;
 import java.util.concurrent.TimeUnit;
 import java.util.stream.Stream;
 
-/** The worker as the first virtual machine sees it: it prints the report, and notices a crash and a hang. */
+/** Runs the {@link Worker} and prints its report. Detects a crash or a hang of the module. */
 final class Session {
-    private static final String START = "start the second virtual machine";
-    private static final int LINES_OF_NOISE = 100;
-    private static final List<Integer> BY_USER = List.of(129, 130, 143); // 128 and SIGHUP, SIGINT or SIGTERM
+    private static final String START = "start the second JVM";
+    private static final int KEPT_LINES = 100;
+    private static final List<Integer> ENDED_BY_USER = List.of(129, 130, 143); // 128 + SIGHUP, SIGINT or SIGTERM
 
     private final Options options;
     private final boolean isOneOfMany;
     private final String jar = Path.of(URI.create(
             Main.class.getProtectionDomain().getCodeSource().getLocation().toString())).toString();
-    private final BlockingQueue<Optional<Message>> messages = new LinkedBlockingQueue<>(); // an empty one is the end
-    /** What else is on the worker's standard error: its first lines, since a module may write without end. */
-    private final BlockingQueue<String> noise = new LinkedBlockingQueue<>(LINES_OF_NOISE);
+    private final BlockingQueue<Optional<Message>> messages = new LinkedBlockingQueue<>(); // empty: the end
+    /** The first lines that the module itself wrote to standard error: a module may write without end. */
+    private final BlockingQueue<String> moduleOutput = new LinkedBlockingQueue<>(KEPT_LINES);
     private final Process process;
-    private final PrintStream answers;
+    private final PrintStream replies;
     private String step = START;
     private int status = -1;
-    private boolean hasPin; // the worker
+    private boolean workerHasPin;
     private volatile boolean mayLeaveObjects;
     private volatile boolean isEnding;
 
     /**
      * Starts the worker.
      *
-     * @param isOneOfMany whether other modules are asked as well: then it belongs to the report what is wrong with one
+     * @param isOneOfMany whether the command runs several modules: problems then go to standard output, in the report
      */
     Session(Options options, boolean isOneOfMany) throws IOException {
         this.options = options;
         this.isOneOfMany = isOneOfMany;
-        // A core dump would hold the PIN. The option is for a crash, the limit for a module that aborts.
+        // A core dump would contain the PIN. The JVM option covers a crash, the limit an abort() in the module.
         List<String> command = new ArrayList<>(List.of("sh", "-c", "ulimit -c 0; exec \"$@\"", "sh",
                 System.getProperty("java.home") + "/bin/java", "--enable-native-access=ALL-UNNAMED",
                 "-XX:-CreateCoredumpOnCrash"));
@@ -64,12 +64,12 @@ final class Session {
                 ? ProcessBuilder.Redirect.to(new File(options.values().get("--traces")))
                 : ProcessBuilder.Redirect.DISCARD);
         process = builder.start();
-        answers = new PrintStream(process.getOutputStream(), true, StandardCharsets.UTF_8);
-        Runtime.getRuntime().addShutdownHook(new Thread(this::end));
+        replies = new PrintStream(process.getOutputStream(), true, StandardCharsets.UTF_8);
+        Runtime.getRuntime().addShutdownHook(new Thread(this::shutDown));
         Thread reader = new Thread(this::read);
         reader.setDaemon(true);
         reader.start();
-        // A process that the module has started may hold the other end open.
+        // A child process of the module may keep the pipe open: the end of the worker counts as well.
         process.onExit().thenRunAsync(() -> messages.add(Optional.empty()),
                 CompletableFuture.delayedExecutor(2, TimeUnit.SECONDS));
     }
@@ -77,15 +77,15 @@ final class Session {
     private void read() {
         try (BufferedReader reader = process.errorReader(StandardCharsets.UTF_8)) {
             reader.lines().forEach(line -> {
-                Optional<Message> message = Optional.ofNullable(Message.in(line));
+                Optional<Message> message = Optional.ofNullable(Message.parse(line));
                 if (message.isPresent()) {
                     messages.add(message);
                 } else {
-                    noise.offer(line);
+                    moduleOutput.offer(line);
                 }
             });
         } catch (IOException | UncheckedIOException e) {
-            // an end as well
+            // treated like the end of the output
         }
         messages.add(Optional.empty());
     }
@@ -93,20 +93,20 @@ final class Session {
     /** {@return the exit status} */
     int run() throws InterruptedException {
         System.out.println(options.module());
-        long end = endOfPatience();
+        long deadline = newDeadline();
         Optional<Message> next;
-        while ((next = messages.poll(end - System.nanoTime(), TimeUnit.NANOSECONDS)) != null && next.isPresent()) {
+        while ((next = messages.poll(deadline - System.nanoTime(), TimeUnit.NANOSECONDS)) != null && next.isPresent()) {
             receive(next.get());
-            end = endOfPatience();
+            deadline = newDeadline();
         }
         if (next != null && process.waitFor(options.timeout(), TimeUnit.SECONDS)) {
-            return ended(process.exitValue());
+            return finish(process.exitValue());
         }
         kill();
-        return failure(Main.NO_ANSWER, "no answer for " + options.timeout() + " s while: " + step);
+        return fail(Main.TIMED_OUT, "the module did not return within " + options.timeout() + " s, in step: " + step);
     }
 
-    private long endOfPatience() {
+    private long newDeadline() {
         return System.nanoTime() + TimeUnit.SECONDS.toNanos(options.timeout());
     }
 
@@ -115,61 +115,62 @@ final class Session {
             case STEP -> step = message.text();
             case ALIVE -> { }
             case LINE -> System.out.println(message.text());
-            case PROBLEM -> complain(message.text());
+            case PROBLEM -> printProblem(message.text());
             case PIN -> {
-                String answer = Pins.answer(message.text());
-                hasPin |= answer.startsWith("+");
-                answers.println(answer);
+                String reply = Pins.request(message.text());
+                workerHasPin |= reply.startsWith("+");
+                replies.println(reply);
             }
             case PIN_PAD -> {
                 if (System.console() != null) {
                     System.console().printf("Enter the PIN of %s at its PIN pad.%n", message.text());
                 }
             }
-            case PIN_REFUSED -> Pins.refused();
+            case PIN_REFUSED -> Pins.recordRefusal();
             case WRITES -> mayLeaveObjects = true;
             case CLEAN -> mayLeaveObjects = false;
             case END -> {
                 status = Integer.parseInt(message.text());
-                step = "end the process";
+                step = "exit the second JVM";
             }
         }
     }
 
-    private int ended(int code) {
-        if (isEnding || BY_USER.contains(code)) {
-            System.exit(code); // which waits, if that is under way
+    private int finish(int code) {
+        if (isEnding || ENDED_BY_USER.contains(code)) {
+            System.exit(code); // blocks if the shutdown has begun
         }
         if (status >= 0 && code == 0) {
-            return status == 0 ? 0 : failure(status, null);
+            return status == 0 ? 0 : fail(status, null);
         }
         if (step.equals(START)) {
-            return failure(Main.FAILED, "the second virtual machine did not start, its exit status is " + code);
+            return fail(Main.FAILED, "the second JVM did not start: exit status " + code);
         }
         String report = Stream.of("", "/tmp").map(folder -> Path.of(folder, "hs_err_pid" + process.pid() + ".log"))
-                .filter(Files::exists).findFirst().map(this::place)
-                .orElse("there is no report, the exit status is " + code);
-        return failure(Main.CRASHED, "the module crashed while: " + step + "; " + report);
+                .filter(Files::exists).findFirst().map(this::describeReport)
+                .orElse("no crash report was found; exit status " + code);
+        return fail(Main.CRASHED, "the module crashed in step: " + step + "; " + report);
     }
 
-    /** The virtual machine reports what its registers point to: a crash in a login may show the PIN. */
-    private String place(Path report) {
+    /** Makes the crash report unreadable for other users: it shows memory near the registers, perhaps the PIN. */
+    private String describeReport(Path report) {
         report.toFile().setReadable(false, false);
         report.toFile().setReadable(true);
-        return "the report" + (hasPin ? ", which may show the PIN," : "") + " is in " + report.toAbsolutePath();
+        return "the crash report" + (workerHasPin ? ", which may show the PIN," : "") + " is in "
+                + report.toAbsolutePath();
     }
 
-    private int failure(int status, String problem) {
+    private int fail(int status, String problem) {
         if (problem != null) {
-            complain(problem);
+            printProblem(problem);
         }
         if (!isOneOfMany || status != Main.FAILED) {
-            noise.forEach(this::complain);
+            moduleOutput.forEach(this::printProblem);
         }
         return status;
     }
 
-    private void complain(String problem) {
+    private void printProblem(String problem) {
         if (isOneOfMany) {
             System.out.println("  " + problem);
         } else {
@@ -182,13 +183,13 @@ final class Session {
         process.destroyForcibly();
     }
 
-    /** At the end of the first virtual machine, also by Ctrl-C. */
-    private void end() {
+    /** Runs when the first JVM exits, also at Ctrl-C. */
+    private void shutDown() {
         isEnding = true;
         kill();
         if (mayLeaveObjects) {
-            complain("Objects labelled \"Module check\" may be left on the token. This deletes them:\n  java -jar '"
-                    + jar + "' check --module '" + options.module() + "' --remove"
+            printProblem("Objects labelled \"Module check\" may be left on the token. This command deletes them:\n"
+                    + "  java -jar '" + jar + "' check --module '" + options.module() + "' --remove"
                     + (options.slot() >= 0 ? " --slot " + options.slot() : ""));
         }
     }

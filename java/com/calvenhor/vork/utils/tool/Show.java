@@ -9,10 +9,10 @@ import java.security.interfaces.RSAKey;
 import java.util.List;
 import java.util.stream.LongStream;
 
-/** Shows the slots of a module: each one's token, certificates and keys, and which of them belong together. */
+/** Prints each slot of a module with its token, certificates and keys, and which keys and certificates match. */
 final class Show {
     private final Options options;
-    private boolean failed; // somewhere, and the other slots are shown all the same
+    private boolean hasFailed; // for some slot; the others are shown nevertheless
 
     private Show(Options options) {
         this.options = options;
@@ -27,89 +27,90 @@ final class Show {
             try {
                 show.showSlot(slot);
             } catch (Token.Failure | GeneralSecurityException e) {
-                show.tellFailure(e);
+                show.reportFailure(e);
             }
         }
-        Worker.step("finalize and unload the module");
+        Worker.beginStep("finalize and unload the module");
         Smartcard.finalizeDLL();
-        return show.failed ? Main.FAILED : 0;
+        return show.hasFailed ? Main.FAILED : 0;
     }
 
-    private void tellFailure(Exception failure) {
-        Worker.tell("  FAILED: " + failure.getMessage());
-        failed = true;
+    private void reportFailure(Exception failure) {
+        Worker.print("  FAILED: " + failure.getMessage());
+        hasFailed = true;
     }
 
     private void showSlot(long slot) throws GeneralSecurityException, Token.Failure {
-        Worker.step("ask for slot " + slot + " and its token");
-        Worker.tell("");
-        Worker.tell("Slot " + slot + ": "
+        Worker.beginStep("read slot " + slot + " and its token");
+        Worker.print("");
+        Worker.print("Slot " + slot + ": "
                 + Token.text(Token.data(Smartcard.readSlotDescriptionDLL(slot), "readSlotDescriptionDLL")));
-        Worker.tell("  flags: " + Names.slotFlags(Smartcard.getSlotInfoDLL(slot)));
+        Worker.print("  flags: " + Names.slotFlags(Smartcard.getSlotInfoDLL(slot)));
         byte[] label = Smartcard.readCardLabelDLL(slot);
         if (label.length == 1) {
-            Worker.tell("  no token: " + SmartcardException.nameOf(label[0] & 0xFF));
+            Worker.print("  no token: " + SmartcardException.nameOf(label[0] & 0xFF));
             return;
         }
-        Worker.tell("  token: \"" + Token.text(label) + "\", serial number "
+        Worker.print("  token: \"" + Token.text(label) + "\", serial number "
                 + Token.text(Token.data(Smartcard.readCardSerialNumberDLL(slot), "readCardSerialNumberDLL")));
-        Worker.tell("  flags: " + Names.tokenFlags(Smartcard.getTokenInfoDLL(slot)));
+        Worker.print("  flags: " + Names.tokenFlags(Smartcard.getTokenInfoDLL(slot)));
         if (!Token.isInitialised(slot)) {
-            Worker.tell("  not initialised: nothing can be done with it yet");
+            Worker.print("  the token is not initialised");
             return;
         }
-        Worker.step("ask for the mechanisms of slot " + slot);
-        Worker.tell("  mechanisms: " + Smartcard.getSupportedMechanismListDLL(slot).length
-                + ", of which the library uses");
-        tellMechanism(slot, "RSA_PKCS", 1);
-        tellMechanism(slot, "RSA_PKCS_KEY_PAIR_GEN", 0);
+        Worker.beginStep("list the mechanisms of slot " + slot);
+        Worker.print("  mechanisms: " + Smartcard.getSupportedMechanismListDLL(slot).length
+                + "; the library uses");
+        printMechanism(slot, "RSA_PKCS", 1);
+        printMechanism(slot, "RSA_PKCS_KEY_PAIR_GEN", 0);
         Token token = Token.open(slot);
         try {
-            Worker.tell("  " + token.logIn(options));
-        } catch (Token.Failure e) { // what is public can be seen all the same
-            tellFailure(e);
+            Worker.print("  " + token.logIn(options));
+        } catch (Token.Failure e) { // public objects are visible without a login
+            reportFailure(e);
         }
         showObjects(slot);
         token.logOut();
     }
 
-    private static void tellMechanism(long slot, String name, long type) {
+    private static void printMechanism(long slot, String name, long type) {
         long flags = Smartcard.getMechanismInfoDLL(slot, type);
-        Worker.tell(String.format("    %-22s %s", name, flags == -1 ? "not there" : Names.mechanismFlags(flags)));
+        Worker.print(String.format("    %-22s %s", name, flags == -1 ? "not supported" : Names.mechanismFlags(flags)));
     }
 
     private static void showObjects(long slot) throws GeneralSecurityException, Token.Failure {
-        Worker.step("list the certificates and keys in slot " + slot);
+        Worker.beginStep("list the certificates and keys in slot " + slot);
         List<Token.Entry> certificates = Token.certificates(slot);
         List<Token.Entry> publicKeys = Token.publicKeys(slot);
         List<Token.Entry> privateKeys = Token.privateKeys(slot);
 
-        Worker.tell("  certificates: " + certificates.size());
+        Worker.print("  certificates: " + certificates.size());
         for (Token.Entry entry : certificates) {
-            Worker.tell("    " + entry);
+            Worker.print("    " + entry);
             try {
                 X509Certificate certificate = Token.certificate(entry);
-                Worker.tell("      subject: " + certificate.getSubjectX500Principal());
-                Worker.tell("      issuer: " + certificate.getIssuerX500Principal());
-                Worker.tell("      valid until: " + certificate.getNotAfter().toInstant());
+                Worker.print("      subject: " + certificate.getSubjectX500Principal());
+                Worker.print("      issuer: " + certificate.getIssuerX500Principal());
+                Worker.print("      valid until: " + certificate.getNotAfter().toInstant());
             } catch (GeneralSecurityException e) {
-                Worker.tell("      Java cannot read it: " + e.getMessage());
+                Worker.print("      Java cannot parse it: " + e.getMessage());
             }
-            Worker.tell("      private key: " + (Token.find(entry.id(), privateKeys) == null ? "none seen" : "here"));
+            Worker.print("      private key: "
+                    + (Token.find(entry.id(), privateKeys) == null ? "not visible" : "on the token"));
         }
-        Worker.tell("  RSA public keys: " + publicKeys.size());
+        Worker.print("  RSA public keys: " + publicKeys.size());
         for (Token.Entry entry : publicKeys) {
-            Worker.tell("    " + entry + ", " + bits(Token.publicKey(entry)));
+            Worker.print("    " + entry + ", " + bits(Token.publicKey(entry)));
         }
-        Worker.tell("  RSA private keys: " + privateKeys.size());
+        Worker.print("  RSA private keys: " + privateKeys.size());
         for (Token.Entry entry : privateKeys) {
-            Worker.tell("    " + entry + ", " + bits(Token.publicKey(entry.id(), publicKeys, certificates)));
+            Worker.print("    " + entry + ", " + bits(Token.publicKey(entry.id(), publicKeys, certificates)));
             Token.Entry certificate = Token.find(entry.id(), certificates);
-            Worker.tell("      certificate: " + (certificate == null ? "none" : certificate));
+            Worker.print("      certificate: " + (certificate == null ? "none" : certificate));
         }
     }
 
-    /** A private key does not tell its size: its other half does. */
+    /** {@return the size of a key pair, which only the public key shows} */
     private static String bits(PublicKey publicKey) {
         return publicKey instanceof RSAKey key ? key.getModulus().bitLength() + " bits" : "size unknown: no public key";
     }

@@ -19,9 +19,9 @@ import java.util.HexFormat;
 import java.util.List;
 import java.util.stream.LongStream;
 
-/** The session of a slot: its login, what it lists, and what a result says. */
+/** A session in a slot: login, listings, and the meaning of results. */
 final class Token {
-    /** Something went wrong; the message is for the user. */
+    /** A step failed; the message is for the user. */
     static class Failure extends Exception {
         private static final long serialVersionUID = 1;
 
@@ -30,7 +30,7 @@ final class Token {
         }
     }
 
-    /** The module refused a call, as it may. */
+    /** The module refused a call with a code. */
     static final class Refused extends Failure {
         private static final long serialVersionUID = 1;
 
@@ -39,7 +39,7 @@ final class Token {
         }
     }
 
-    /** An object of the token, with the values that its kind has beside ID and label. */
+    /** An object on the token: ID, label, and the other values in the listing of its class. */
     record Entry(byte[] id, byte[] label, List<byte[]> values) {
         @Override
         public String toString() {
@@ -47,8 +47,8 @@ final class Token {
         }
     }
 
-    /** What a token's name ends with before the last try of its PIN. */
-    static final String FINAL_TRY = " (its final try)";
+    /** Ends the name of a token that allows one more try of the PIN. */
+    static final String FINAL_TRY = " (final try)";
 
     private static final long LOGIN_REQUIRED = 4;
     private static final long PIN_PAD = 0x100;
@@ -58,7 +58,7 @@ final class Token {
     private static final long USER_ALREADY_LOGGED_IN = 0x100;
 
     final long slot;
-    boolean loggedIn;
+    boolean isLoggedIn;
 
     private Token(long slot) {
         this.slot = slot;
@@ -66,10 +66,10 @@ final class Token {
 
     // ---- Module and session ----
 
-    /** Binds the module, and makes sure that it has the slot, if the options name one. */
+    /** Binds the module. Checks that the slot exists, if the options name one. */
     static void bind(Options options) throws Failure {
         String module = options.module();
-        Worker.step("load and initialise the module");
+        Worker.beginStep("load and initialise the module");
         long code = Smartcard.initDLL(module);
         if (code == -1) {
             throw new Failure(module + " cannot be loaded: " + whyNotLoaded(module));
@@ -78,7 +78,7 @@ final class Token {
         require(code != -3, module + " has no slot: connect the reader");
         check(code, "initDLL of " + module);
         long last = Smartcard.getSlotCountDLL() - 1;
-        require(options.slot() <= last, "there is no slot " + options.slot() + ": the last is " + last);
+        require(options.slot() <= last, "slot " + options.slot() + " does not exist: the last slot is " + last);
     }
 
     private static String whyNotLoaded(String module) {
@@ -90,30 +90,30 @@ final class Token {
         }
     }
 
-    /** Whether the slot has a token that is ready for use. */
+    /** {@return whether the slot has an initialised token} */
     static boolean isInitialised(long slot) {
         long flags = Smartcard.getTokenInfoDLL(slot);
         return flags > 0 && (flags & INITIALIZED) != 0;
     }
 
     static Token open(long slot) throws Failure {
-        Worker.step("open a session in slot " + slot);
+        Worker.beginStep("open a session in slot " + slot);
         check(Smartcard.openSessionDLL(slot), "openSessionDLL in slot " + slot);
         return new Token(slot);
     }
 
-    /** {@return who is logged in, or why nobody is} */
+    /** {@return a line for the report: logged in, or why not} */
     String logIn(Options options) throws Failure {
         long flags = Smartcard.getTokenInfoDLL(slot); // 0 if the query fails
-        require(flags != 0, "the token in slot " + slot + " does not give its flags");
+        require(flags != 0, "the flags of the token in slot " + slot + " cannot be read");
         if ((flags & LOGIN_REQUIRED) == 0) {
-            return "needs no login";
+            return "no login needed";
         }
         if (options.has("--no-pin")) {
             return "not logged in, only public objects are shown: --no-pin";
         }
         if ((flags & PIN_LOCKED) != 0) {
-            throw new Refused("the user PIN in slot " + slot + " is locked: unblock it, or use --no-pin");
+            throw new Refused("the user PIN in slot " + slot + " is locked; unlock it, or use --no-pin");
         }
         String name = "the token \"" + text(Smartcard.readCardLabelDLL(slot)) + "\", serial number "
                 + text(Smartcard.readCardSerialNumberDLL(slot))
@@ -122,67 +122,67 @@ final class Token {
         if ((flags & PIN_PAD) != 0) {
             Message.send(Message.Kind.PIN_PAD, name);
         } else {
-            String answer = Worker.askPin(name);
-            if (answer.startsWith("-")) {
-                return "not logged in, only public objects are shown: " + answer.substring(1);
+            String reply = Worker.askPin(name);
+            if (reply.startsWith("-")) {
+                return "not logged in, only public objects are shown: " + reply.substring(1);
             }
-            pin = answer.substring(1);
+            pin = reply.substring(1);
         }
-        Worker.step("log in as the user in slot " + slot);
+        Worker.beginStep("log in as the user in slot " + slot);
         long code = Smartcard.loginDLL(slot, pin, 1);
         if (code != 0 && code != USER_ALREADY_LOGGED_IN) {
             if (pin != null) {
                 Message.send(Message.Kind.PIN_REFUSED, "");
             }
-            throw new Refused("loginDLL in slot " + slot + ": " + named(code) + "; the PIN is not sent again");
+            throw new Refused("loginDLL in slot " + slot + ": " + describe(code) + "; the PIN is not sent again");
         }
-        loggedIn = true;
+        isLoggedIn = true;
         return "logged in as the user";
     }
 
     void logOut() throws Failure {
-        if (loggedIn) {
+        if (isLoggedIn) {
             check(Smartcard.logoutDLL(slot), "logoutDLL");
         }
     }
 
-    // ---- What is on it ----
+    // ---- Listings ----
 
-    /** The X.509 certificates that a slot's session sees; the one value of each is its DER encoding. */
+    /** {@return the visible X.509 certificates; the value of each is its DER encoding} */
     static List<Entry> certificates(long slot) throws Failure {
         return entries(Smartcard.readAllCertificatesDLL(slot), 3, "readAllCertificatesDLL");
     }
 
-    /** The RSA public keys; the values of each are its modulus and its public exponent. */
+    /** {@return the visible RSA public keys; the values of each are modulus and public exponent} */
     static List<Entry> publicKeys(long slot) throws Failure {
         return entries(Smartcard.readAllRSAPublicKeysDLL(slot), 4, "readAllRSAPublicKeysDLL");
     }
 
-    /** The RSA private keys, which show no value. */
+    /** {@return the visible RSA private keys, without values} */
     static List<Entry> privateKeys(long slot) throws Failure {
         return entries(Smartcard.readAllRSAPrivateKeysDLL(slot), 2, "readAllRSAPrivateKeysDLL");
     }
 
     private static List<Entry> entries(byte[][] listing, int width, String call) throws Failure {
         if (listing[0][0] != 0) {
-            throw failure(listing[0], call);
+            throw refusal(listing[0], call);
         }
         List<Entry> entries = new ArrayList<>();
         for (int i = 1; i < listing.length; i += width) {
-            // A code whose low 8 bits are 0 passes for success: only the missing values show it.
-            require(listing[i + width - 1] != null, call + " gave a listing with gaps");
+            // The status of a code with low 8 bits 0 looks like success: only missing values show the failure.
+            require(listing[i + width - 1] != null, call + " returned a listing with missing values");
             entries.add(new Entry(listing[i], listing[i + 1], List.of(listing).subList(i + 2, i + width)));
         }
         Message.send(Message.Kind.ALIVE, "");
         return entries;
     }
 
-    /** The first of the entries with an ID, or null. */
-    static Entry find(byte[] id, List<Entry> among) {
-        return among.stream().filter(entry -> Arrays.equals(entry.id(), id)).findFirst().orElse(null);
+    /** {@return the first entry with an ID, or null} */
+    static Entry find(byte[] id, List<Entry> entries) {
+        return entries.stream().filter(entry -> Arrays.equals(entry.id(), id)).findFirst().orElse(null);
     }
 
-    /** The public half of a private key: a public key or a certificate with its ID; null if there is neither. */
+    /** {@return the public key for a private key's ID, from a public key object or else a certificate; or null} */
     static PublicKey publicKey(byte[] id, List<Entry> publicKeys, List<Entry> certificates)
             throws GeneralSecurityException {
         Entry publicKey = find(id, publicKeys);
@@ -203,41 +203,41 @@ final class Token {
 
     // ---- Results ----
 
-    /** Goes on only after a success. */
+    /** Throws unless the code is 0. */
     static void check(long code, String call) throws Failure {
-        require(code >= 0, call + ": " + code);
+        require(code >= 0, call + " returned " + code);
         if (code > 0) {
-            throw new Refused(call + ": " + named(code));
+            throw new Refused(call + ": " + describe(code));
         }
         Message.send(Message.Kind.ALIVE, "");
     }
 
-    /** Goes on only with data, not with the status that is returned in its place. */
+    /** {@return the result, unless it is a status} */
     static byte[] data(byte[] result, String call) throws Refused {
         if (result.length == 1) {
-            throw failure(result, call);
+            throw refusal(result, call);
         }
         Message.send(Message.Kind.ALIVE, "");
         return result;
     }
 
-    /** A status keeps 8 bits of a code, which several codes share: those that have a name are named. */
-    private static Refused failure(byte[] status, String call) {
+    /** A status has only the low 8 bits of a code: the message names all codes that end in them. */
+    private static Refused refusal(byte[] status, String call) {
         List<String> names = LongStream.of(0, 0x100, 0x200).map(high -> high + (status[0] & 0xFF))
-                .mapToObj(Token::named).filter(name -> name.startsWith("CKR_")).toList();
+                .mapToObj(Token::describe).filter(name -> name.startsWith("CKR_")).toList();
         return new Refused(String.format("%s: status 0x%02x", call, status[0])
                 + (names.isEmpty() ? "" : ", " + String.join(" or ", names)));
     }
 
-    private static String named(long code) {
+    private static String describe(long code) {
         String hex = "0x" + Long.toHexString(code);
         String name = SmartcardException.nameOf(code);
         return name.equals(hex) ? hex : name + " (" + hex + ")";
     }
 
-    static void require(boolean condition, String otherwise) throws Failure {
+    static void require(boolean condition, String message) throws Failure {
         if (!condition) {
-            throw new Failure(otherwise);
+            throw new Failure(message);
         }
     }
 
@@ -245,7 +245,7 @@ final class Token {
         return HexFormat.of().formatHex(bytes);
     }
 
-    /** As text for the terminal: what a token holds may be filled up, and may be anything. */
+    /** {@return bytes of the token as text for a terminal, without padding and control characters} */
     static String text(byte[] bytes) {
         return new String(bytes, StandardCharsets.UTF_8).replaceAll("\\p{Cc}", "").strip();
     }

@@ -9,16 +9,16 @@ import java.util.concurrent.BlockingQueue;
 import java.util.concurrent.LinkedBlockingQueue;
 
 /**
- * The second virtual machine, which calls the module: it may crash or hang, and its standard output belongs to the
- * library's traces. It ends with the first one.
+ * The second JVM, which calls the module. The module may crash or hang it. Its standard output has only the library's
+ * traces, so all messages go to standard error. It ends when the first JVM ends.
  */
 final class Worker {
-    private static final BlockingQueue<String> ANSWERS = new LinkedBlockingQueue<>();
+    private static final BlockingQueue<String> REPLIES = new LinkedBlockingQueue<>();
 
     private Worker() {
     }
 
-    /** @param arguments those of {@link Options}, with a module */
+    /** @param arguments {@link Options#arguments}, with a module */
     public static void main(String[] arguments) {
         Thread listener = new Thread(Worker::listen);
         listener.setDaemon(true);
@@ -30,7 +30,7 @@ final class Worker {
         } catch (Token.Failure e) {
             Message.send(Message.Kind.PROBLEM, e.getMessage());
             Smartcard.finalizeDLL();
-        } catch (Exception | Error e) { // such as an UnsatisfiedLinkError, which says what was tried
+        } catch (Exception | Error e) { // such as an UnsatisfiedLinkError, whose message lists the paths tried
             Message.send(Message.Kind.PROBLEM, e.toString());
         }
         Message.send(Message.Kind.END, String.valueOf(status));
@@ -39,35 +39,35 @@ final class Worker {
     private static void listen() {
         BufferedReader in = new BufferedReader(new InputStreamReader(System.in, StandardCharsets.UTF_8));
         try {
-            for (String answer = in.readLine(); answer != null; answer = in.readLine()) {
-                ANSWERS.add(answer);
+            for (String reply = in.readLine(); reply != null; reply = in.readLine()) {
+                REPLIES.add(reply);
             }
-            // The first one is gone. An exit would run the module's handlers, which may wait for a call that hangs.
+            // The first JVM has ended. exit() would run the module's exit handlers, which may wait for a hanging call.
             new ProcessBuilder("sh", "-c", "kill -KILL " + ProcessHandle.current().pid()).start().waitFor();
         } catch (IOException | InterruptedException e) {
             Runtime.getRuntime().halt(Main.FAILED);
         }
     }
 
-    static void step(String what) {
-        Message.send(Message.Kind.STEP, what);
+    static void beginStep(String name) {
+        Message.send(Message.Kind.STEP, name);
     }
 
-    static void tell(String line) {
+    static void print(String line) {
         Message.send(Message.Kind.LINE, line);
     }
 
     /**
-     * {@return "+" and the PIN, or "-" and the reason why there is none}
+     * {@return "+" and the PIN, or "-" and the reason why there is no PIN}
      *
-     * @param token what the user knows the token by
+     * @param token a description of the token, for the prompt
      */
     static String askPin(String token) {
         Message.send(Message.Kind.PIN, token);
         try {
-            return ANSWERS.take();
+            return REPLIES.take();
         } catch (InterruptedException e) {
-            throw new IllegalStateException(e); // nobody does that here
+            throw new IllegalStateException(e); // this thread is never interrupted
         }
     }
 }
