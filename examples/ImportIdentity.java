@@ -4,7 +4,7 @@ import java.nio.file.Path;
 import java.security.GeneralSecurityException;
 import java.util.Arrays;
 
-/** The life of an identity on a fresh token: imported from a PKCS#12 file, used, renamed, deleted. */
+/** Imports a key and its certificate from a PKCS#12 file into a new token. Signs with it, renames it and deletes it. */
 public final class ImportIdentity {
     private static final byte[] LABEL = "Imported".getBytes();
     private static final byte[] NEW_LABEL = "Contracts".getBytes();
@@ -12,7 +12,7 @@ public final class ImportIdentity {
     private ImportIdentity() {
     }
 
-    /** @param arguments MODULE FILE.p12 PASSWORD ALIAS; --keep in front leaves the identity on the token, renamed */
+    /** @param arguments [--keep] MODULE FILE.p12 PASSWORD ALIAS; --keep does not delete the identity */
     public static void main(String[] arguments) throws GeneralSecurityException, IOException {
         boolean keep = arguments[0].equals("--keep");
         String[] a = keep ? Arrays.copyOfRange(arguments, 1, arguments.length) : arguments;
@@ -23,12 +23,12 @@ public final class ImportIdentity {
             byte[] id = Recipes.importIdentity(slot, Path.of(a[1]), a[2].toCharArray(), a[3], LABEL);
             Recipes.Entry entry = list(slot, LABEL);
             Recipes.sign(slot, entry, "The key came from a file, and signs on the token.".getBytes());
-            System.out.println("\n==> Its key signs, and its certificate verifies that.");
+            System.out.println("\n==> The imported key signs, and the certificate verifies the signature.");
 
-            // The ID stays: the certificate would keep the old one.
+            // The key pair keeps its ID, because the method does not change the ID of the certificate.
             Recipes.check("updateKeyPairIDAndLabelDLL", Smartcard.updateKeyPairIDAndLabelDLL(slot, id, id, NEW_LABEL));
             list(slot, LABEL);
-            Recipes.check("setCertificateLabelDLL", Smartcard.setCertificateLabelDLL(null, slot)); // the public key's
+            Recipes.check("setCertificateLabelDLL", Smartcard.setCertificateLabelDLL(null, slot)); // as public key
             list(slot, NEW_LABEL);
             if (!keep) {
                 delete(slot, id);
@@ -42,7 +42,7 @@ public final class ImportIdentity {
         Recipes.Entry entry = Recipes.certificates(slot).get(0);
         System.out.println("\n==> " + new String(entry.label()) + ": " + entry.certificate().getSubjectX500Principal());
         if (!Arrays.equals(entry.label(), label)) {
-            throw new IOException("not the label " + new String(label));
+            throw new IOException("the label is not " + new String(label));
         }
         return entry;
     }
@@ -54,6 +54,6 @@ public final class ImportIdentity {
         if (Smartcard.isCardEmptyDLL(slot) != 0) {
             throw new IOException("the token is not empty");
         }
-        System.out.println("\n==> All three are deleted.");
+        System.out.println("\n==> The private key, the public key and the certificate are deleted.");
     }
 }

@@ -11,8 +11,8 @@ import java.security.spec.RSAPublicKeySpec;
 import java.util.Arrays;
 
 /**
- * Signs a file with a key that never leaves its token, and verifies the signature without the token. On a fresh token
- * it generates the key; on a token that is there already it takes a key of that token, and changes nothing.
+ * Signs a file with a key on a token, and verifies the signature in Java. On a new token it generates the key. On an
+ * existing token it uses the first suitable key, and changes nothing.
  */
 public final class SignDocument {
     private static final byte[] EXPONENT = {1, 0, 1};
@@ -23,7 +23,7 @@ public final class SignDocument {
     private SignDocument() {
     }
 
-    /** @param arguments --fresh MODULE FILE, or --module MODULE FILE [SLOT] with the PIN in SMARTCARD_PIN */
+    /** @param arguments --fresh MODULE FILE, or --module MODULE FILE [SLOT], with the PIN in SMARTCARD_PIN */
     public static void main(String[] arguments) throws GeneralSecurityException, IOException {
         String module = arguments[1];
         Recipes.check("initDLL", Smartcard.initDLL(module));
@@ -53,18 +53,18 @@ public final class SignDocument {
                 return slot;
             }
         }
-        throw new IOException("no slot has a token that is ready for use");
+        throw new IOException("no slot has an initialised token: insert the card");
     }
 
     private static Key generate(long slot) throws GeneralSecurityException, IOException {
         byte[] id = "contract-key".getBytes();
         byte[] modulus = Recipes.data("generateKeyPairDLL",
                 Smartcard.generateKeyPairDLL(slot, 2048, EXPONENT, id, "Contracts".getBytes()));
-        System.out.println("\n==> The token has a new key pair.");
+        System.out.println("\n==> The token has generated a key pair.");
         return new Key(id, publicKey(modulus, EXPONENT));
     }
 
-    /** The first private key whose public key is on the token too, as such or in a certificate. */
+    /** {@return the first private key whose public key is on the token too, as such or in a certificate} */
     private static Key choose(long slot) throws GeneralSecurityException, IOException {
         byte[][] privateKeys = Smartcard.readAllRSAPrivateKeysDLL(slot);
         byte[][] publicKeys = Smartcard.readAllRSAPublicKeysDLL(slot);
@@ -81,7 +81,7 @@ public final class SignDocument {
                 }
             }
         }
-        throw new IOException("no RSA private key is seen whose public key is there too: does it need SMARTCARD_PIN?");
+        throw new IOException("no RSA private key with its public key is visible: set SMARTCARD_PIN");
     }
 
     private static PublicKey publicKey(byte[] modulus, byte[] exponent) throws GeneralSecurityException {

@@ -1,7 +1,7 @@
 # shellcheck shell=bash
-# Sourced by the commands, which have set root and usage.
+# Sourced by demo, test, bench and package, which set `root` and define `usage`.
 
-# shellcheck disable=SC2034 # the commands use it
+# shellcheck disable=SC2034 # used by the commands
 version=$(sed -n 's/^project(.* VERSION \([0-9.]*\) .*/\1/p' "${root:?}/CMakeLists.txt")
 
 usage_error() {
@@ -9,10 +9,10 @@ usage_error() {
   exit 2
 }
 
-# Each command says what it needs, as Debian's packages. What is not there, wherever it would come from, is installed on
-# a Debian system, and named on any other.
+# Each command lists the Debian packages that it needs. `need` looks for one file of each package, from whatever source.
+# If it is missing, `need` installs the package on Debian, and names it on other systems.
 
-# What a Debian package is needed for: a command, a header or a file.
+# Prints a command, header or file that shows whether a Debian package is needed.
 probe() {
   case $1 in
     binutils) echo objdump ;;
@@ -40,7 +40,7 @@ probe() {
   esac
 }
 
-# Prints the files of the first of the patterns that has any.
+# Prints the files that match the first pattern with a match.
 files_of() {
   local pattern patterns
   read -ra patterns <<<"$1"
@@ -50,7 +50,7 @@ files_of() {
   false
 }
 
-is_there() { # one of the commands, headers or files
+is_installed() { # a command, header or file, as probe prints it
   case $1 in
     '<'*) c++ -I/usr/include/p11-kit-1 -E -x c++ - <<<"#include $1" ;;
     /*) files_of "$1" ;;
@@ -62,7 +62,7 @@ as_root() {
   if [ "$(id -u)" -eq 0 ]; then "$@"; else sudo "$@"; fi
 }
 
-# Waits up to ten minutes for another apt-get to end. Its own option does not do that for `update`.
+# Waits up to ten minutes for another apt-get to end. apt-get's own option does not cover `update`.
 apt_get() {
   local log end=$((SECONDS + 600))
   until log=$(as_root env DEBIAN_FRONTEND=noninteractive LC_ALL=C apt-get --quiet --quiet \
@@ -79,7 +79,7 @@ need() {
   local package what missing=() names=()
   for package in "$@"; do
     what=$(probe "$package")
-    if ! is_there "$what"; then
+    if ! is_installed "$what"; then
       missing+=("$package")
       names+=("$what (Debian's $package)")
     fi
@@ -88,13 +88,13 @@ need() {
     return
   fi
   if ! command -v apt-get >/dev/null; then
-    echo "Missing, and this is no Debian system to install it on:" >&2
+    echo "Missing; install with the package manager of this system:" >&2
   elif [ "$(id -u)" -ne 0 ] && ! command -v sudo >/dev/null; then
-    echo "Missing; install it as root, or install sudo:" >&2
+    echo "Missing; run this as root, or install sudo:" >&2
   else
     echo "Installing ${missing[*]}..."
     if apt_get update && apt_get install --yes --no-install-recommends "${missing[@]}"; then return; fi
-    echo "Could not be installed:" >&2
+    echo "Could not install:" >&2
   fi
   printf '  %s\n' "${names[@]}" >&2
   return 1
@@ -102,19 +102,19 @@ need() {
 
 find_jdks() { sh "$root/cmake/jdks.sh"; }
 
-# Sets JAVA_HOME and java_version to the first of them.
+# Sets JAVA_HOME and java_version to the first JDK.
 need_jdk() {
   if [ ! "$(find_jdks)" ]; then need default-jdk-headless; fi
   read -r JAVA_HOME java_version <<<"$(find_jdks)"
   export JAVA_HOME java_version
 }
 
-# Prints the path of the software token's module.
+# Prints the path of SoftHSM2's module.
 find_softhsm() { files_of "$(probe libsofthsm2)" | sed -n 1p; }
 
 step() { printf '\n==> %s\n' "$*"; }
 
-# Says nothing but on failure.
+# Runs a command, and prints its output only if it fails.
 quietly() {
   local log
   if ! log=$("$@" 2>&1 | tr -d '\0'); then

@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# Sourced by ./package: tests what is in dist/, wherever it is to run.
+# Sourced by ./package: tests the files in dist/ on each supported system.
 
 tests=$root/build/package/test
 module=com.calvenhor.vork.utils
@@ -10,8 +10,8 @@ mkdir -p "$tests/libraries" "$tests/tokens"
 export SOFTHSM2_CONF=$tests/softhsm2.conf
 printf 'directories.tokendir = %s\nlog.level = ERROR\n' "$tests/tokens" >"$SOFTHSM2_CONF"
 
-# Prints the last lines of what a command says; all that matters of it on failure.
-ends() { # how many, and the command
+# Runs a command, and prints the last lines of its output; many more if it fails.
+run_quietly() { # number of lines, command...
   local lines=$1
   shift
   if ! "$@" >"$tests/log" 2>&1; then
@@ -22,8 +22,8 @@ ends() { # how many, and the command
   tail -n "$lines" "$tests/log"
 }
 
-# Tells that what a virtual machine wrote has a text.
-says() { # what this shows, and the text
+# Checks that the output of the last command contains a text.
+expect_output() { # name of the test, text
   if ! grep -a -q -F "$2" "$tests/log"; then
     tail -n 200 "$tests/log"
     echo "failed: $1"
@@ -32,15 +32,15 @@ says() { # what this shows, and the text
   echo "$1: $2"
 }
 
-# Runs the signing example in a virtual machine.
-signs() { # what this shows, the token's module, and the command that runs it
+# Runs the signing example in a JVM.
+test_signing() { # name of the test, the token's module, command...
   local what=$1 softhsm=$2
   shift 2
-  ends 0 "$@" --fresh "$softhsm" "$root/README.md"
-  says "$what" "The file verifies."
+  run_quietly 0 "$@" --fresh "$softhsm" "$root/README.md"
+  expect_output "$what" "The file verifies."
 }
 
-step "Look at the libraries"
+step "Check the libraries"
 glibc=2.25
 if [ "$own_libc" ]; then glibc=; fi
 for name in smartcard smartcard-testing; do
@@ -74,16 +74,18 @@ while read -r jdk feature; do
   if [ "$feature" -ge 24 ]; then
     class_path=(--illegal-native-access=deny --enable-native-access=ALL-UNNAMED)
     module_path=(--illegal-native-access=deny --enable-native-access="$module")
-    "$jdk/bin/java" --illegal-native-access=deny -cp "$classes" SignDocument --fresh "$softhsm" >"$tests/log" 2>&1 || true
-    says "JDK $feature, not allowed" IllegalCallerException
+    "$jdk/bin/java" --illegal-native-access=deny -cp "$classes" SignDocument --fresh "$softhsm" >"$tests/log" 2>&1 ||
+      true
+    expect_output "JDK $feature, native access denied" IllegalCallerException
   fi
-  signs "JDK $feature, class path" "$softhsm" "$jdk/bin/java" "${class_path[@]}" -cp "$classes" SignDocument
-  signs "JDK $feature, module path" "$softhsm" "$jdk/bin/java" "${module_path[@]}" -p "$jar" --add-modules "$module" \
-    -cp "$examples" SignDocument
-  signs "JDK $feature, executable jar" "$softhsm" "$jdk/bin/java" "${class_path[@]:0:1}" -jar "$tests/application.jar"
+  test_signing "JDK $feature, class path" "$softhsm" "$jdk/bin/java" "${class_path[@]}" -cp "$classes" SignDocument
+  test_signing "JDK $feature, module path" "$softhsm" "$jdk/bin/java" "${module_path[@]}" -p "$jar" \
+    --add-modules "$module" -cp "$examples" SignDocument
+  test_signing "JDK $feature, executable jar" "$softhsm" "$jdk/bin/java" "${class_path[@]:0:1}" \
+    -jar "$tests/application.jar"
   "$jdk/bin/jlink" --module-path "$jar" --add-modules "$module" --output "$tests/image-$feature"
-  signs "JDK $feature, image" "$softhsm" "$tests/image-$feature/bin/java" "${module_path[@]}" -cp "$examples" \
-    SignDocument
+  test_signing "JDK $feature, image" "$softhsm" "$tests/image-$feature/bin/java" "${module_path[@]}" \
+    -cp "$examples" SignDocument
 done < <(find_jdks)
 
 step "Install the Debian packages into a fresh Debian 12"
@@ -97,30 +99,30 @@ chroot "\$1" java -jar /usr/share/java/smartcard.jar show
 chroot "\$1" java -cp /usr/share/java/smartcard.jar:/tmp/examples.jar \\
   SignDocument --fresh /usr/lib/softhsm/libsofthsm2.so /etc/os-release
 TEXT
-ends 0 as_root mmdebstrap --variant=apt --customize-hook="sh '$tests/in_debian12' \"\$1\"" bookworm /dev/null \
+run_quietly 0 as_root mmdebstrap --variant=apt --customize-hook="sh '$tests/in_debian12' \"\$1\"" bookworm /dev/null \
   http://deb.debian.org/debian
-says "Debian 12, no option" "The file verifies."
+expect_output "Debian 12, without options" "The file verifies."
 
 if [ "$own_libc" ]; then
-  echo "Without Debian 11 there is no older system to load the libraries in, and no virtual machine for aarch64."
+  echo "Skipped without Debian 11: the tests with an older libc, and those in a JVM for aarch64."
   return
 fi
 
-step "Load both libraries in Debian 11, the one for aarch64 in qemu"
+step "Load both libraries in Debian 11 (aarch64 in qemu)"
 mkdir -p "$roots/amd64$root"
 # shellcheck disable=SC2016
-signs "x86_64" /usr/lib/softhsm/libsofthsm2.so unshare --map-root-user --mount sh -c 'mount --rbind /proc "$0/proc" &&
-  mount --rbind "$1" "$0$1" && shift && exec /usr/sbin/chroot "$0" "$@"' "$roots/amd64" "$root" \
+test_signing "x86_64" /usr/lib/softhsm/libsofthsm2.so unshare --map-root-user --mount sh -c '
+  mount --rbind /proc "$0/proc" && mount --rbind "$1" "$0$1" && shift && exec /usr/sbin/chroot "$0" "$@"' "$roots/amd64" "$root" \
   /usr/lib/jvm/java-17-openjdk-amd64/bin/java -cp "$classes" SignDocument
 java=(qemu-aarch64 -L "$roots/arm64" "$roots/arm64/usr/lib/jvm/java-17-openjdk-arm64/bin/java")
-signs "aarch64" "$roots/arm64/usr/lib/softhsm/libsofthsm2.so" "${java[@]}" -cp "$classes" SignDocument
+test_signing "aarch64" "$roots/arm64/usr/lib/softhsm/libsofthsm2.so" "${java[@]}" -cp "$classes" SignDocument
 
-step "Run the native tests and those of the mock module on aarch64, in qemu"
+step "Run the native tests and MockTest on aarch64, in qemu"
 build=$root/build/package/one/aarch64
 quietly cmake --build "$build" --target all java_tests
 cp "$tests/libraries/${module//.//}/linux-aarch64/libsmartcard.so" "$build/smartcard"
-ends 4 ctest --test-dir "$build" --parallel "$(nproc)" --output-on-failure
-ends 14 "${java[@]}" -XX:+UseSerialGC -XX:+AlwaysPreTouch -Xms64m -Xmx64m \
+run_quietly 4 ctest --test-dir "$build" --parallel "$(nproc)" --output-on-failure
+run_quietly 14 "${java[@]}" -XX:+UseSerialGC -XX:+AlwaysPreTouch -Xms64m -Xmx64m \
   -cp "$jar:$build/tests/java/java_tests.jar:/usr/share/java/junit-platform-console-standalone.jar" \
   "-Dmock=$build/tests/libmock_pkcs11.so" "-Dother=$build/tests/libother_pkcs11.so" \
   org.junit.platform.console.ConsoleLauncher --disable-banner --disable-ansi-colors --select-class MockTest

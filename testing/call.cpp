@@ -9,9 +9,8 @@ namespace {
 
 alignas(State) unsigned char memory[sizeof(State)];
 
-/// Under the mutex: the place of an ID in the genuine module's list; behind its end for one that is not
-/// there.
-std::size_t placeOf(CK_SLOT_ID id) {
+/// The index of an ID in the genuine module's list, or the length of that list. Needs the mutex.
+std::size_t indexOf(CK_SLOT_ID id) {
   return static_cast<std::size_t>(std::ranges::find(state.ids, id) - state.ids.begin());
 }
 
@@ -22,14 +21,14 @@ State& state = *new (memory) State;
 CK_RV begin(Function function) {
   std::unique_lock lock(state.mutex);
   state.calls.push_back(function);
-  Orders& orders = state.orders[function];
-  const auto failure = orders.failures.extract(++orders.calls);
-  if (orders.crashes) {
+  Faults& faults = state.faults[function];
+  const auto failure = faults.failures.extract(++faults.calls);
+  if (faults.crashes) {
     int* volatile nowhere = nullptr;
-    *nowhere = 0;  // a signal of which a virtual machine reports this place
+    *nowhere = 0;  // SIGSEGV, so that the JVM's crash report names this library
   }
-  const auto delay = orders.delay;
-  if (orders.hangs) state.released.wait(lock, [seen = state.releases] { return state.releases != seen; });
+  const auto delay = faults.delay;
+  if (faults.hangs) state.released.wait(lock, [seen = state.releases] { return state.releases != seen; });
   lock.unlock();
   std::this_thread::sleep_for(delay);
   return failure ? failure.mapped() : CKR_OK;
@@ -53,23 +52,23 @@ CK_RV listSlots(CK_BBOOL tokenPresent, std::vector<CK_SLOT_ID>& ids) {
   CK_ULONG count = 0;
   CK_RV result = state.genuine->C_GetSlotList(tokenPresent, nullptr, &count);
   if (result != CKR_OK) return result;
-  count += 16;  // readers that are plugged in between the two calls
+  count += 16;  // for readers that are plugged in between the two calls
   ids.resize(count);
   result = state.genuine->C_GetSlotList(tokenPresent, ids.data(), &count);
   ids.resize(result == CKR_OK ? count : 0);
   return result;
 }
 
-CK_SLOT_ID shownId(CK_SLOT_ID id) {
-  for (std::size_t place = 0; place < state.ids.size(); ++place)
-    if (state.genuineSlot(place) == placeOf(id)) return state.ids[place];
+CK_SLOT_ID applicationId(CK_SLOT_ID id) {
+  for (std::size_t index = 0; index < state.ids.size(); ++index)
+    if (state.genuineSlot(index) == indexOf(id)) return state.ids[index];
   return id;
 }
 
 Call::Call(Function function, CK_ULONG first) : function_(function) {
   const unsigned traits = kRows[function].traits;
   const std::lock_guard lock(state.mutex);
-  if ((traits & kSlot) != 0 && placeOf(first) < state.ids.size()) slot_ = state.genuineSlot(placeOf(first));
+  if ((traits & kSlot) != 0 && indexOf(first) < state.ids.size()) slot_ = state.genuineSlot(indexOf(first));
   const auto known = state.sessions.find(first);
   if ((traits & kSession) == 0 || known == state.sessions.end()) return;
   session_ = known->second;
@@ -86,13 +85,13 @@ Call::~Call() {
 CK_RV Call::refusal() const {
   if (!slot_) return CKR_OK;
   const std::lock_guard lock(state.mutex);
-  const bool asksForCard = function_ == kC_GetSlotInfo;
-  if (asksForCard && card().removal == Removal::kCached) state.loseSessions(*slot_);
+  const bool isGetSlotInfo = function_ == kC_GetSlotInfo;
+  if (isGetSlotInfo && card().removal == Removal::kCached) state.loseSessions(*slot_);
   if (session_ && session_->isLost) return card().hasCard ? CKR_SESSION_HANDLE_INVALID : CKR_DEVICE_REMOVED;
-  if (passesForEmpty()) return kRows[function_].whenEmpty;
+  if (isTreatedAsEmpty()) return kRows[function_].codeWhenEmpty;
   const bool needsCard = (kRows[function_].traits & kCard) != 0;
   if (card().removal == Removal::kCached) return needsCard ? CKR_DEVICE_REMOVED : CKR_OK;
-  return card().isSeenEmpty() && !asksForCard ? CKR_TOKEN_NOT_PRESENT : CKR_OK;
+  return card().isReportedEmpty() && !isGetSlotInfo ? CKR_TOKEN_NOT_PRESENT : CKR_OK;
 }
 
 bool Call::hasLostSession() const {
@@ -100,9 +99,9 @@ bool Call::hasLostSession() const {
   return session_ && session_->isLost;
 }
 
-CK_SLOT_ID Call::genuineId(CK_SLOT_ID shown) const {
+CK_SLOT_ID Call::genuineId(CK_SLOT_ID id) const {
   const std::lock_guard lock(state.mutex);
-  return slot_ && *slot_ < state.ids.size() ? state.ids[*slot_] : shown;
+  return slot_ && *slot_ < state.ids.size() ? state.ids[*slot_] : id;
 }
 
 }  // namespace faulty

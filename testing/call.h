@@ -1,44 +1,44 @@
-// One call of this module, from its beginning to the moment when the genuine module may be asked.
+// One call of this module, up to the point where it may go to the genuine module.
 #pragma once
 
 #include "faulty_module.h"
 
 namespace faulty {
 
-/// This copy's. It is never destroyed: a call may still hang while the process ends.
+/// The state of this copy of the library. Never destroyed: a call may still hang while the process ends.
 extern State& state;
 
-/// Where every call begins: waits or crashes as ordered. The result is the failure ordered for it, or CKR_OK.
+/// Begins every call: counts it, and hangs, waits or crashes as requested. Returns the requested code.
 CK_RV begin(Function function);
 
-/// Closes the sessions whose card was removed, and so ends the login, once their last call has returned.
+/// Closes the sessions whose card was removed and whose calls have all returned. This also ends the login.
 void closeLostSessions();
 
 CK_RV listSlots(CK_BBOOL tokenPresent, std::vector<CK_SLOT_ID>& ids);
 
-/// The ID under which a genuine slot is shown: that of the slot whose place it takes. Under the mutex.
-CK_SLOT_ID shownId(CK_SLOT_ID id);
+/// The ID that the application sees for a genuine slot, which may have another index. Needs the mutex.
+CK_SLOT_ID applicationId(CK_SLOT_ID id);
 
-/// A call under way, whose session is not closed meanwhile: its slot, by its place in the genuine module, and
-/// its session, if it has them.
+/// A call that has begun, with its slot (as an index of the genuine module) and its session, if it has them.
+/// closeLostSessions does not close the session during the call.
 class Call {
  public:
-  /// The function's first argument may name a slot or a session.
+  /// `first` is the first argument of the function: a slot, a session, or neither.
   Call(Function function, CK_ULONG first);
   Call(const Call&) = delete;
   Call& operator=(const Call&) = delete;
   ~Call();
 
-  /// What the removal of the card makes of it, or CKR_OK.
+  /// The code that the call returns because the card was removed; CKR_OK otherwise.
   CK_RV refusal() const;
-  /// Whether the session may be in another thread's hands already, which closes it.
+  /// Whether the card of the session was removed. Another thread may be closing the session.
   bool hasLostSession() const;
-  CK_SLOT_ID genuineId(CK_SLOT_ID shown) const;
+  CK_SLOT_ID genuineId(CK_SLOT_ID id) const;
 
-  // Under the mutex.
+  // These need the mutex.
   const std::optional<std::size_t>& slot() const { return slot_; }
   Slot& card() const { return state.slots[*slot_]; }
-  bool passesForEmpty() const { return slot_ && card().removal == Removal::kEmpty; }
+  bool isTreatedAsEmpty() const { return slot_ && card().removal == Removal::kEmpty; }
 
  private:
   Function function_;

@@ -1,5 +1,5 @@
-// The natives of FaultyModule. A virtual machine takes them from the first copy of the library that it loads;
-// they work on the state of whichever copy the module in question is.
+// The native methods of FaultyModule. The JVM calls those of the first copy of the library that it loads.
+// Their argument `module` is the state of the copy that they control.
 #include <dlfcn.h>
 
 #include <algorithm>
@@ -13,13 +13,13 @@ using namespace faulty;
 
 namespace {
 
-/// A module's state, under its mutex.
+/// A module's state, with its mutex locked.
 class Locked {
  public:
   explicit Locked(jlong module) : state_(*__builtin_bit_cast(State*, module)), lock_(state_.mutex) {}
 
   State* operator->() { return &state_; }
-  Orders& orders(jint function) { return state_.orders[static_cast<std::size_t>(function)]; }
+  Faults& faults(jint function) { return state_.faults[static_cast<std::size_t>(function)]; }
   std::size_t genuineSlot(jlong index) { return state_.genuineSlot(static_cast<std::size_t>(index)); }
   Slot& slot(jlong index) { return state_.slots[genuineSlot(index)]; }
 
@@ -45,12 +45,12 @@ NATIVE(jlong, open)(JNIEnv* env, jclass, jstring copy, jstring genuine) {
   } else {
     const auto moduleBefore =
         reinterpret_cast<decltype(&faultyModuleBefore)>(dlsym(library, "faultyModuleBefore"));
-    const char* unloadable = nullptr;
-    if (State* const state = moduleBefore(text(env, genuine).c_str(), &unloadable)) {
+    const char* loadError = nullptr;
+    if (State* const state = moduleBefore(text(env, genuine).c_str(), &loadError)) {
       state->library = library;
       return __builtin_bit_cast(jlong, state);
     }
-    problem = unloadable != nullptr ? unloadable : text(env, genuine) + " is not a PKCS#11 module";
+    problem = loadError != nullptr ? loadError : text(env, genuine) + " is not a PKCS#11 module";
     dlclose(library);
   }
   env->ThrowNew(env->FindClass("java/lang/UnsatisfiedLinkError"), problem.c_str());
@@ -65,27 +65,27 @@ NATIVE(jint, function)(JNIEnv* env, jclass, jstring name) {
 
 NATIVE(void, fail)(JNIEnv*, jclass, jlong module, jint function, jint nth, jlong code) {
   Locked state(module);
-  Orders& orders = state.orders(function);
-  orders.failures[orders.calls + static_cast<std::uint64_t>(nth)] = static_cast<CK_RV>(code);
+  Faults& faults = state.faults(function);
+  faults.failures[faults.calls + static_cast<std::uint64_t>(nth)] = static_cast<CK_RV>(code);
 }
 
 NATIVE(void, delay)(JNIEnv*, jclass, jlong module, jint function, jlong nanoseconds) {
-  Locked(module).orders(function).delay = std::chrono::nanoseconds(nanoseconds);
+  Locked(module).faults(function).delay = std::chrono::nanoseconds(nanoseconds);
 }
 
 NATIVE(void, hang)(JNIEnv*, jclass, jlong module, jint function) {
-  Locked(module).orders(function).hangs = true;
+  Locked(module).faults(function).hangs = true;
 }
 
 NATIVE(void, release)(JNIEnv*, jclass, jlong module) {
   Locked state(module);
-  for (Orders& orders : state->orders) orders.hangs = false;
+  for (Faults& faults : state->faults) faults.hangs = false;
   ++state->releases;
   state->released.notify_all();
 }
 
 NATIVE(void, crash)(JNIEnv*, jclass, jlong module, jint function) {
-  Locked(module).orders(function).crashes = true;
+  Locked(module).faults(function).crashes = true;
 }
 
 NATIVE(void, remove)(JNIEnv*, jclass, jlong module, jlong index, jint removal) {
@@ -131,8 +131,8 @@ NATIVE(jstring, takeCalls)(JNIEnv* env, jclass, jlong module) {
 NATIVE(void, close)(JNIEnv* env, jclass, jlong module, jstring copy) {
   void* const library = Locked(module)->library;
   void* const genuine = Locked(module)->genuineLibrary;
-  dlclose(library);  // with the state in it, unless the application holds it still, which may call the
-                     // genuine one
-  void* const held = dlopen(text(env, copy).c_str(), RTLD_LAZY | RTLD_NOLOAD);
-  dlclose(held != nullptr ? held : genuine);
+  dlclose(library);
+  // If the application still has the copy loaded, it may call the genuine module, which must stay loaded too.
+  void* const loaded = dlopen(text(env, copy).c_str(), RTLD_LAZY | RTLD_NOLOAD);
+  dlclose(loaded != nullptr ? loaded : genuine);
 }

@@ -1,5 +1,4 @@
-// The PKCS#11 module: each function waits, fails or crashes as ordered, and otherwise goes to the genuine
-// module.
+// The PKCS#11 module: each function waits, fails or crashes as requested, or calls the genuine module.
 #include "faulty_module.h"
 
 #include <dlfcn.h>
@@ -12,14 +11,14 @@
 namespace faulty {
 namespace {
 
-// ---- The functions that do more than pass the call on ----
+// ---- Functions that do more than call the genuine module ----
 
 bool contains(const auto& range, const auto& value) { return std::ranges::find(range, value) != range.end(); }
 
 template <Function F>
 using Of = std::integral_constant<Function, F>;
 
-CK_RV answer(Of<kC_Initialize>, const Call&, void* arguments) {
+CK_RV invoke(Of<kC_Initialize>, const Call&, void* arguments) {
   CK_RV result = state.genuine->C_Initialize(arguments);
   if (result != CKR_OK) return result;
   std::vector<CK_SLOT_ID> ids;
@@ -31,24 +30,24 @@ CK_RV answer(Of<kC_Initialize>, const Call&, void* arguments) {
     if (slot < state.ids.size()) state.order.push_back(slot);
   for (std::size_t slot = 0; slot < state.ids.size(); ++slot)
     if (!contains(state.wantedOrder, slot)) state.order.push_back(slot);
-  for (auto& [place, slot] : state.slots) slot.removal = Removal::kStandard;
+  for (auto& [index, slot] : state.slots) slot.removal = Removal::kStandard;
   return CKR_OK;
 }
 
-CK_RV answer(Of<kC_Finalize>, const Call&, void* reserved) {
+CK_RV invoke(Of<kC_Finalize>, const Call&, void* reserved) {
   const CK_RV result = state.genuine->C_Finalize(reserved);
   const std::lock_guard lock(state.mutex);
   if (result == CKR_OK) state.sessions.clear();
   return result;
 }
 
-CK_RV answer(Of<kC_GetFunctionList>, const Call&, CK_FUNCTION_LIST** list) {
+CK_RV invoke(Of<kC_GetFunctionList>, const Call&, CK_FUNCTION_LIST** list) {
   if (list == nullptr) return CKR_ARGUMENTS_BAD;
   *list = &state.list;
   return CKR_OK;
 }
 
-CK_RV answer(Of<kC_GetSlotList>, const Call&, CK_BBOOL tokenPresent, CK_SLOT_ID* ids, CK_ULONG* count) {
+CK_RV invoke(Of<kC_GetSlotList>, const Call&, CK_BBOOL tokenPresent, CK_SLOT_ID* ids, CK_ULONG* count) {
   if (count == nullptr) return CKR_ARGUMENTS_BAD;
   std::vector<CK_SLOT_ID> all;
   std::vector<CK_SLOT_ID> listed;
@@ -58,36 +57,36 @@ CK_RV answer(Of<kC_GetSlotList>, const Call&, CK_BBOOL tokenPresent, CK_SLOT_ID*
 
   const std::lock_guard lock(state.mutex);
   state.ids = all;
-  std::vector<CK_SLOT_ID> shown;
-  for (std::size_t place = 0; place < all.size(); ++place) {
-    const std::size_t slot = state.genuineSlot(place);
+  std::vector<CK_SLOT_ID> visible;
+  for (std::size_t index = 0; index < all.size(); ++index) {
+    const std::size_t slot = state.genuineSlot(index);
     if (slot >= all.size() || !contains(listed, all[slot])) continue;
-    if (tokenPresent == CK_FALSE || !state.slots[slot].isSeenEmpty()) shown.push_back(all[place]);
+    if (tokenPresent == CK_FALSE || !state.slots[slot].isReportedEmpty()) visible.push_back(all[index]);
   }
-  const CK_ULONG room = std::exchange(*count, shown.size());
+  const CK_ULONG room = std::exchange(*count, visible.size());
   if (ids == nullptr) return CKR_OK;
-  if (room < shown.size()) return CKR_BUFFER_TOO_SMALL;
-  std::ranges::copy(shown, ids);
+  if (room < visible.size()) return CKR_BUFFER_TOO_SMALL;
+  std::ranges::copy(visible, ids);
   return CKR_OK;
 }
 
-CK_RV answer(Of<kC_WaitForSlotEvent>, const Call&, CK_FLAGS flags, CK_SLOT_ID* slot, void* reserved) {
+CK_RV invoke(Of<kC_WaitForSlotEvent>, const Call&, CK_FLAGS flags, CK_SLOT_ID* slot, void* reserved) {
   const CK_RV result = state.genuine->C_WaitForSlotEvent(flags, slot, reserved);
   const std::lock_guard lock(state.mutex);
-  if (result == CKR_OK) *slot = shownId(*slot);
+  if (result == CKR_OK) *slot = applicationId(*slot);
   return result;
 }
 
-CK_RV answer(Of<kC_GetSlotInfo>, const Call& call, CK_SLOT_ID id, CK_SLOT_INFO* info) {
+CK_RV invoke(Of<kC_GetSlotInfo>, const Call& call, CK_SLOT_ID id, CK_SLOT_INFO* info) {
   const CK_RV result = state.genuine->C_GetSlotInfo(id, info);
   const std::lock_guard lock(state.mutex);
   if (result != CKR_OK || !call.slot()) return result;
   if (call.card().isRemovable) info->flags |= CKF_REMOVABLE_DEVICE;
-  if (call.card().isSeenEmpty()) info->flags &= ~CKF_TOKEN_PRESENT;
+  if (call.card().isReportedEmpty()) info->flags &= ~CKF_TOKEN_PRESENT;
   return result;
 }
 
-CK_RV answer(Of<kC_GetTokenInfo>, const Call& call, CK_SLOT_ID id, CK_TOKEN_INFO* info) {
+CK_RV invoke(Of<kC_GetTokenInfo>, const Call& call, CK_SLOT_ID id, CK_TOKEN_INFO* info) {
   const CK_RV result = state.genuine->C_GetTokenInfo(id, info);
   const std::lock_guard lock(state.mutex);
   if (result != CKR_OK || !call.slot()) return result;
@@ -102,7 +101,7 @@ CK_RV answer(Of<kC_GetTokenInfo>, const Call& call, CK_SLOT_ID id, CK_TOKEN_INFO
   return result;
 }
 
-CK_RV answer(Of<kC_InitToken>, const Call& call, CK_SLOT_ID id, CK_UTF8CHAR* pin, CK_ULONG length,
+CK_RV invoke(Of<kC_InitToken>, const Call& call, CK_SLOT_ID id, CK_UTF8CHAR* pin, CK_ULONG length,
              CK_UTF8CHAR* label) {
   const CK_RV result = state.genuine->C_InitToken(id, pin, length, label);
   const std::lock_guard lock(state.mutex);
@@ -110,44 +109,45 @@ CK_RV answer(Of<kC_InitToken>, const Call& call, CK_SLOT_ID id, CK_UTF8CHAR* pin
   return result;
 }
 
-CK_RV answer(Of<kC_OpenSession>, const Call& call, CK_SLOT_ID id, CK_FLAGS flags, void* application,
+CK_RV invoke(Of<kC_OpenSession>, const Call& call, CK_SLOT_ID id, CK_FLAGS flags, void* application,
              CK_NOTIFY notify, CK_SESSION_HANDLE* session) {
   const CK_RV result = state.genuine->C_OpenSession(id, flags, application, notify, session);
   const std::lock_guard lock(state.mutex);
   if (result == CKR_OK && call.slot())
-    state.sessions[*session] = std::make_shared<Session>(Session{*call.slot(), call.card().isSeenEmpty()});
+    state.sessions[*session] =
+        std::make_shared<Session>(Session{*call.slot(), call.card().isReportedEmpty()});
   return result;
 }
 
-CK_RV answer(Of<kC_CloseSession>, const Call&, CK_SESSION_HANDLE session) {
+CK_RV invoke(Of<kC_CloseSession>, const Call&, CK_SESSION_HANDLE session) {
   const CK_RV result = state.genuine->C_CloseSession(session);
   const std::lock_guard lock(state.mutex);
   if (result == CKR_OK) state.sessions.erase(session);
   return result;
 }
 
-CK_RV answer(Of<kC_CloseAllSessions>, const Call& call, CK_SLOT_ID id) {
+CK_RV invoke(Of<kC_CloseAllSessions>, const Call& call, CK_SLOT_ID id) {
   const CK_RV result = state.genuine->C_CloseAllSessions(id);
   const std::lock_guard lock(state.mutex);
   if (result == CKR_OK)
-    std::erase_if(state.sessions, [&](const auto& known) { return known.second->slot == call.slot(); });
+    std::erase_if(state.sessions, [&](const auto& entry) { return entry.second->slot == call.slot(); });
   return result;
 }
 
-CK_RV answer(Of<kC_GetSessionInfo>, const Call&, CK_SESSION_HANDLE session, CK_SESSION_INFO* info) {
+CK_RV invoke(Of<kC_GetSessionInfo>, const Call&, CK_SESSION_HANDLE session, CK_SESSION_INFO* info) {
   const CK_RV result = state.genuine->C_GetSessionInfo(session, info);
   const std::lock_guard lock(state.mutex);
-  if (result == CKR_OK) info->slotID = shownId(info->slotID);
+  if (result == CKR_OK) info->slotID = applicationId(info->slotID);
   return result;
 }
 
-CK_RV answer(Of<kC_Login>, const Call& call, CK_SESSION_HANDLE session, CK_USER_TYPE user, CK_UTF8CHAR* pin,
+CK_RV invoke(Of<kC_Login>, const Call& call, CK_SESSION_HANDLE session, CK_USER_TYPE user, CK_UTF8CHAR* pin,
              CK_ULONG length) {
   const bool isUser = user != CKU_SO;
   std::string entered;
   std::unique_lock lock(state.mutex);
-  if (call.slot() && call.card().removal != Removal::kStandard) {  // a login is not asked of the card twice
-    const CK_RV refusal = call.passesForEmpty() ? CKR_GENERAL_ERROR : CKR_DEVICE_REMOVED;
+  if (call.slot() && call.card().removal != Removal::kStandard) {  // a second login never reaches the card
+    const CK_RV refusal = call.isTreatedAsEmpty() ? CKR_GENERAL_ERROR : CKR_DEVICE_REMOVED;
     lock.unlock();
     CK_SESSION_INFO info{};
     state.genuine->C_GetSessionInfo(session, &info);
@@ -172,24 +172,24 @@ CK_RV answer(Of<kC_Login>, const Call& call, CK_SESSION_HANDLE session, CK_USER_
   return result;
 }
 
-CK_RV answer(Of<kC_InitPIN>, const Call& call, CK_SESSION_HANDLE session, CK_UTF8CHAR* pin, CK_ULONG length) {
+CK_RV invoke(Of<kC_InitPIN>, const Call& call, CK_SESSION_HANDLE session, CK_UTF8CHAR* pin, CK_ULONG length) {
   const CK_RV result = state.genuine->C_InitPIN(session, pin, length);
   const std::lock_guard lock(state.mutex);
   if (result == CKR_OK && call.slot()) call.card().wrongPins = 0;
   return result;
 }
 
-CK_RV answer(Of<kC_FindObjects>, const Call& call, CK_SESSION_HANDLE session, CK_OBJECT_HANDLE* objects,
+CK_RV invoke(Of<kC_FindObjects>, const Call& call, CK_SESSION_HANDLE session, CK_OBJECT_HANDLE* objects,
              CK_ULONG room, CK_ULONG* count) {
   const CK_RV result = state.genuine->C_FindObjects(session, objects, room, count);
   const std::lock_guard lock(state.mutex);
-  if (result == CKR_OK && call.passesForEmpty()) *count = 0;
+  if (result == CKR_OK && call.isTreatedAsEmpty()) *count = 0;
   return result;
 }
 
-// ---- The functions as they are called ----
+// ---- The functions of the function list ----
 
-/// Passes for any argument after the session: no data, and room for a result.
+/// Converts to any argument after the session: no data, and a buffer for a result.
 struct AnyArgument {
   CK_BYTE bytes[65536];
   CK_ULONG room = sizeof bytes;
@@ -199,7 +199,7 @@ struct AnyArgument {
   operator CK_ULONG*() { return &room; }
 };
 
-/// Ends the operation in the genuine module, which does not know that the call has failed.
+/// Ends the operation in the genuine module, which has not seen the failing call.
 template <class... P>
 void endOperation(CK_RV (*ender)(CK_SESSION_HANDLE, P...), CK_SESSION_HANDLE session) {
   if (ender == nullptr) return;
@@ -207,7 +207,7 @@ void endOperation(CK_RV (*ender)(CK_SESSION_HANDLE, P...), CK_SESSION_HANDLE ses
   ender(session, static_cast<P>(*argument)...);
 }
 
-/// The same for the function that has failed, if it ends one.
+/// Ends the operation that a failed F ends, if any.
 #define FAULTY_NO_ENDING(name, ...)
 #define FAULTY_ENDING(name, traits, ender) \
   if constexpr (F == k##name) endOperation(state.genuine->ender, session);
@@ -234,11 +234,11 @@ struct Forward<F, Member> {
     }
     if constexpr ((kRows[F].traits & kSlot) != 0) first = call.genuineId(first);
     CK_RV result;
-    if constexpr (requires { answer(Of<F>(), call, first, rest...); })
-      result = answer(Of<F>(), call, first, rest...);
+    if constexpr (requires { invoke(Of<F>(), call, first, rest...); })
+      result = invoke(Of<F>(), call, first, rest...);
     else
       result = (state.genuine->*Member)(first, rest...);
-    failure = call.refusal();  // of a call during which the card was removed
+    failure = call.refusal();  // the card may have been removed during the call
     return failure != CKR_OK ? failure : result;
   } catch (...) {
     return CKR_HOST_MEMORY;
@@ -248,11 +248,11 @@ struct Forward<F, Member> {
 }  // namespace
 }  // namespace faulty
 
-faulty::State* faultyModuleBefore(const char* path, const char** unloadable) {
+faulty::State* faultyModuleBefore(const char* path, const char** loadError) {
   using namespace faulty;
   void* const module = dlopen(path, RTLD_LAZY | RTLD_LOCAL);
   if (module == nullptr) {
-    *unloadable = dlerror();
+    *loadError = dlerror();
     return nullptr;
   }
   const auto get = reinterpret_cast<CK_C_GetFunctionList>(dlsym(module, "C_GetFunctionList"));
@@ -265,8 +265,8 @@ faulty::State* faultyModuleBefore(const char* path, const char** unloadable) {
   state.genuineLibrary = module;
   state.list.version = genuine->version;
   static_assert(sizeof state.list == offsetof(CK_FUNCTION_LIST, C_Initialize) + kFunctions * sizeof(void*),
-                "each function of the list has a row");
-  // A function that is missing there is missing here.
+                "each function of the list needs a row");
+  // A function that the genuine module lacks is missing here too.
 #define FAULTY_DEFINE(name, ...) \
   if (genuine->name != nullptr) state.list.name = Forward<k##name, &CK_FUNCTION_LIST::name>::function;
   FAULTY_FUNCTIONS(FAULTY_DEFINE, FAULTY_DEFINE)

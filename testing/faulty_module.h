@@ -1,4 +1,4 @@
-// The state of one faulty module: what was ordered of it, and what it knows of the module behind it.
+// The state of one faulty module: the requested faults, and the slots and sessions of the genuine module.
 #pragma once
 
 #include <p11-kit/pkcs11.h>
@@ -18,13 +18,12 @@
 
 namespace faulty {
 
-constexpr unsigned kCard = 1;     // works on the card: no cached answer serves
+constexpr unsigned kCard = 1;     // needs the card, even if the module caches token data
 constexpr unsigned kSlot = 2;     // its first argument is a slot
 constexpr unsigned kSession = 4;  // its first argument is a session
 
-/// All functions. F(name, traits, answer while a removed card passes for an empty one, or CKR_OK where that
-/// is the genuine module's); E(name, traits, function that ends the operation which this one ends when it
-/// fails).
+/// All functions. F(name, traits, code while a removed card is treated as empty; CKR_OK: the call goes to the
+/// genuine module). E(name, traits, ender): if this function fails, its operation ends; the ender does that.
 #define FAULTY_FUNCTIONS(F, E)                                        \
   F(C_Initialize, 0, CKR_OK)                                          \
   F(C_Finalize, 0, CKR_OK)                                            \
@@ -102,39 +101,40 @@ enum Function : std::size_t { FAULTY_FUNCTIONS(FAULTY_NUMBER, FAULTY_NUMBER) kFu
 struct Row {
   const char* name;
   unsigned traits;
-  CK_RV whenEmpty;
+  CK_RV codeWhenEmpty;
 };
-#define FAULTY_ROW(name, traits, whenEmpty) {#name, traits, whenEmpty},
+#define FAULTY_ROW(name, traits, codeWhenEmpty) {#name, traits, codeWhenEmpty},
 #define FAULTY_ENDING_ROW(name, traits, ender) {#name, traits, CKR_OK},
 constexpr Row kRows[] = {FAULTY_FUNCTIONS(FAULTY_ROW, FAULTY_ENDING_ROW)};
 #undef FAULTY_ROW
 #undef FAULTY_ENDING_ROW
 
-/// How the module takes the removal of a card, until it has noticed; in the order of FaultyModule.Removal.
+/// How the module behaves until it notices a removal, in the order of FaultyModule.Removal.
 enum class Removal { kStandard, kEmpty, kCached };
 
-/// A slot of the genuine module, by its place there.
+/// The settings of a slot of the genuine module.
 struct Slot {
   bool hasCard = true;
   bool isRemovable = false;
-  Removal removal = Removal::kStandard;  // anything else: not noticed yet
+  Removal removal = Removal::kStandard;  // other values: not noticed yet
   bool hasPinPad = false;
   std::optional<std::string> padPin;
-  unsigned tries = 0;  // 0: no end of them
+  unsigned tries = 0;  // 0: no limit
   unsigned wrongPins = 0;
 
-  bool isSeenEmpty() const { return !hasCard && removal == Removal::kStandard; }
+  bool isReportedEmpty() const { return !hasCard && removal == Removal::kStandard; }
   bool isLocked() const { return tries > 0 && wrongPins >= tries; }
 };
 
 struct Session {
   std::size_t slot;
-  bool isLost = false;    // its card is gone
+  bool isLost = false;    // its card was removed
   bool isClosed = false;  // in the genuine module
-  unsigned calls = 0;     // under way
+  unsigned calls = 0;     // that have not returned
 };
 
-struct Orders {
+/// The requested faults of one function.
+struct Faults {
   std::map<std::uint64_t, CK_RV> failures;  // by the number of the call
   std::uint64_t calls = 0;
   std::chrono::nanoseconds delay{};
@@ -142,26 +142,26 @@ struct Orders {
   bool crashes = false;
 };
 
-/// Each copy of the library has one. The mutex guards all but the genuine function list, and is never held
-/// while the genuine module runs.
+/// Each copy of the library has one. The mutex guards all members except the genuine function list. It is
+/// never held during a call of the genuine module.
 struct State {
   CK_FUNCTION_LIST* genuine = nullptr;
   CK_FUNCTION_LIST list{};
-  void* library = nullptr;  // the copy, which the controlling one has loaded
+  void* library = nullptr;  // this copy, loaded by the copy that has the natives
   void* genuineLibrary = nullptr;
 
   std::mutex mutex;
   std::condition_variable released;
   std::uint64_t releases = 0;
-  std::array<Orders, kFunctions> orders;
+  std::array<Faults, kFunctions> faults;
   std::vector<Function> calls;
-  std::map<std::size_t, Slot> slots;
+  std::map<std::size_t, Slot> slots;  // by the index in the genuine module
   std::map<CK_SESSION_HANDLE, std::shared_ptr<Session>> sessions;
   std::vector<CK_SLOT_ID> ids;           // as the genuine module last listed them
-  std::vector<std::size_t> order;        // the genuine module's slot in each place; none: its own order
-  std::vector<std::size_t> wantedOrder;  // from the next C_Initialize on
+  std::vector<std::size_t> order;        // the genuine index of each slot; empty: the genuine order
+  std::vector<std::size_t> wantedOrder;  // for the next C_Initialize
 
-  std::size_t genuineSlot(std::size_t place) const { return place < order.size() ? order[place] : place; }
+  std::size_t genuineSlot(std::size_t index) const { return index < order.size() ? order[index] : index; }
 
   void removeCard(std::size_t slot, Removal removal) {
     slots[slot].hasCard = false;
@@ -176,17 +176,17 @@ struct State {
       if (session->slot == slot) session->isLost = true;
   }
 
-  /// Of closed sessions nothing more is to be known: the genuine module refuses their handles itself.
+  /// Forgets sessions that are closed: from now on the genuine module refuses their handles itself.
   void insertCard(std::size_t slot) {
     slots[slot].hasCard = true;
     std::erase_if(sessions,
-                  [&](const auto& known) { return known.second->slot == slot && known.second->isClosed; });
+                  [&](const auto& entry) { return entry.second->slot == slot && entry.second->isClosed; });
   }
 };
 
 }  // namespace faulty
 
-/// Puts this copy of the library before the module of a path. Null if that cannot be loaded, with the reason,
-/// or is no PKCS#11 module.
+/// Puts this copy of the library in front of the module at a path. Returns null if the module cannot be
+/// loaded, with the reason in `loadError`, or if it is not a PKCS#11 module.
 extern "C" __attribute__((visibility("default"))) faulty::State* faultyModuleBefore(const char* path,
-                                                                                    const char** unloadable);
+                                                                                    const char** loadError);

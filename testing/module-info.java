@@ -1,4 +1,4 @@
-/** What goes wrong with smart cards, for the tests of applications that use them. */
+/** Simulates failures of smart cards, for tests of applications that use smart cards. */
 module com.calvenhor.vork.utils.testing {
     exports com.calvenhor.vork.utils.testing;
 }

@@ -15,8 +15,8 @@ import java.util.Locale;
 import java.util.Objects;
 
 /**
- * A PKCS#11 module that passes every call on to a genuine one, and does to the application what cards do when a test
- * orders it: fail, hang, crash, leave the reader, lock after wrong PINs.
+ * A PKCS#11 module for tests of applications. It passes every call on to a genuine module, until a test makes it fail,
+ * hang, crash, remove the card or lock the PIN.
  * <pre>{@code
  * try (FaultyModule module = FaultyModule.before("/usr/lib/softhsm/libsofthsm2.so")) {
  *     Smartcard.initDLL(module.path()); // or SmartcardProvider, SunPKCS11, ...
@@ -26,46 +26,51 @@ import java.util.Objects;
  * }</pre>
  *
  * <h2>Functions</h2>
- * A function is named as in PKCS#11 2.40, such as {@code "C_Sign"}; any other name is an
- * {@link IllegalArgumentException}. A call is counted and listed when it begins. Then it hangs, then it is delayed, then
- * it fails or is passed on. A failing call does not reach the genuine module, but ends the operation that PKCS#11 lets
- * it end: after a failed {@code C_Sign} the next {@code C_SignInit} succeeds.
+ * A parameter {@code function} is a name from PKCS#11 2.40, such as {@code "C_Sign"}. Any other name throws an
+ * {@link IllegalArgumentException}. A call is counted and recorded when it begins. It then hangs, is delayed, and fails
+ * or is passed on, in this order. A failing call does not reach the genuine module, but ends the operation that such a
+ * failure ends in PKCS#11. After a failed {@code C_Sign} the next {@code C_SignInit} succeeds.
  *
  * <h2>Slots</h2>
- * A slot is given by its index in the list of {@code C_GetSlotList(false)}, from 0. What is set for a slot holds before
- * {@code C_Initialize} as well, and across {@code C_Finalize}. An index that the genuine module does not have has no
- * effect; a negative one is an {@link IllegalArgumentException}. {@code C_WaitForSlotEvent} reports the genuine module's
- * events only.
+ * A parameter {@code slot} is an index, from 0, in the list of {@code C_GetSlotList(false)}. A negative index throws an
+ * {@link IllegalArgumentException}; an index that the genuine module does not have has no effect. Settings of a slot
+ * may be made before {@code C_Initialize}, and survive {@code C_Finalize}.
+ * <ul>
+ * <li>{@code C_WaitForSlotEvent} reports events of the genuine module only, not {@link #remove(long) remove} or
+ *     {@link #insert insert}.
+ * <li>{@link #slots slots} takes effect, and {@link Removal#EMPTY} ends, only at a {@code C_Initialize} that succeeds.
+ *     It fails if the process has already initialised the genuine module.
+ * </ul>
  *
  * <h2>Threads</h2>
- * Any thread may call any method, while calls of the module are under way. No method waits for a call of the module.
+ * Any thread may call any method, also during calls of the module. No method waits for a call of the module.
  *
  * <p>The class needs Linux on x86-64 or aarch64. From JDK 24 on the JVM warns unless it runs with
  * {@code --enable-native-access=ALL-UNNAMED}, or {@code --enable-native-access=com.calvenhor.vork.utils.testing} on the
  * module path.
  */
 public final class FaultyModule implements AutoCloseable {
-    /** How a module takes the removal of a card. The first call under way or to come shows it. */
+    /** How the module behaves after the card was removed. A removal also affects calls that have not returned yet. */
     public enum Removal {
         /**
-         * As PKCS#11 has it. {@code C_GetSlotInfo} clears CKF_TOKEN_PRESENT (1), and {@code C_GetSlotList(true)} leaves
-         * the slot out. Every other call for the slot returns CKR_TOKEN_NOT_PRESENT (0xE0). A call with one of its
-         * sessions returns CKR_DEVICE_REMOVED (0x32), and CKR_SESSION_HANDLE_INVALID (0xB3) once a card is back.
+         * As PKCS#11 specifies. {@code C_GetSlotInfo} clears CKF_TOKEN_PRESENT (1), and {@code C_GetSlotList(true)}
+         * omits the slot. Other calls for the slot return CKR_TOKEN_NOT_PRESENT (0xE0). Calls with one of its sessions
+         * return CKR_DEVICE_REMOVED (0x32), or CKR_SESSION_HANDLE_INVALID (0xB3) after a card was inserted.
          */
         STANDARD,
         /**
-         * As SoftHSM2 does, which goes on as if the card were there and empty. The slot keeps its CKF_TOKEN_PRESENT, and
-         * its sessions and login stay valid. Searches find nothing, handles found before are CKR_OBJECT_HANDLE_INVALID
-         * (0x82), and {@code C_GetTokenInfo}, logins and writes return CKR_GENERAL_ERROR (5). Nothing ends this, nor does
-         * {@link FaultyModule#insert insert}, until {@code C_Initialize} sees what is there.
+         * Like SoftHSM2, which goes on as if the card were present and empty. The slot keeps CKF_TOKEN_PRESENT, and its
+         * sessions and login stay valid. Searches find nothing. Calls with an object handle return CKR_OBJECT_HANDLE_INVALID
+         * (0x82). {@code C_GetTokenInfo}, logins and writes return CKR_GENERAL_ERROR (5). The next {@code C_Initialize}
+         * ends this state; {@link FaultyModule#insert insert} alone does not.
          */
         EMPTY,
         /**
-         * As OpenSC does, which asks the reader in {@code C_GetSlotInfo} only. Until the application calls that for the
-         * slot, the token's data, sessions, searches and attributes are returned as before, and calls that need the card
-         * (login, signing, writing) return CKR_DEVICE_REMOVED (0x32); a login while logged in is
-         * CKR_USER_ALREADY_LOGGED_IN (0x100) as before. From then on it is as in {@link #STANDARD}; where
-         * a card is back already, the sessions are lost all the same.
+         * Like OpenSC, which checks the reader in {@code C_GetSlotInfo} only. Until the application calls it for the
+         * slot, token data, sessions, searches and attributes are returned as before. Calls that need the card (login,
+         * signing, writing) return CKR_DEVICE_REMOVED (0x32); a second login returns CKR_USER_ALREADY_LOGGED_IN
+         * (0x100). {@code C_GetSlotInfo} then changes the state to {@link #STANDARD}. The sessions are lost even if a
+         * card was inserted before that call.
          */
         CACHED
     }
@@ -90,17 +95,16 @@ public final class FaultyModule implements AutoCloseable {
     }
 
     /**
-     * Makes a module that stands before a genuine one. Several may stand before the same one, each with what was ordered
-     * of it alone.
+     * Creates a module in front of a genuine one. Several may be in front of the same one; each has its own settings.
      *
-     * @param genuine path of the genuine module, or a file name for the system's library search
-     * @return the module, which passes all on until something else is ordered
-     * @throws UnsatisfiedLinkError if the genuine module cannot be loaded or is no PKCS#11 module; the message says why
+     * @param genuine the path of the genuine module, or a file name for the system's library search
+     * @return a module that passes on all calls
+     * @throws UnsatisfiedLinkError if the genuine module cannot be loaded or is not a PKCS#11 module; the message says why
      * @throws UncheckedIOException if no file can be created in {@code java.io.tmpdir}
      */
     public static FaultyModule before(String genuine) {
         Objects.requireNonNull(genuine);
-        Path file = copyOfLibrary(); // its own: the system loads a file once, and each module has a state
+        Path file = copyOfLibrary(); // dlopen loads a file only once, and each module has its own state
         try {
             file.toFile().deleteOnExit();
             return new FaultyModule(file, genuine);
@@ -128,20 +132,21 @@ public final class FaultyModule implements AutoCloseable {
         }
     }
 
-    /** {@return the path of this module, for whatever binds a PKCS#11 module in this process} */
+    /** {@return the path of this module, for binding it in this process} */
     public String path() {
         return file.toString();
     }
 
     /**
-     * Fails one call of a function, which is not passed on.
+     * Makes one call of a function fail.
      *
      * @param function the function
-     * @param nth which call from now on, the next one being 1
-     * @param code the CK_RV that it returns, such as 0x30 for CKR_DEVICE_ERROR; 0 is an {@link IllegalArgumentException}
+     * @param nth the number of the call, counted from now on: 1 is the next call
+     * @param code the CK_RV that the call returns, such as 0x30 for CKR_DEVICE_ERROR; not 0
+     * @throws IllegalArgumentException if {@code nth} is below 1 or {@code code} is 0
      */
     public synchronized void fail(String function, int nth, long code) {
-        require(nth > 0 && code != 0, "nth from 1 and a code other than CKR_OK are expected");
+        require(nth > 0 && code != 0, "nth must be at least 1, and the code must not be CKR_OK");
         fail(state(), indexOf(function), nth, code);
     }
 
@@ -149,10 +154,10 @@ public final class FaultyModule implements AutoCloseable {
      * Delays every call of a function.
      *
      * @param function the function
-     * @param duration the delay; zero ends it
+     * @param duration the additional time; zero removes the delay
      */
     public synchronized void delay(String function, Duration duration) {
-        require(!duration.isNegative(), "a delay is not negative");
+        require(!duration.isNegative(), "the delay must not be negative");
         delay(state(), indexOf(function), duration.toNanos());
     }
 
@@ -165,13 +170,13 @@ public final class FaultyModule implements AutoCloseable {
         hang(state(), indexOf(function));
     }
 
-    /** Lets all hanging calls go on, and later calls of their functions pass. */
+    /** Lets all hanging calls continue. Later calls of these functions do not hang. */
     public synchronized void release() {
         release(state());
     }
 
     /**
-     * Makes the next call of a function crash the process, by a write to address 0 (SIGSEGV).
+     * Makes the next call of a function crash the process with SIGSEGV.
      *
      * @param function the function
      */
@@ -180,7 +185,7 @@ public final class FaultyModule implements AutoCloseable {
     }
 
     /**
-     * Removes the card from a slot, as {@link Removal#STANDARD}.
+     * Removes the card from a slot, with {@link Removal#STANDARD}.
      *
      * @param slot the slot's index
      */
@@ -189,73 +194,74 @@ public final class FaultyModule implements AutoCloseable {
     }
 
     /**
-     * Removes the card from a slot: its sessions and logins end. From now on the slot has CKF_REMOVABLE_DEVICE (2),
-     * without which an application need not expect this.
+     * Removes the card from a slot, which ends its sessions and logins. The slot has CKF_REMOVABLE_DEVICE (2) from now
+     * on, because applications need not expect a removal without this flag.
      *
      * @param slot the slot's index
-     * @param removal how the module takes it
+     * @param removal how the module behaves afterwards
      */
     public synchronized void remove(long slot, Removal removal) {
-        remove(state(), checked(slot), removal.ordinal());
+        remove(state(), requireSlot(slot), removal.ordinal());
     }
 
     /**
-     * Inserts the card that {@link #remove(long) remove} took out. No session or login comes back with it.
+     * Inserts the removed card again. Its former sessions and logins stay invalid.
      *
      * @param slot the slot's index
      */
     public synchronized void insert(long slot) {
-        insert(state(), checked(slot));
+        insert(state(), requireSlot(slot));
     }
 
     /**
-     * Gives the slot a PIN pad: the token has CKF_PROTECTED_AUTHENTICATION_PATH (0x100), and a {@code C_Login} without a
-     * PIN enters one.
+     * Adds a PIN pad to a slot. The token has CKF_PROTECTED_AUTHENTICATION_PATH (0x100), and a {@code C_Login} with a
+     * null PIN takes the PIN from the PIN pad.
      *
      * @param slot the slot's index
-     * @param pin what its user enters; null cancels: {@code C_Login} returns CKR_FUNCTION_CANCELED (0x50)
+     * @param pin the PIN that the user enters; null if the user cancels, so that {@code C_Login} returns
+     *        CKR_FUNCTION_CANCELED (0x50)
      */
     public synchronized void pinPad(long slot, String pin) {
-        pinPad(state(), checked(slot), pin == null ? null : pin.getBytes(StandardCharsets.UTF_8));
+        pinPad(state(), requireSlot(slot), pin == null ? null : pin.getBytes(StandardCharsets.UTF_8));
     }
 
     /**
-     * Locks the user's PIN after wrong ones. The genuine module's CKR_PIN_INCORRECT (0xA0) in {@code C_Login} counts,
-     * the right PIN ends the count. After {@code n} in a row {@code C_Login} returns CKR_PIN_LOCKED (0xA4) for any PIN,
-     * until {@code C_InitPIN} or {@code C_InitToken}. The token has CKF_USER_PIN_COUNT_LOW (0x10000) after a wrong PIN,
-     * CKF_USER_PIN_FINAL_TRY (0x20000) before the last try and CKF_USER_PIN_LOCKED (0x40000) in the end.
+     * Limits the tries of the user PIN. After {@code n} wrong PINs in a row, {@code C_Login} returns CKR_PIN_LOCKED
+     * (0xA4) for any PIN, until {@code C_InitPIN} or {@code C_InitToken} succeeds. A PIN is wrong if the genuine module
+     * returns CKR_PIN_INCORRECT (0xA0). The token has CKF_USER_PIN_COUNT_LOW (0x10000) after a wrong PIN,
+     * CKF_USER_PIN_FINAL_TRY (0x20000) before the last try, and CKF_USER_PIN_LOCKED (0x40000) when the PIN is locked.
      *
      * @param slot the slot's index
-     * @param n the tries, counted from now on; 0 for no limit
+     * @param n the number of tries, counted from now on; 0 for no limit
      */
     public synchronized void tries(long slot, int n) {
-        require(n >= 0, "a number of tries is not negative");
-        tries(state(), checked(slot), n);
+        require(n >= 0, "the number of tries must not be negative");
+        tries(state(), requireSlot(slot), n);
     }
 
     /**
-     * Renumbers the slots at the next {@code C_Initialize}, as readers are when they were plugged in anew. The indexes and
-     * slot IDs of the list stay, and lead to other slots: {@code slots(1, 0)} exchanges the first two. What was set for
-     * a slot moves with it.
+     * Renumbers the slots at the next {@code C_Initialize}, like readers that were plugged in again in another order.
+     * The list keeps its indexes and slot IDs, but each may refer to another slot: {@code slots(1, 0)} swaps the first
+     * two. Settings of a slot move with it.
      *
-     * @param order indexes in the genuine module's own list, each once. Slots that are not named follow; without any,
-     *        the genuine order is back. An index that the module does not have is passed over.
+     * @param order indexes in the genuine module's list, without duplicates. The other slots follow in their own order,
+     *        so {@code slots()} restores the genuine order. Indexes that the genuine module does not have are ignored.
      */
     public synchronized void slots(long... order) {
-        require(Arrays.stream(order).distinct().count() == order.length, "a slot is named twice");
-        Arrays.stream(order).forEach(FaultyModule::checked);
+        require(Arrays.stream(order).distinct().count() == order.length, "the order contains a slot twice");
+        Arrays.stream(order).forEach(FaultyModule::requireSlot);
         slots(state(), order.clone());
     }
 
-    /** {@return the names of the functions called since the last {@code takeCalls}, or since the start, in order} */
+    /** {@return the names of the functions called since the last {@code takeCalls} or the creation, in order} */
     public synchronized List<String> takeCalls() {
         String names = takeCalls(state());
         return names.isEmpty() ? List.of() : List.of(names.split(" "));
     }
 
     /**
-     * Lets hanging calls go on and removes the file. An application that has bound the module may go on with it; nothing
-     * more can be ordered: all methods but this one and {@link #path} throw {@link IllegalStateException}.
+     * Lets hanging calls continue, and deletes the module's file. An application that has bound the module may continue
+     * to use it. After this, all methods except {@link #path} and this one throw {@link IllegalStateException}.
      */
     @Override
     public synchronized void close() {
@@ -280,14 +286,14 @@ public final class FaultyModule implements AutoCloseable {
         return index;
     }
 
-    private static long checked(long slot) {
-        require(slot >= 0, "a slot index is not negative");
+    private static long requireSlot(long slot) {
+        require(slot >= 0, "a slot index must not be negative");
         return slot;
     }
 
-    private static void require(boolean condition, String otherwise) {
+    private static void require(boolean condition, String message) {
         if (!condition) {
-            throw new IllegalArgumentException(otherwise);
+            throw new IllegalArgumentException(message);
         }
     }
 
@@ -295,7 +301,7 @@ public final class FaultyModule implements AutoCloseable {
 
     private static native void close(long state, String copy);
 
-    /** The number of a function; -1 for an unknown name. */
+    /** {@return the number of a function; -1 for an unknown name} */
     private static native int function(String name);
 
     private static native void fail(long state, int function, int nth, long code);
