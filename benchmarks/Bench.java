@@ -14,18 +14,18 @@ import java.util.Random;
 import java.util.TreeMap;
 
 /**
- * Measures the library beside plain C, plain JNI functions and the JDK's SunPKCS11, which take turns in each round.
- * Arguments: rounds, milliseconds of one measurement, the most certificates on a token, the folder for the report and
- * one for temporary files, the modules (the cheap one, SoftHSM2), then the JDKs, each as "HOME VERSION".
+ * Compares the speed of the library, plain C, plain JNI functions and the JDK's SunPKCS11, which take turns in each
+ * round. Arguments: rounds, milliseconds of one measurement, largest number of certificates on a token, folder
+ * for the report, folder for temporary files, cheap module, SoftHSM2, then the JDKs, each as "HOME VERSION".
  */
 final class Bench {
     private static final List<String> CONTESTANTS = List.of("C", "plain JNI", "library", "SunPKCS11");
 
-    /** A work on a token with a key and this number of certificates. */
-    private record Case(boolean cheap, int work, int certificates) {
+    /** An operation on a token with one key and a number of certificates. */
+    private record Case(boolean cheap, int operation, int certificates) {
         String title() {
             String on = cheap ? "" : ", SoftHSM2";
-            return switch (work) {
+            return switch (operation) {
                 case Plain.SIGN -> "signDLL, %,d objects%s".formatted(certificates + 1, on);
                 case Plain.SIGN_WITH_ID -> "signWithIDDLL, %,d objects%s".formatted(certificates + 1, on);
                 case Plain.LIST -> "readAllCertificatesDLL, %,d of them%s".formatted(certificates, on);
@@ -36,10 +36,10 @@ final class Bench {
         }
 
         boolean isRepeated() {
-            return work <= Plain.QUERY;
+            return operation <= Plain.QUERY;
         }
 
-        /** Who does the work: a list for each process. */
+        /** {@return the contestants, in one list for each process} */
         List<List<String>> contestants() {
             List<String> together = isRepeated() ? List.of("C", "plain JNI", "library") : List.of("library");
             return cheap ? List.of(together) : List.of(together, List.of("SunPKCS11"));
@@ -56,7 +56,7 @@ final class Bench {
     private final Path temporary;
     private final String[] modules;
     private final TreeMap<String, String> jdks = new TreeMap<>();
-    /** The least of all rounds: what disturbs a round only adds to it. */
+    /** The minimum of all rounds, because disturbances only add time. */
     private final Map<Figure, Double> figures = new HashMap<>();
 
     private Bench(String[] arguments) {
@@ -87,13 +87,13 @@ final class Bench {
 
     private List<Case> cases() {
         List<Case> cases = new ArrayList<>();
-        for (int work : List.of(Plain.SIGN, Plain.SIGN_WITH_ID, Plain.QUERY)) {
-            cases.add(new Case(true, work, 1));
+        for (int operation : List.of(Plain.SIGN, Plain.SIGN_WITH_ID, Plain.QUERY)) {
+            cases.add(new Case(true, operation, 1));
         }
         cases.add(new Case(true, Plain.LIST, 10));
-        for (int work : List.of(Plain.SIGN, Plain.LIST)) {
+        for (int operation : List.of(Plain.SIGN, Plain.LIST)) {
             for (int certificates = 1; certificates <= most; certificates *= 10) {
-                cases.add(new Case(false, work, certificates));
+                cases.add(new Case(false, operation, certificates));
             }
         }
         cases.add(new Case(false, Worker.FIRST_SIGNATURE, 1));
@@ -103,15 +103,15 @@ final class Bench {
 
     // ---- Measuring ----
 
-    /** A process that works: one for all rounds if the work is repeated, else a new one each time. */
+    /** A worker process: one for all rounds if the operation is repeated, otherwise a new one for each measurement. */
     private final class WorkerProcess {
         final Case on;
         final String jdk;
         final List<String> contestants;
         private final Map<String, Long> repetitions = new HashMap<>();
         private Process process;
-        private BufferedReader answers;
-        private PrintStream orders;
+        private BufferedReader results;
+        private PrintStream commands;
 
         WorkerProcess(Case on, String jdk, List<String> contestants) {
             this.on = on;
@@ -120,37 +120,37 @@ final class Bench {
         }
 
         private void start() throws IOException {
-            // A heap that is there from the start: neither its growth nor its collector is measured.
+            // The heap has its full size from the start, so that its growth and garbage collection are not measured.
             ProcessBuilder builder = new ProcessBuilder(jdks.get(jdk) + "/bin/java", "-XX:+UseSerialGC", "-Xms256m",
                     "-Xmx256m", "-XX:+AlwaysPreTouch", "--enable-native-access=ALL-UNNAMED",
                     "-Djava.library.path=" + System.getProperty("java.library.path"),
                     "-cp", System.getProperty("java.class.path"), "Worker", modules[on.cheap ? 0 : 1],
-                    contestants.contains("SunPKCS11") ? "SunPKCS11" : "library", Integer.toString(on.work));
+                    contestants.contains("SunPKCS11") ? "SunPKCS11" : "library", Integer.toString(on.operation));
             builder.environment().put("BENCH_CERTIFICATES", Integer.toString(on.certificates));
             builder.environment().put("SOFTHSM2_CONF", token(on.certificates) + ".conf");
             process = builder.redirectOutput(ProcessBuilder.Redirect.DISCARD).start();
-            answers = new BufferedReader(new InputStreamReader(process.getErrorStream()));
-            orders = new PrintStream(process.getOutputStream(), true);
+            results = new BufferedReader(new InputStreamReader(process.getErrorStream()));
+            commands = new PrintStream(process.getOutputStream(), true);
         }
 
         void stop() {
             process.destroyForcibly().onExit().join();
         }
 
-        private double answer() throws IOException {
-            String line = answers.readLine();
+        private double readResult() throws IOException {
+            String line = results.readLine();
             if (line == null || !line.matches("\\d+")) {
-                throw new IOException("a worker failed: " + line + "\n" + String.join("\n", answers.lines().toList()));
+                throw new IOException("a worker failed: " + line + "\n" + String.join("\n", results.lines().toList()));
             }
             return Double.parseDouble(line);
         }
 
         private double repeat(String contestant, long times) throws IOException {
-            orders.println(times + " " + contestant);
-            return answer();
+            commands.println(times + " " + contestant);
+            return readResult();
         }
 
-        /** Finds how many repetitions fill the time of a sample, which also warms up the just-in-time compiler. */
+        /** Finds how many repetitions fill one measurement. This also warms up the just-in-time compiler. */
         void prepare() throws IOException {
             start();
             for (String contestant : contestants) {
@@ -168,9 +168,9 @@ final class Bench {
                 return repeat(contestant, times) / times;
             }
             start();
-            double answer = answer();
+            double result = readResult();
             stop();
-            return answer;
+            return result;
         }
     }
 
@@ -196,7 +196,7 @@ final class Bench {
         }
         Random random = new Random(1);
         for (int round = 0; round < rounds; ++round) {
-            // In another order each time: it matters who has just used the processor's caches.
+            // In random order, because the previous contestant leaves its data in the processor's caches.
             Collections.shuffle(processes, random);
             for (WorkerProcess process : processes) {
                 Collections.shuffle(process.contestants, random);
@@ -213,7 +213,7 @@ final class Bench {
 
     // ---- Reporting ----
 
-    /** NaN for what was not measured. */
+    /** {@return a figure, or NaN if it was not measured} */
     private double figure(Case on, String jdk, String contestant) {
         return figures.getOrDefault(new Figure(on, jdk, contestant), Double.NaN);
     }
@@ -228,7 +228,7 @@ final class Bench {
                 List<String> cells = new ArrayList<>(List.of(each.title(), jdk));
                 for (String contestant : CONTESTANTS) {
                     double value = figure(each, jdk, contestant);
-                    cells.add(each.work == Worker.MEMORY ? format("%.1f MB", value / 1e6) : time(value));
+                    cells.add(each.operation == Worker.MEMORY ? format("%.1f MB", value / 1e6) : time(value));
                 }
                 for (String other : List.of("C", "plain JNI", "SunPKCS11")) {
                     cells.add(format("%.2f", figure(each, jdk, "library") / figure(each, jdk, other)));
@@ -256,14 +256,14 @@ final class Bench {
         return format((value < 10 ? "%.2f " : value < 100 ? "%.1f " : "%.0f ") + unit, value);
     }
 
-    /** For the picture: milliseconds on SoftHSM2 by the first JDK, listing and then signing. */
+    /** {@return data for the picture: milliseconds of listing and of signing, on SoftHSM2 and the first JDK} */
     private String growth() {
         StringBuilder out = new StringBuilder();
         for (int certificates = 1; certificates <= most; certificates *= 10) {
             out.append(certificates);
-            for (int work : List.of(Plain.LIST, Plain.SIGN)) {
+            for (int operation : List.of(Plain.LIST, Plain.SIGN)) {
                 for (String contestant : List.of("C", "library", "SunPKCS11")) {
-                    Case on = new Case(false, work, certificates);
+                    Case on = new Case(false, operation, certificates);
                     out.append(' ').append(figure(on, jdks.firstKey(), contestant) / 1e6);
                 }
             }

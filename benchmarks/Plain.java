@@ -1,4 +1,4 @@
-/** What the library is measured against: see plain.cpp. One call at a time, as with the library. */
+/** Plain C and plain JNI functions, for comparison with the library: see plain.cpp. */
 final class Plain {
     static final int SIGN = 0;
     static final int SIGN_WITH_ID = 1;
@@ -12,11 +12,11 @@ final class Plain {
     private Plain() {
     }
 
-    /** Opens a session of its own in the first slot of a module that is initialised already. */
+    /** Opens a session in the first slot of a module that the library has initialised. */
     static native void bind(String module);
 
-    /** Does the work in C alone. */
-    static native void repeatInC(int work, long times);
+    /** Repeats an operation in C, without JNI. */
+    static native void repeatInC(int operation, long times);
 
     static synchronized native byte[] sign(long slotIndex, byte[] data);
 

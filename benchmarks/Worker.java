@@ -14,11 +14,11 @@ import java.util.Collections;
 import java.util.Objects;
 
 /**
- * A JVM that works for {@link Bench} and reports on standard error, since standard output belongs to the library's
- * traces. The library and SunPKCS11 cannot use a module in one process, so each has its own.
+ * A JVM that runs operations for {@link Bench}. It reports on standard error, because the library writes traces to
+ * standard output. The library and SunPKCS11 cannot use a module in the same process, so each has its own.
  */
 final class Worker {
-    // Works beside those of Plain: each is done once, by a process of its own.
+    // Operations in addition to those of Plain. Each runs once, in its own process.
     static final int FIRST_SIGNATURE = 4;
     static final int MEMORY = 5;
     static final int FILL = 6;
@@ -35,79 +35,79 @@ final class Worker {
     private Worker() {
     }
 
-    /** Arguments: a module, {@code library} or {@code SunPKCS11}, and a work. */
+    /** Arguments: a module, {@code library} or {@code SunPKCS11}, and an operation. */
     public static void main(String[] arguments) throws Exception {
         String module = arguments[0];
         String contestant = arguments[1];
-        int work = Integer.parseInt(arguments[2]);
+        int operation = Integer.parseInt(arguments[2]);
         long start = System.nanoTime();
-        if (work == FILL) {
+        if (operation == FILL) {
             fill(module, Integer.parseInt(System.getenv("BENCH_CERTIFICATES")));
         } else if (contestant.equals("library")) {
             bindLibrary(module);
         } else {
             bindSunPkcs11(module);
         }
-        switch (work) {
+        switch (operation) {
             case FILL -> System.err.println("0");
             case MEMORY -> System.err.println(memory());
             case FIRST_SIGNATURE -> {
                 run(contestant, Plain.SIGN, 1);
                 System.err.println(System.nanoTime() - start);
             }
-            default -> serve(module, contestant, work);
+            default -> serve(module, contestant, operation);
         }
     }
 
-    /** Takes lines of a number and a contestant's name, and answers each with nanoseconds. */
-    private static void serve(String module, String contestant, int work) throws Exception {
+    /** Reads lines with a number of repetitions and a contestant. Prints the nanoseconds for each line. */
+    private static void serve(String module, String contestant, int operation) throws Exception {
         if (contestant.equals("library")) {
             Plain.bind(module);
-            require(Objects.deepEquals(run("library", work, 1), run("plain JNI", work, 1)), "plain JNI differs");
+            require(Objects.deepEquals(run("library", operation, 1), run("plain JNI", operation, 1)), "same results");
         }
         BufferedReader commands = new BufferedReader(new InputStreamReader(System.in, StandardCharsets.US_ASCII));
         for (String line = commands.readLine(); line != null; line = commands.readLine()) {
             String[] command = line.split(" ", 2);
             long times = Long.parseLong(command[0]);
             if (times > 1) {
-                run(command[1], work, 1); // others have had the processor's caches meanwhile
+                run(command[1], operation, 1); // fills the processor's caches again
             }
             long start = System.nanoTime();
-            run(command[1], work, times);
+            run(command[1], operation, times);
             System.err.println(System.nanoTime() - start);
         }
     }
 
-    private static void require(boolean holds, String what) {
-        if (!holds) {
+    private static void require(boolean condition, String what) {
+        if (!condition) {
             System.err.println("failed: " + what);
             Runtime.getRuntime().halt(1);
         }
     }
 
-    /** Repeats a work, and returns the last result. */
-    private static Object run(String contestant, int work, long times) throws Exception {
+    /** Repeats an operation. Returns the last result. */
+    private static Object run(String contestant, int operation, long times) throws Exception {
         Object last = null;
         switch (contestant) {
-            case "C" -> Plain.repeatInC(work, times);
-            case "SunPKCS11" -> last = runSunPkcs11(work, times);
-            default -> last = runNatives(work, contestant.equals("plain JNI"), times);
+            case "C" -> Plain.repeatInC(operation, times);
+            case "SunPKCS11" -> last = runSunPkcs11(operation, times);
+            default -> last = runNatives(operation, contestant.equals("plain JNI"), times);
         }
         require(!(last instanceof byte[] signature) || signature.length == 256, "a signature");
         return last;
     }
 
-    // ---- The library, and plain JNI in its place ----
+    // ---- The library and plain JNI ----
 
     private static void bindLibrary(String module) {
         require(Smartcard.initDLL(module) == 0 && Smartcard.openSessionDLL(SLOT) == 0
                 && Smartcard.loginDLL(SLOT, PIN, 1) == 0, "binding");
     }
 
-    private static Object runNatives(int work, boolean plain, long times) {
+    private static Object runNatives(int operation, boolean plain, long times) {
         Object last = null;
         for (; times > 0; --times) {
-            last = switch (work) {
+            last = switch (operation) {
                 case Plain.SIGN -> plain ? Plain.sign(SLOT, DATA) : Smartcard.signDLL(SLOT, DATA);
                 case Plain.SIGN_WITH_ID ->
                     plain ? Plain.signWithID(SLOT, DATA, ID) : Smartcard.signWithIDDLL(SLOT, DATA, ID);
@@ -118,10 +118,10 @@ final class Worker {
         return last;
     }
 
-    /** The bytes that a listing takes of Java's heap and, at most, of the process's memory outside of it. */
+    /** {@return the bytes that a listing allocates on the Java heap, plus the increase of the process's peak memory} */
     private static long memory() throws Exception {
         var threads = (com.sun.management.ThreadMXBean) ManagementFactory.getThreadMXBean();
-        Files.writeString(Path.of("/proc/self/clear_refs"), "5"); // sets the peak to what is resident now
+        Files.writeString(Path.of("/proc/self/clear_refs"), "5"); // resets the peak to the current memory
         long resident = kilobytes("VmRSS:");
         long allocated = threads.getCurrentThreadAllocatedBytes();
         Smartcard.readAllCertificatesDLL(SLOT);
@@ -135,7 +135,7 @@ final class Worker {
         return Long.parseLong(line.replaceAll("\\D", ""));
     }
 
-    // ---- The JDK's own provider ----
+    // ---- SunPKCS11 ----
 
     private static void bindSunPkcs11(String module) throws Exception {
         provider = Security.getProvider("SunPKCS11")
@@ -149,11 +149,11 @@ final class Worker {
         }
     }
 
-    /** Signs with the key found before, or makes the KeyStore read the token again. */
-    private static Object runSunPkcs11(int work, long times) throws Exception {
+    /** Signs with the key that bindSunPkcs11 found, or makes the KeyStore read the token again. */
+    private static Object runSunPkcs11(int operation, long times) throws Exception {
         Object last = null;
         for (; times > 0; --times) {
-            if (work == Plain.LIST) {
+            if (operation == Plain.LIST) {
                 keyStore.load(null, PIN.toCharArray());
             } else {
                 Signature signature = Signature.getInstance("SHA256withRSA", provider);
@@ -165,9 +165,9 @@ final class Worker {
         return last;
     }
 
-    // ---- A token of SoftHSM2 ----
+    // ---- Creating a SoftHSM2 token ----
 
-    /** Makes a token with a private key and as many certificates, which differ in ID, label and serial number. */
+    /** Creates a token with a private key and certificates, which differ in ID, label and serial number. */
     private static void fill(String module, int certificates) throws Exception {
         require(Smartcard.initDLL(module) == 0 && Smartcard.initTokenDLL(SLOT, PIN, 4) == 0
                 && Smartcard.finalizeDLL() == 0 && Smartcard.initDLL(module) == 0
@@ -179,7 +179,7 @@ final class Worker {
         byte[] certificate = Files.readAllBytes(Path.of(System.getenv("BENCH_CERTIFICATE")));
         for (int number = 1; number <= certificates; ++number) {
             for (int i = 0; i < 4; ++i) {
-                certificate[16 + i] = (byte) (number >> 8 * i); // of its serial number
+                certificate[16 + i] = (byte) (number >> 8 * i); // the serial number
             }
             byte[] id = String.format("%05d", number).getBytes(StandardCharsets.US_ASCII);
             byte[] label = String.format("certificate %05d", number).getBytes(StandardCharsets.US_ASCII);

@@ -1,6 +1,6 @@
-// A PKCS#11 module that costs next to nothing, so that the time of a call is its caller's own cost. Its token
-// holds a private key and as many certificates as the environment says. It stores nothing, and a search
-// compares nothing: its callers look for the key by CKA_CLASS, and for certificates by their type.
+// A PKCS#11 module that takes almost no time, so that the benchmark measures the caller. Its token has a
+// private key and BENCH_CERTIFICATES certificates. A search compares no values: a template that starts with
+// CKA_CLASS finds the key, any other template finds the certificates.
 
 #include <p11-kit/pkcs11.h>
 
@@ -11,12 +11,12 @@
 
 namespace {
 
-constexpr CK_OBJECT_HANDLE kPrivateKey = 1;  // the certificates follow
+constexpr CK_OBJECT_HANDLE kPrivateKey = 1;  // the certificates have the next handles
 constexpr CK_ULONG kSignatureLength = 256;
 
 CK_OBJECT_HANDLE lastObject = 0;
 
-// One search at a time is enough: the contestants take turns.
+// One search at a time is enough, because the contestants take turns.
 CK_OBJECT_HANDLE nextFound = 0;
 CK_OBJECT_HANDLE lastFound = 0;
 
@@ -42,7 +42,7 @@ CK_RV getAttributeValue(CK_SESSION_HANDLE, CK_OBJECT_HANDLE object, CK_ATTRIBUTE
     wanted.ulValueLen = wanted.type == CKA_VALUE ? 800 : wanted.type == CKA_LABEL ? 17 : sizeof object;
     if (wanted.pValue == nullptr) continue;
     std::memset(wanted.pValue, 0, wanted.ulValueLen);
-    std::memcpy(wanted.pValue, &object, sizeof object);  // no two objects are alike
+    std::memcpy(wanted.pValue, &object, sizeof object);  // makes each object different
   }
   return CKR_OK;
 }

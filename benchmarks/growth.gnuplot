@@ -1,4 +1,4 @@
-# Draws the times of listing and signing over the number of certificates on the token. Needs `data` and an output.
+# Plots the times of listing and signing over the number of certificates on the token. Needs `data` and an output.
 set terminal svg size 900,400 dynamic font "sans-serif,13" background "white"
 set multiplot layout 1,2
 set logscale xy

@@ -1,6 +1,6 @@
-// What the library is measured against, on the module that it has bound: the same calls of the module in C
-// alone (`Silent`), and in JNI functions that make the library's calls of the module and of JNI, its prints
-// and its flushes, and do nothing else (`Printing`).
+// The alternatives that the benchmark compares with the library, on the module that the library has bound:
+// plain C (`Silent`) makes the same calls of the module. Plain JNI (`Printing`) also makes the library's JNI
+// calls, prints and flushes, and nothing else.
 
 #include "Plain.h"
 
@@ -20,8 +20,8 @@ CK_FUNCTION_LIST* pkcs11 = nullptr;
 CK_SLOT_ID slot = 0;
 CK_SESSION_HANDLE session = 0;
 
-void require(bool holds, const char* what) {
-  if (holds) return;
+void require(bool condition, const char* what) {
+  if (condition) return;
   std::fprintf(stderr, "failed: %s\n", what);
   std::exit(EXIT_FAILURE);
 }
@@ -75,7 +75,7 @@ const CK_ATTRIBUTE isPrivateKey = {CKA_CLASS, &privateKey, sizeof privateKey};
 const CK_ATTRIBUTE isCertificate = {CKA_CERTIFICATE_TYPE, &x509, sizeof x509};
 
 using Input = std::span<jbyte>;
-/// Room for any value, reused: no allocation is part of the measure.
+/// A buffer for any value. It is reused, so that no allocation is measured.
 std::array<CK_BYTE, 65536> room;
 
 template <class Output>
@@ -88,7 +88,7 @@ unsigned signIntoRoom(Input data, CK_ULONG* length) {
   return result;
 }
 
-/// Signs with the first private key; the signature is in `room`.
+/// Signs with the first private key. Returns the length of the signature, which is in `room`.
 template <class Output>
 CK_ULONG sign(Input data) {
   CK_OBJECT_HANDLE key = 0;
@@ -142,7 +142,7 @@ int countCertificates() {
   return total;
 }
 
-/// Reads the certificates, and gives each to `store` with its number: its value, its ID and its label.
+/// Reads the certificates. Calls `store` with each number and the values CKA_VALUE, CKA_ID and CKA_LABEL.
 template <class Output, class Store>
 void readCertificates(int total, Store store) {
   CK_OBJECT_HANDLE certificate = 0;
@@ -175,7 +175,7 @@ void readCertificates(int total, Store store) {
 }
 
 template <class Output>
-jlong askSlot() {
+jlong readSlotFlags() {
   CK_SLOT_INFO information;
   require(call<Output>(&CK_FUNCTION_LIST::C_GetSlotInfo, slot, &information) == CKR_OK, "C_GetSlotInfo");
   return static_cast<jint>(information.flags);
@@ -207,11 +207,11 @@ JNIEXPORT void JNICALL Java_Plain_bind(JNIEnv* env, jclass, jstring jModule) {
   require(pkcs11->C_OpenSession(slot, flags, nullptr, nullptr, &session) == CKR_OK, "C_OpenSession");
 }
 
-JNIEXPORT void JNICALL Java_Plain_repeatInC(JNIEnv*, jclass, jint work, jlong times) {
-  std::array<jbyte, 51> data = {};  // as long as what the JNI functions get
+JNIEXPORT void JNICALL Java_Plain_repeatInC(JNIEnv*, jclass, jint operation, jlong times) {
+  std::array<jbyte, 51> data = {};  // as long as the data for the JNI functions
   std::array<jbyte, 5> id = {};
   for (; times > 0; --times) {
-    switch (work) {
+    switch (operation) {
       case Plain_SIGN:
         sign<Silent>(data);
         break;
@@ -222,7 +222,7 @@ JNIEXPORT void JNICALL Java_Plain_repeatInC(JNIEnv*, jclass, jint work, jlong ti
         readCertificates<Silent>(countCertificates<Silent>(), [](int, const auto&) {});
         break;
       default:
-        askSlot<Silent>();
+        readSlotFlags<Silent>();
     }
   }
 }
@@ -263,7 +263,7 @@ JNIEXPORT jobjectArray JNICALL Java_Plain_readAllCertificates(JNIEnv* env, jclas
   const jbyte success = 0;
   env->SetByteArrayRegion(status, 0, 1, &success);
   env->SetObjectArrayElement(list, 0, status);
-  const bool large = 3 * total + 1 > 16;  // as many local references JNI promises
+  const bool large = 3 * total + 1 > 16;  // JNI guarantees 16 local references
   readCertificates<Printing>(total, [&](int k, const std::array<CK_ATTRIBUTE, 3>& values) {
     std::array<jbyteArray, 3> arrays;
     for (std::size_t i = 0; i < 3; ++i) arrays[i] = byteArray(env, values[i].pValue, values[i].ulValueLen);
@@ -277,4 +277,4 @@ JNIEXPORT jobjectArray JNICALL Java_Plain_readAllCertificates(JNIEnv* env, jclas
   return list;
 }
 
-JNIEXPORT jlong JNICALL Java_Plain_getSlotInfo(JNIEnv*, jclass, jlong) { return askSlot<Printing>(); }
+JNIEXPORT jlong JNICALL Java_Plain_getSlotInfo(JNIEnv*, jclass, jlong) { return readSlotFlags<Printing>(); }

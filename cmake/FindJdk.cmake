@@ -1,5 +1,5 @@
-# Finds a JDK of version 17 or later: its compiler for the Java classes, its headers for the library. CMake's own
-# modules miss some JDKs while JAVA_HOME is unset. JDKS lists all that there are, as "HOME VERSION".
+# Finds a JDK of version 17 or later. CMake's own modules miss some JDKs if JAVA_HOME is not set. JDKS lists all JDKs
+# found, each as "HOME VERSION".
 if(NOT JAVA_HOME)
   set(JAVA_HOME "$ENV{JAVA_HOME}")
 endif()

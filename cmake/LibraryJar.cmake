@@ -1,7 +1,7 @@
-# add_library_jar(TARGET NAME CLASSES LIBRARY FOLDER): the jar NAME-VERSION.jar in the build folder, of the jar target
-# CLASSES and, in a folder for this architecture below FOLDER, the stripped shared object of the target LIBRARY. A jar of
-# that name in the build folder of another architecture, which SMARTCARD_OTHER_BUILD names, is put in as well.
-set(SMARTCARD_OTHER_BUILD "" CACHE PATH "The build folder of another architecture, whose libraries the jars get as well")
+# add_library_jar(TARGET NAME CLASSES LIBRARY FOLDER) creates NAME-VERSION.jar in the build folder. It contains the jar
+# target CLASSES and, in FOLDER/linux-ARCHITECTURE, the stripped shared object of the target LIBRARY. It also contains
+# the files of the jar with the same name in SMARTCARD_OTHER_BUILD, if that is set.
+set(SMARTCARD_OTHER_BUILD "" CACHE PATH "Build folder of another architecture, whose libraries the jars contain too")
 
 function(add_library_jar target name classes library folder)
   set(jar "${PROJECT_BINARY_DIR}/${name}-${PROJECT_VERSION}.jar")
@@ -11,12 +11,12 @@ function(add_library_jar target name classes library folder)
   endif()
   get_target_property(classes_jar ${classes} JAR_FILE)
   set(contents "${CMAKE_CURRENT_BINARY_DIR}/contents")
-  set(place "${contents}/${folder}/linux-${CMAKE_SYSTEM_PROCESSOR}")
+  set(library_folder "${contents}/${folder}/linux-${CMAKE_SYSTEM_PROCESSOR}")
   add_custom_command(OUTPUT "${jar}" VERBATIM
     DEPENDS ${library} ${classes} "${classes_jar}" ${other}
     COMMAND ${CMAKE_COMMAND} -E rm -rf "${contents}"
-    COMMAND ${CMAKE_COMMAND} -E make_directory "${place}"
-    COMMAND "${CMAKE_STRIP}" -o "${place}/$<TARGET_FILE_NAME:${library}>" "$<TARGET_FILE:${library}>"
+    COMMAND ${CMAKE_COMMAND} -E make_directory "${library_folder}"
+    COMMAND "${CMAKE_STRIP}" -o "${library_folder}/$<TARGET_FILE_NAME:${library}>" "$<TARGET_FILE:${library}>"
     COMMAND sh "${PROJECT_SOURCE_DIR}/cmake/jar.sh" "${Java_JAR_EXECUTABLE}" "${jar}" "${contents}" ${other}
       "${classes_jar}")
   add_custom_target(${target} ALL DEPENDS "${jar}")

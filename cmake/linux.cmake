@@ -1,6 +1,5 @@
-# Toolchain file: builds for SMARTCARD_ARCH (x86_64 or aarch64), with Debian's compiler for it; with SMARTCARD_ROOT
-# against the headers and libraries of that root, which may be older than the compiler's own. Programs of another
-# architecture run in qemu.
+# Toolchain file: builds for SMARTCARD_ARCH (x86_64 or aarch64) with Debian's compiler. If SMARTCARD_ROOT is set, it
+# uses the headers and libraries in that root, which may be older. Programs of another architecture run in qemu.
 set(CMAKE_TRY_COMPILE_PLATFORM_VARIABLES SMARTCARD_ARCH SMARTCARD_ROOT)
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR ${SMARTCARD_ARCH})
@@ -12,7 +11,7 @@ set(emulator_root /usr/${triplet})
 if(SMARTCARD_ROOT)
   set(emulator_root "${SMARTCARD_ROOT}")
   set(CMAKE_SYSROOT "${SMARTCARD_ROOT}")
-  # A sysroot alone comes after the compiler's own folders. GCC's headers for itself are the only ones to keep.
+  # --sysroot alone would search the compiler's own folders first. Of those, only GCC's intrinsics are needed.
   file(GLOB gcc "${SMARTCARD_ROOT}/usr/lib/gcc/${triplet}/*")
   cmake_path(GET gcc FILENAME version)
   execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=include
@@ -30,13 +29,13 @@ if(SMARTCARD_ROOT)
     set(CMAKE_${kind}_LINKER_FLAGS_INIT
       "-B${gcc} -B${SMARTCARD_ROOT}/usr/lib/${triplet} -B${SMARTCARD_ROOT}/lib/${triplet}")
   endforeach()
-  set(CMAKE_CXX_STANDARD_LIBRARIES -lpthread) # a library of its own before glibc 2.34
+  set(CMAKE_CXX_STANDARD_LIBRARIES -lpthread) # a separate library before glibc 2.34
 endif()
 if(NOT SMARTCARD_ARCH STREQUAL CMAKE_HOST_SYSTEM_PROCESSOR)
   set(CMAKE_CROSSCOMPILING_EMULATOR qemu-${SMARTCARD_ARCH};-L;${emulator_root})
 endif()
 
-# The JDK, the header of PKCS#11 and the test tools are this machine's.
+# The JDK, the PKCS#11 header and the test tools are those of this machine.
 foreach(kind PROGRAM LIBRARY INCLUDE PACKAGE)
   set(CMAKE_FIND_ROOT_PATH_MODE_${kind} NEVER)
 endforeach()

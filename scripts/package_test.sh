@@ -112,8 +112,8 @@ step "Load both libraries in Debian 11 (aarch64 in qemu)"
 mkdir -p "$roots/amd64$root"
 # shellcheck disable=SC2016
 test_signing "x86_64" /usr/lib/softhsm/libsofthsm2.so unshare --map-root-user --mount sh -c '
-  mount --rbind /proc "$0/proc" && mount --rbind "$1" "$0$1" && shift && exec /usr/sbin/chroot "$0" "$@"' "$roots/amd64" "$root" \
-  /usr/lib/jvm/java-17-openjdk-amd64/bin/java -cp "$classes" SignDocument
+  mount --rbind /proc "$0/proc" && mount --rbind "$1" "$0$1" && shift && exec /usr/sbin/chroot "$0" "$@"' \
+  "$roots/amd64" "$root" /usr/lib/jvm/java-17-openjdk-amd64/bin/java -cp "$classes" SignDocument
 java=(qemu-aarch64 -L "$roots/arm64" "$roots/arm64/usr/lib/jvm/java-17-openjdk-arm64/bin/java")
 test_signing "aarch64" "$roots/arm64/usr/lib/softhsm/libsofthsm2.so" "${java[@]}" -cp "$classes" SignDocument
 
