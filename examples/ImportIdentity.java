@@ -28,7 +28,8 @@ public final class ImportIdentity {
             // The key pair keeps its ID, because the method does not change the ID of the certificate.
             Recipes.check("updateKeyPairIDAndLabelDLL", Smartcard.updateKeyPairIDAndLabelDLL(slot, id, id, NEW_LABEL));
             list(slot, LABEL);
-            Recipes.check("setCertificateLabelDLL", Smartcard.setCertificateLabelDLL(null, slot)); // as public key
+            // The certificate gets the label of the public key.
+            Recipes.check("setCertificateLabelDLL", Smartcard.setCertificateLabelDLL(null, slot));
             list(slot, NEW_LABEL);
             if (!keep) {
                 delete(slot, id);

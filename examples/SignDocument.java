@@ -11,8 +11,8 @@ import java.security.spec.RSAPublicKeySpec;
 import java.util.Arrays;
 
 /**
- * Signs a file with a key on a token, and verifies the signature in Java. On a new token it generates the key. On an
- * existing token it uses the first suitable key, and changes nothing.
+ * Signs a file with a key that stays on its token, and verifies the signature without the token. On a new token it
+ * generates the key. On an existing token it uses the first suitable key, and changes nothing.
  */
 public final class SignDocument {
     private static final byte[] EXPONENT = {1, 0, 1};

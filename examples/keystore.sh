@@ -15,7 +15,7 @@ fi
 token=(-keystore NONE -storetype Smartcard -storepass:env SMARTCARD_PIN "${provider[@]}")
 ca=(-alias ca -keystore ca.p12 -storepass changeit)
 
-# Prints and runs a step. Hides its standard output unless it fails, because that has the library's traces too.
+# Prints the title of a step and runs it. Its output, which includes the library's traces, is shown only on failure.
 step() { # title, command...
   printf '\n==> %s: %s\n' "$1" "$2 $3"
   shift

@@ -9,8 +9,8 @@ usage_error() {
   exit 2
 }
 
-# Each command lists the Debian packages that it needs. `need` looks for one file of each package, from whatever source.
-# If it is missing, `need` installs the package on Debian, and names it on other systems.
+# Each command lists the Debian packages that it needs. `need` looks for one file of each package. If it is missing,
+# `need` installs the package on Debian, and prints its name on other systems.
 
 # Prints a command, header or file that shows whether a Debian package is needed.
 probe() {

@@ -10,8 +10,8 @@ mkdir -p "$tests/libraries" "$tests/tokens"
 export SOFTHSM2_CONF=$tests/softhsm2.conf
 printf 'directories.tokendir = %s\nlog.level = ERROR\n' "$tests/tokens" >"$SOFTHSM2_CONF"
 
-# Runs a command, and prints the last lines of its output; many more if it fails.
-run_quietly() { # number of lines, command...
+# Runs a command, and prints the last lines of its output, or 200 lines if it fails.
+run_and_tail() { # number of lines, command...
   local lines=$1
   shift
   if ! "$@" >"$tests/log" 2>&1; then
@@ -36,7 +36,7 @@ expect_output() { # name of the test, text
 test_signing() { # name of the test, the token's module, command...
   local what=$1 softhsm=$2
   shift 2
-  run_quietly 0 "$@" --fresh "$softhsm" "$root/README.md"
+  run_and_tail 0 "$@" --fresh "$softhsm" "$root/README.md"
   expect_output "$what" "The file verifies."
 }
 
@@ -99,7 +99,7 @@ chroot "\$1" java -jar /usr/share/java/smartcard.jar show
 chroot "\$1" java -cp /usr/share/java/smartcard.jar:/tmp/examples.jar \\
   SignDocument --fresh /usr/lib/softhsm/libsofthsm2.so /etc/os-release
 TEXT
-run_quietly 0 as_root mmdebstrap --variant=apt --customize-hook="sh '$tests/in_debian12' \"\$1\"" bookworm /dev/null \
+run_and_tail 0 as_root mmdebstrap --variant=apt --customize-hook="sh '$tests/in_debian12' \"\$1\"" bookworm /dev/null \
   http://deb.debian.org/debian
 expect_output "Debian 12, without options" "The file verifies."
 
@@ -121,8 +121,8 @@ step "Run the native tests and MockTest on aarch64, in qemu"
 build=$root/build/package/one/aarch64
 quietly cmake --build "$build" --target all java_tests
 cp "$tests/libraries/${module//.//}/linux-aarch64/libsmartcard.so" "$build/smartcard"
-run_quietly 4 ctest --test-dir "$build" --parallel "$(nproc)" --output-on-failure
-run_quietly 14 "${java[@]}" -XX:+UseSerialGC -XX:+AlwaysPreTouch -Xms64m -Xmx64m \
+run_and_tail 4 ctest --test-dir "$build" --parallel "$(nproc)" --output-on-failure
+run_and_tail 14 "${java[@]}" -XX:+UseSerialGC -XX:+AlwaysPreTouch -Xms64m -Xmx64m \
   -cp "$jar:$build/tests/java/java_tests.jar:/usr/share/java/junit-platform-console-standalone.jar" \
   "-Dmock=$build/tests/libmock_pkcs11.so" "-Dother=$build/tests/libother_pkcs11.so" \
   org.junit.platform.console.ConsoleLauncher --disable-banner --disable-ansi-colors --select-class MockTest
