@@ -76,7 +76,7 @@ final class Check {
 
     private static long firstToken() throws Token.Failure {
         return LongStream.range(0, Smartcard.getSlotCountDLL()).filter(Token::isInitialised).findFirst()
-                .orElseThrow(() -> new Token.Failure("no slot has a token that is ready for use: insert the card"));
+                .orElseThrow(() -> new Token.Failure("no slot has an initialised token: insert the card"));
     }
 
     private void close() throws Token.Failure {

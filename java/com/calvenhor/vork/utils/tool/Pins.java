@@ -4,10 +4,7 @@ import java.io.Console;
 import java.util.HashSet;
 import java.util.Set;
 
-/**
- * Gets PINs from the environment or the console. A wrong PIN costs one of the token's tries, so SMARTCARD_PIN is sent
- * only once, and a refused PIN is never sent again.
- */
+/** Gets PINs. SMARTCARD_PIN is sent only once and a refused PIN never again, because a wrong PIN costs a try. */
 final class Pins {
     private static final Set<String> REFUSED = new HashSet<>();
     private static String last;
