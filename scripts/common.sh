@@ -23,6 +23,7 @@ probe() {
     gnuplot-nox) echo gnuplot ;;
     googletest) echo /usr/src/googletest/googletest/src/gtest-all.cc ;;
     junit5) echo /usr/share/java/junit-platform-console-standalone.jar ;;
+    libbcpkix-java) echo /usr/share/java/bcpkix.jar ;;
     libclang-rt-14-dev) echo '/usr/lib*/clang/*/lib/*/libclang_rt.fuzzer*.a' ;;
     libgtest-dev) echo '<gtest/gtest.h>' ;;
     libp11-kit-dev) echo '<p11-kit/pkcs11.h>' ;;

@@ -40,6 +40,9 @@ test_signing() { # name of the test, the token's module, command...
   expect_output "$what" "The file verifies."
 }
 
+step "Check the links of README.md"
+sed -n 's/.*](\(dist\/[^)]*\)).*/\1/p' README.md | xargs ls
+
 step "Check the libraries"
 glibc=2.25
 if [ "$own_libc" ]; then glibc=; fi
