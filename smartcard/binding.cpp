@@ -15,8 +15,8 @@ constexpr jlong kNotLoadable = -1;
 constexpr jlong kNoFunctionList = -2;
 constexpr jlong kNoSlots = -3;
 
-/// A module as the dynamic loader holds it: unloaded when its scope is left, unless it is kept. Code of the
-/// module may run while it is loaded or unloaded, hence the flushes.
+/// A module loaded with dlopen. The destructor unloads it unless keep() was called. Traces are flushed first,
+/// because dlopen and dlclose may run code of the module.
 class LoadedModule {
  public:
   LoadedModule() = default;
@@ -44,7 +44,7 @@ class LoadedModule {
   void* handle_ = nullptr;
 };
 
-/// Takes the module's function list and initialises the module through it.
+/// Gets the module's function list and initialises the module with it.
 CK_RV initialise(CK_C_GetFunctionList getFunctionList, CK_FUNCTION_LIST_PTR& list) {
   list = nullptr;
   rv = getFunctionList(&list);
@@ -56,15 +56,15 @@ CK_RV initialise(CK_C_GetFunctionList getFunctionList, CK_FUNCTION_LIST_PTR& lis
   return rv;
 }
 
-/// initDLL while bound: whatever the answer, everything stays as it is.
+/// initDLL while bound. The binding stays as it is, whatever the module returns.
 CK_RV initialiseAgain(const LoadedModule& module, CK_C_GetFunctionList getFunctionList) {
   if (module.handle() != hModule) return CKR_CRYPTOKI_ALREADY_INITIALIZED;
 
   CK_FUNCTION_LIST_PTR list = nullptr;
-  const CK_RV answer = initialise(getFunctionList, list);
-  // Some modules give out another list every time, each initialised on its own; p stays the earlier one.
-  if (answer == CKR_OK && list != p) call(list, &CK_FUNCTION_LIST::C_Finalize, nullptr);
-  return answer;
+  const CK_RV result = initialise(getFunctionList, list);
+  // Some modules return a new list every time and initialise each separately. The library keeps the first.
+  if (result == CKR_OK && list != p) call(list, &CK_FUNCTION_LIST::C_Finalize, nullptr);
+  return result;
 }
 
 void freeSlotList() {
@@ -72,8 +72,8 @@ void freeSlotList() {
   pSlotList = nullptr;
 }
 
-/// Undoes a binding after C_Initialize: because of a failure or, where nothing has failed, because there are
-/// no slots. Then the traces show each step. The result of C_Finalize stays in `rv`.
+/// Undoes a binding after C_Initialize, because of `failure` or, if that is CKR_OK, because there are no
+/// slots. Each step is traced only if there are no slots. The code of C_Finalize stays in `rv`.
 jlong abandonBinding(LoadedModule& module, CK_RV failure, const char* cause = nullptr) {
   const bool noSlots = failure == CKR_OK;
   const auto traceStep = [noSlots](const char* step) {

@@ -8,13 +8,13 @@
 
 namespace {
 
-constexpr std::size_t kMostDeleted = 20;
+constexpr std::size_t kMaxDeleted = 20;
 
 CK_RV destroy(Session session, CK_OBJECT_HANDLE object) {
   return call(&CK_FUNCTION_LIST::C_DestroyObject, session, object);
 }
 
-/// Destroys the first object that matches, after its search has ended. Nothing to destroy is no failure.
+/// Destroys the first object that matches, once the search has ended. No match is not a failure.
 template <std::size_t N>
 jlong destroyFirst(Session session, const std::array<CK_ATTRIBUTE, N>& wanted) {
   Search search(session, wanted);
@@ -26,7 +26,7 @@ jlong destroyFirst(Session session, const std::array<CK_ATTRIBUTE, N>& wanted) {
   return asJava(rv);
 }
 
-/// Both deletes by ID.
+/// deletePublicKeyDLL and deletePrivateKeyDLL.
 template <CK_OBJECT_CLASS Class>
 jlong deleteKey(JNIEnv* env, jlong slotIndex, jbyteArray jId) try {
   const TracedCall traced;
@@ -46,7 +46,7 @@ JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_deleteDLL(JNIEnv
   if (!hasSession(slotIndex)) return kBadSlotIndex;
   const Session session = sessionAt(slotIndex);
 
-  Search<kMostDeleted> search(session);
+  Search<kMaxDeleted> search(session);
   search.next();
   for (const CK_OBJECT_HANDLE object : search.objects()) destroy(session, object);
   return asJava(search.end());
@@ -93,7 +93,7 @@ JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_deleteAllCertifi
     Search search(session, std::array{objectClass<CKO_CERTIFICATE>(), x509(), flag(CKA_TOKEN, yes)});
     search.next();
     if (!search.found()) return asJava(search.end());
-    // The next pass would find a certificate that cannot be destroyed again, and so on for ever.
+    // Without this return, the next search would find the same certificate again, endlessly.
     if (destroy(session, search.object()) != CKR_OK) return asJava(rv);
     search.end();
   }

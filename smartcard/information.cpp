@@ -10,9 +10,9 @@ namespace {
 
 constexpr jlong kQueryFailed = -1;
 
-/// A character field of a slot or a token, blanks and all; the low 8 bits of `rv` if its query failed.
+/// A text field of a slot or token, including its padding, or the low 8 bits of `rv` if the query failed.
 jbyteArray field(JNIEnv* env, std::span<const CK_UTF8CHAR> characters) {
-  return rv == CKR_OK ? byteArray(env, characters) : StatusArray(env).holding(rv);
+  return rv == CKR_OK ? byteArray(env, characters) : StatusArray(env).set(rv);
 }
 
 }  // namespace
@@ -22,14 +22,14 @@ JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_getSlotInfoDLL(J
   if (!inRange(slotIndex)) return kBadSlotIndex;
 
   CK_SLOT_INFO slot;
-  slot.flags = 0;  // all that is read
+  slot.flags = 0;  // the only field that is read
   if (call(&CK_FUNCTION_LIST::C_GetSlotInfo, slotAt(slotIndex), &slot) != CKR_OK) return kQueryFailed;
   return low32(slot.flags);
 }
 
 JNIEXPORT jbyteArray JNICALL
 Java_com_calvenhor_vork_utils_Smartcard_readSlotDescriptionDLL(JNIEnv* env, jclass, jlong slotIndex) try {
-  if (!inRange(slotIndex)) return StatusArray(env).holding(rv);
+  if (!inRange(slotIndex)) return StatusArray(env).set(rv);
 
   CK_SLOT_INFO slot = {};
   call(&CK_FUNCTION_LIST::C_GetSlotInfo, slotAt(slotIndex), &slot);
@@ -42,9 +42,9 @@ JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_getTokenInfoDLL(
                                                                                 jlong slotIndex) {
   if (!inRange(slotIndex)) return kBadSlotIndex;
 
-  // A query that fails reads as a token with no flags set, unlike that of the slot.
+  // A failed query returns 0, not -1 as in getSlotInfoDLL.
   CK_TOKEN_INFO token;
-  token.flags = 0;  // all that is read
+  token.flags = 0;  // the only field that is read
   return call(&CK_FUNCTION_LIST::C_GetTokenInfo, slotAt(slotIndex), &token) == CKR_OK ? asJava(token.flags)
                                                                                       : 0;
 }
@@ -99,7 +99,7 @@ JNIEXPORT jintArray JNICALL Java_com_calvenhor_vork_utils_Smartcard_getSupported
 
   const auto numbers = zeroed<jint>(count);
   for (CK_ULONG k = 0; k < count; ++k) {
-    // What is 0 is there already. Pages that a lying count never filled must not become real memory here.
+    // Zeros are not written: that would commit memory for entries that a module only claims to have.
     if (types[k] != 0) numbers[k] = low32(types[k]);
   }
   return intArray(env, std::span(numbers.get(), count));

@@ -7,14 +7,14 @@ namespace {
 
 constexpr jsize kGuaranteedLocalReferences = 16;
 
-/// What the virtual machine made, or JavaOutOfMemory.
+/// Returns the result of a JNI function. Throws JavaOutOfMemory if it is null.
 template <class T>
-T made(T result) {
+T requireNonNull(T result) {
   if (result == nullptr) throw JavaOutOfMemory();
   return result;
 }
 
-/// Whether the exception being handled says that the virtual machine had no memory.
+/// Whether the exception being handled is JavaOutOfMemory. May be called only in a catch block.
 bool isJavaOutOfMemory() {
   try {
     throw;
@@ -28,7 +28,7 @@ bool isJavaOutOfMemory() {
 }  // namespace
 
 StringInput::StringInput(JNIEnv* env, jstring string)
-    : env_(env), string_(string), characters_(made(env->GetStringUTFChars(string, nullptr))) {}
+    : env_(env), string_(string), characters_(requireNonNull(env->GetStringUTFChars(string, nullptr))) {}
 
 CK_ULONG StringInput::length() const { return std::strlen(characters_); }
 
@@ -37,7 +37,7 @@ CK_UTF8CHAR_PTR StringInput::pin() const {
 }
 
 void ByteInput::take() {
-  elements_ = made(env_->GetByteArrayElements(array_, nullptr));
+  elements_ = requireNonNull(env_->GetByteArrayElements(array_, nullptr));
   copy_ = zeroed<CK_BYTE>(size());
   std::copy_n(elements_, length_, copy_.get());
 }
@@ -54,21 +54,21 @@ void ByteInput::discard() {
 
 jbyteArray byteArray(JNIEnv* env, std::span<const CK_BYTE> bytes) {
   const auto length = static_cast<jsize>(bytes.size());
-  const jbyteArray array = made(env->NewByteArray(length));
+  const jbyteArray array = requireNonNull(env->NewByteArray(length));
   env->SetByteArrayRegion(array, 0, length, reinterpret_cast<const jbyte*>(bytes.data()));
   return array;
 }
 
 jintArray intArray(JNIEnv* env, std::span<const jint> numbers) {
   const auto length = static_cast<jsize>(numbers.size());
-  const jintArray array = made(env->NewIntArray(length));
+  const jintArray array = requireNonNull(env->NewIntArray(length));
   env->SetIntArrayRegion(array, 0, length, numbers.data());
   return array;
 }
 
-StatusArray::StatusArray(JNIEnv* env) : env_(env), array_(made(env->NewByteArray(1))) {}
+StatusArray::StatusArray(JNIEnv* env) : env_(env), array_(requireNonNull(env->NewByteArray(1))) {}
 
-jbyteArray StatusArray::holding(CK_RV code) const {
+jbyteArray StatusArray::set(CK_RV code) const {
   const auto low8 = static_cast<jbyte>(code);
   env_->SetByteArrayRegion(array_, 0, 1, &low8);
   return array_;
@@ -76,12 +76,12 @@ jbyteArray StatusArray::holding(CK_RV code) const {
 
 ListResult::ListResult(JNIEnv* env, jbyteArray status, jsize length)
     : env_(env),
-      array_(made(env->NewObjectArray(length, env->GetObjectClass(status), nullptr))),
-      large_(length > kGuaranteedLocalReferences - 4) {}
+      array_(requireNonNull(env->NewObjectArray(length, env->GetObjectClass(status), nullptr))),
+      isLarge_(length > kGuaranteedLocalReferences - 4) {}
 
 void ListResult::store(jsize index, jbyteArray element) {
   env_->SetObjectArrayElement(array_, index, element);
-  if (large_) env_->DeleteLocalRef(element);
+  if (isLarge_) env_->DeleteLocalRef(element);
 }
 
 jobjectArray statusOnly(JNIEnv* env, jbyteArray status) {
@@ -91,7 +91,7 @@ jobjectArray statusOnly(JNIEnv* env, jbyteArray status) {
 }
 
 jbyteArray outOfMemoryStatus(JNIEnv* env) try {
-  return isJavaOutOfMemory() ? nullptr : StatusArray(env).holding(CKR_HOST_MEMORY);
+  return isJavaOutOfMemory() ? nullptr : StatusArray(env).set(CKR_HOST_MEMORY);
 } catch (...) {
   return nullptr;
 }
@@ -103,7 +103,7 @@ jintArray outOfMemoryNumbers(JNIEnv* env) try {
 }
 
 jobjectArray outOfMemoryList(JNIEnv* env) try {
-  return isJavaOutOfMemory() ? nullptr : statusOnly(env, StatusArray(env).holding(CKR_HOST_MEMORY));
+  return isJavaOutOfMemory() ? nullptr : statusOnly(env, StatusArray(env).set(CKR_HOST_MEMORY));
 } catch (...) {
   return nullptr;
 }

@@ -8,23 +8,23 @@
 
 #include "memory.h"
 
-/// The longest array that Java has. No length beyond it is believed.
+/// The length of the longest Java array. A greater length from a module is never used.
 inline constexpr CK_ULONG kLongestArray = std::numeric_limits<jsize>::max();
 
-/// Thrown when the virtual machine answered null: its own OutOfMemoryError may be pending then (HotSpot's is
-/// when it cannot make an array, not when it cannot lend one out), and no more may be asked of it but to take
-/// back what it gave.
+/// Thrown when a JNI function returned null. The JVM's OutOfMemoryError may be pending: HotSpot throws it
+/// from the New functions, but not from GetByteArrayElements and GetStringUTFChars. Afterwards only JNI's
+/// Release functions may be called.
 struct JavaOutOfMemory {};
 
-/// Whether one of these Java references is null. Asked before anything is taken: JNI defines no answer for
-/// one.
+/// Whether one of these Java references is null. Must be tested first, because JNI functions do not accept
+/// null.
 template <class... Reference>
 bool anyNull(Reference... references) {
   return (... || (references == nullptr));
 }
 
-/// A Java string's modified UTF-8 characters, NUL-terminated, until the scope is left. They are never copied:
-/// they may be a PIN.
+/// The characters of a Java string in modified UTF-8, NUL-terminated. The destructor releases them. They are
+/// never copied, because they may be a PIN.
 class StringInput {
  public:
   StringInput(JNIEnv* env, jstring string);
@@ -35,10 +35,10 @@ class StringInput {
   const char* characters() const { return characters_; }
   CK_ULONG length() const;
 
-  /// The characters as the module takes a PIN. It does not write to them.
+  /// The characters with the type that PKCS#11 has for a PIN. The module does not write to them.
   CK_UTF8CHAR_PTR pin() const;
 
-  /// Whether this many bytes can be read. A negative length is no length.
+  /// Whether the string has at least `length` bytes. False for a negative length.
   bool holds(jlong length) const { return static_cast<CK_ULONG>(length) <= this->length(); }
 
  private:
@@ -47,10 +47,9 @@ class StringInput {
   const char* characters_;
 };
 
-/// A Java byte array and the private copy of it that the module works on: the module never sees the virtual
-/// machine's own memory. The length is taken at once, the elements and the copy by take(); both are given
-/// back at the end of the scope, or earlier where the order matters. The copy may be a key component: it is
-/// wiped before it is freed.
+/// A Java byte array and a private copy of it for the module, which never gets the JVM's own memory. The
+/// constructor gets the length; take() gets the elements and copies them. The destructor calls release() and
+/// discard(); entry points call them earlier where the order matters.
 class ByteInput {
  public:
   ByteInput(JNIEnv* env, jbyteArray array) : env_(env), array_(array), length_(env->GetArrayLength(array)) {}
@@ -62,8 +61,8 @@ class ByteInput {
   }
 
   void take();
-  void release();
-  void discard();
+  void release();  // the elements
+  void discard();  // wipes and frees the copy, which may be a key component
 
   jsize length() const { return length_; }
   CK_ULONG size() const { return static_cast<CK_ULONG>(length_); }
@@ -77,7 +76,8 @@ class ByteInput {
   Buffer<CK_BYTE> copy_;
 };
 
-/// Inputs taken, their elements given back, their copies wiped and freed, in the order written.
+// Call take(), release() or discard() of each input, in the order of the arguments.
+
 template <class... Input>
 void takeAll(Input&... inputs) {
   (..., inputs.take());
@@ -91,21 +91,21 @@ void discardAll(Input&... inputs) {
   (..., inputs.discard());
 }
 
-/// A new byte[] of these bytes.
-jbyteArray byteArray(JNIEnv* env, std::span<const CK_BYTE> bytes);
+// New Java arrays with these elements.
 
-/// A new int[] of these numbers.
+jbyteArray byteArray(JNIEnv* env, std::span<const CK_BYTE> bytes);
 jintArray intArray(JNIEnv* env, std::span<const jint> numbers);
 
-/// The low 32 bits, as an int[] holds them.
+/// The low 32 bits, as an element of an int[].
 constexpr jint low32(CK_ULONG value) { return static_cast<jint>(value); }
 
-/// A byte[1] that tells how a call went: it holds the low 8 bits of a code.
+/// The status of a call: a byte[1] with the low 8 bits of a code.
 class StatusArray {
  public:
   explicit StatusArray(JNIEnv* env);
 
-  jbyteArray holding(CK_RV code) const;
+  /// Stores the low 8 bits of the code and returns the array.
+  jbyteArray set(CK_RV code) const;
   jbyteArray array() const { return array_; }
 
  private:
@@ -113,16 +113,16 @@ class StatusArray {
   jbyteArray array_;
 };
 
-/// A byte[][] under construction. Element 0 is the status array, which also lends its class.
+/// A byte[][] under construction. Element 0 is the status array, whose class is the element class.
 class ListResult {
  public:
   ListResult(JNIEnv* env, jbyteArray status, jsize length);
 
   void setStatus(jbyteArray status) { env_->SetObjectArrayElement(array_, 0, status); }
 
-  /// Places a new array and, in a large result, gives up its local reference: JNI promises room for 16, the
-  /// elements' with the status array's, this list's and its class's, and once more a list's and a class's
-  /// where a failure is told by the status alone.
+  /// Stores a new array. In a large result its local reference is deleted, because JNI guarantees only 16.
+  /// Four of them are not elements: this list and its class, and another list and class if statusOnly()
+  /// follows.
   void store(jsize index, jbyteArray element);
 
   jobjectArray array() const { return array_; }
@@ -130,14 +130,14 @@ class ListResult {
  private:
   JNIEnv* env_;
   jobjectArray array_;
-  bool large_;
+  bool isLarge_;
 };
 
-/// A byte[][] that holds only the status array.
+/// A byte[][] with the status array as its only element.
 jobjectArray statusOnly(JNIEnv* env, jbyteArray status);
 
-// What an entry point returns when an exception ended it, to be called in its handler: null when it was the
-// virtual machine that had no memory, else CKR_HOST_MEMORY in the entry point's own form.
+// For the catch (...) of an entry point. They return null for JavaOutOfMemory, otherwise CKR_HOST_MEMORY in
+// the form in which the entry point reports a failure.
 
 jbyteArray outOfMemoryStatus(JNIEnv* env);
 jintArray outOfMemoryNumbers(JNIEnv* env);

@@ -15,15 +15,15 @@ struct Free {
 template <class T>
 using Buffer = std::unique_ptr<T[], Free>;
 
-/// An array of `count` zeroed elements, or null if there is no memory for it. Room for no elements is a real
-/// address as well: a null pointer means "only tell me the length" to a module. The memory comes from calloc
-/// because counts may come from a module that lies: pages nobody writes to cost nothing.
+/// An array of `count` zeroed elements, or null if there is no memory. An empty array has an address too,
+/// because a null buffer asks a module for the length only. The count may be a false one from a module:
+/// calloc commits no memory for pages that are never written.
 template <class T>
 Buffer<T> tryZeroed(std::size_t count) {
   return Buffer<T>(static_cast<T*>(std::calloc(count == 0 ? 1 : count, sizeof(T))));
 }
 
-/// The same, throwing std::bad_alloc instead of answering null.
+/// The same, but throws std::bad_alloc instead of returning null.
 template <class T>
 Buffer<T> zeroed(std::size_t count) {
   Buffer<T> buffer = tryZeroed<T>(count);
@@ -31,5 +31,5 @@ Buffer<T> zeroed(std::size_t count) {
   return buffer;
 }
 
-/// Overwrites memory that held a secret, in a way that the compiler may not leave out.
+/// Overwrites memory that held a secret. The compiler cannot optimise explicit_bzero away.
 inline void wipe(void* memory, std::size_t size) { explicit_bzero(memory, size); }

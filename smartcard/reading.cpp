@@ -11,9 +11,9 @@
 namespace {
 
 constexpr jlong kCountFailed = -1;
-constexpr std::size_t kMostCounted = 20;
+constexpr std::size_t kMaxCounted = 20;
 
-// The status codes of the reads of a single value.
+// The status codes of the functions that read a single value.
 constexpr CK_RV kSearchFailed = 0;
 constexpr CK_RV kValueUnreadable = 1;
 constexpr CK_RV kNotExactlyOne = 2;
@@ -25,12 +25,12 @@ jbyteArray readValue(JNIEnv* env, jlong slotIndex, CK_ATTRIBUTE kind) {
 
   Search search(session, std::array{kind});
   search.next();
-  if (search.count() != 1) return status.holding(kNotExactlyOne);
-  if (!search.found()) return status.holding(kSearchFailed);
+  if (search.count() != 1) return status.set(kNotExactlyOne);
+  if (!search.found()) return status.set(kSearchFailed);
 
   AttributeRead<1> value(session, search.object(), {CKA_VALUE});
   value.lengths();
-  if (value.values() != CKR_OK) return status.holding(kValueUnreadable);
+  if (value.values() != CKR_OK) return status.set(kValueUnreadable);
   return byteArray(env, value[0]);
 }
 
@@ -46,28 +46,28 @@ jbyteArray readName(JNIEnv* env, jlong slotIndex, CK_ATTRIBUTE kind, CK_ATTRIBUT
   search.next();
   if (!search.found()) {
     search.end();
-    return status.holding(kSearchFailed);
+    return status.set(kSearchFailed);
   }
 
   AttributeRead<1> name(session, search.object(), {type});
   name.lengths();
   if (name.values() != CKR_OK) {
-    const jbyteArray failure = status.holding(kValueUnreadable);
+    const jbyteArray failure = status.set(kValueUnreadable);
     if (onFailure == OnFailure::kTraced) trace("2 %d\n", dec32(rv));
     return failure;
   }
   return byteArray(env, name[0]);
 }
 
-/// One attribute of a listed object: what the size traces call it, and which element of the object's group in
-/// the result holds it, counted from 1.
+/// One attribute of a listed object: its name in the size traces, and its position in the object's group of
+/// result elements, counted from 1.
 struct Column {
   CK_ATTRIBUTE_TYPE type;
   const char* name;
-  std::size_t element;
+  std::size_t position;
 };
 
-// In the order in which the module is asked for them.
+// In the order in which they are read from the module.
 constexpr std::array<Column, 3> kCertificate = {
     {{CKA_VALUE, "Cert", 3}, {CKA_ID, "ID", 1}, {CKA_LABEL, "Label", 2}}};
 constexpr std::array<Column, 4> kPublicKey = {{{CKA_MODULUS, "Modulus", 3},
@@ -84,22 +84,22 @@ std::array<CK_ATTRIBUTE_TYPE, N> typesOf(const std::array<Column, N>& columns) {
   return types;
 }
 
-/// The length of a result with `count` groups of N behind the status array.
+/// The length of a result: the status array and `count` groups of N elements.
 template <std::size_t N>
 jsize listLength(CK_ULONG count) {
-  constexpr CK_ULONG most = (std::numeric_limits<jsize>::max() - 1) / N;
-  if (count > most) throw std::bad_alloc();
+  constexpr CK_ULONG maxCount = (std::numeric_limits<jsize>::max() - 1) / N;
+  if (count > maxCount) throw std::bad_alloc();
   return static_cast<jsize>(N * count + 1);
 }
 
-/// The result of a listing that a search has failed: the status alone, set before the search is ended.
-jobjectArray failedAlone(JNIEnv* env, const StatusArray& status, Search<>& search) {
-  status.holding(rv);
+/// Ends a failed search and returns the status alone, with the code of the failure.
+jobjectArray abandonSearch(JNIEnv* env, const StatusArray& status, Search<>& search) {
+  status.set(rv);
   search.end();
   return statusOnly(env, status.array());
 }
 
-/// Traces the sizes of the k-th object's values, counted from 1, and places them in the result.
+/// Traces the sizes of the k-th object's values, counted from 1, and stores the values in the result.
 template <std::size_t N>
 void storeGroup(JNIEnv* env, ListResult& list, CK_ULONG k, const std::array<Column, N>& columns,
                 const AttributeRead<N>& values) {
@@ -107,12 +107,13 @@ void storeGroup(JNIEnv* env, ListResult& list, CK_ULONG k, const std::array<Colu
     trace("%s size %d = %d\n", columns[i].name, dec32(k), dec32(values[i].size()));
   }
   std::array<jbyteArray, N> group = {};
-  for (std::size_t i = 0; i < N; ++i) group[columns[i].element - 1] = byteArray(env, values[i]);
+  for (std::size_t i = 0; i < N; ++i) group[columns[i].position - 1] = byteArray(env, values[i]);
   const auto first = static_cast<jsize>(N * (k - 1) + 1);
   for (std::size_t i = 0; i < N; ++i) list.store(first + static_cast<jsize>(i), group[i]);
 }
 
-/// Both key listings: counts the keys, so that the result has its final size from the start, then reads them.
+/// Both key listings. The first search counts the keys, which fixes the size of the result; the second reads
+/// them.
 template <CK_OBJECT_CLASS Class, std::size_t N>
 jobjectArray listRsaKeys(JNIEnv* env, jlong slotIndex, const char* className,
                          const std::array<Column, N>& columns) {
@@ -120,33 +121,33 @@ jobjectArray listRsaKeys(JNIEnv* env, jlong slotIndex, const char* className,
   const StatusArray status(env);
 
   Search counting(session, rsaKeySearch<Class>());
-  if (!counting.begun()) return statusOnly(env, status.holding(rv));
+  if (!counting.hasBegun()) return statusOnly(env, status.set(rv));
   CK_ULONG keyCount = 0;
   for (;; ++keyCount) {
-    if (counting.next() != CKR_OK) return failedAlone(env, status, counting);
+    if (counting.next() != CKR_OK) return abandonSearch(env, status, counting);
     if (!counting.found()) break;
   }
-  if (counting.end() != CKR_OK) return statusOnly(env, status.holding(rv));
+  if (counting.end() != CKR_OK) return statusOnly(env, status.set(rv));
   trace("Total%sKeyCount = %d\n", className, dec32(keyCount));
 
   ListResult list(env, status.array(), listLength<N>(keyCount));
-  list.setStatus(status.holding(0));
-  const auto failed = [&](CK_RV code) {
-    status.holding(code);
+  list.setStatus(status.set(0));
+  const auto fail = [&](CK_RV code) {
+    status.set(code);
     return list.array();
   };
   if (keyCount == 0) return list.array();
 
   Search search(session, rsaKeySearch<Class>());
-  if (!search.begun()) return failed(rv);
-  if (search.next() != CKR_OK) return failed(rv);
+  if (!search.hasBegun()) return fail(rv);
+  if (search.next() != CKR_OK) return fail(rv);
   for (CK_ULONG k = 1; k <= keyCount; ++k) {
-    if (!search.found()) return failed(CKR_GENERAL_ERROR);  // fewer than were counted
+    if (!search.found()) return fail(CKR_GENERAL_ERROR);  // fewer than were counted
     AttributeRead values(session, search.object(), typesOf(columns));
-    if (values.lengths() != CKR_OK) return failed(rv);
-    if (const CK_RV result = values.values(); result != CKR_OK) return failed(result);
+    if (values.lengths() != CKR_OK) return fail(rv);
+    if (const CK_RV result = values.values(); result != CKR_OK) return fail(result);
     storeGroup(env, list, k, columns, values);
-    if (search.next() != CKR_OK) return failed(rv);
+    if (search.next() != CKR_OK) return fail(rv);
   }
   search.end();
   trace("C_FindObjectsFinal = 0x%x\n", hex32(rv));
@@ -169,10 +170,10 @@ JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_getObjectCountIn
                                                                                             jlong slotIndex) {
   if (!hasSession(slotIndex)) return kBadSlotIndex;
 
-  Search<kMostCounted> search(sessionAt(slotIndex));
+  Search<kMaxCounted> search(sessionAt(slotIndex));
   search.next();
   search.end();
-  return asJava(std::min<CK_ULONG>(search.count(), kMostCounted));
+  return asJava(std::min<CK_ULONG>(search.count(), kMaxCounted));
 }
 
 JNIEXPORT jbyteArray JNICALL Java_com_calvenhor_vork_utils_Smartcard_readCertificateDLL(JNIEnv* env, jclass,
@@ -198,12 +199,12 @@ Java_com_calvenhor_vork_utils_Smartcard_readAllCertificatesDLL(JNIEnv* env, jcla
 
   Search counting(session, std::array{x509()});
   trace("C_FindObjectsInit = 0x%x\n", hex32(rv));
-  if (!counting.begun()) return statusOnly(env, status.holding(rv));
+  if (!counting.hasBegun()) return statusOnly(env, status.set(rv));
   CK_ULONG certificateCount = 0;
   for (;; ++certificateCount) {
     counting.next();
     trace("C_FindObjects = 0x%x, 0x%d\n", hex32(rv), dec32(counting.count()));
-    if (rv != CKR_OK) return failedAlone(env, status, counting);
+    if (rv != CKR_OK) return abandonSearch(env, status, counting);
     if (!counting.found()) break;
   }
   counting.end();
@@ -211,29 +212,29 @@ Java_com_calvenhor_vork_utils_Smartcard_readAllCertificatesDLL(JNIEnv* env, jcla
   trace("TotalCertCount = %d\n", dec32(certificateCount));
 
   ListResult list(env, status.array(), listLength<kCertificate.size()>(certificateCount));
-  list.setStatus(status.holding(0));
-  const auto failed = [&](CK_RV code) {
-    status.holding(code);
+  list.setStatus(status.set(0));
+  const auto fail = [&](CK_RV code) {
+    status.set(code);
     return list.array();
   };
   if (certificateCount == 0) return list.array();
 
   Search search(session, std::array{x509()});
   trace("C_FindObjectsInit (2) = 0x%x\n", hex32(rv));
-  if (search.next() != CKR_OK) return failedAlone(env, status, search);
+  if (search.next() != CKR_OK) return abandonSearch(env, status, search);
   for (CK_ULONG k = 1; k <= certificateCount; ++k) {
-    if (!search.found()) return failed(CKR_GENERAL_ERROR);  // fewer than were counted
+    if (!search.found()) return fail(CKR_GENERAL_ERROR);  // fewer than were counted
     AttributeRead values(session, search.object(), typesOf(kCertificate));
     values.lengths();
     trace("C_GetAttributeValue1 = 0x%x\n", hex32(rv));
     const CK_RV result = values.values();
     trace("C_GetAttributeValue2 = 0x%x\n", hex32(rv));
-    if (result != CKR_OK) return failed(result);
+    if (result != CKR_OK) return fail(result);
     storeGroup(env, list, k, kCertificate, values);
     search.next();
     trace("C_FindObjects = 0x%x\n", hex32(rv));
     trace("RemainCount = %d\n", dec32(search.count()));
-    if (rv != CKR_OK) return failedAlone(env, status, search);
+    if (rv != CKR_OK) return abandonSearch(env, status, search);
   }
   search.end();
   trace("C_FindObjectsFinal = 0x%x\n", hex32(rv));

@@ -11,11 +11,11 @@
 #include "memory.h"
 #include "module.h"
 
-/// A search in a session, begun where it is declared and ended at the latest where its scope is left: a
-/// session has one search at a time, and none may outlive the call. `Room` is how many handles it asks for.
+/// A search in a session. The constructor begins it, and the destructor ends it if end() was not called: a
+/// session has one search at a time, and none may outlive the call. next() asks for `Room` handles.
 ///
-/// Where a failed begin ends the call, test begun(); nothing is left to end then. An entry point that goes on
-/// regardless leaves it to the next call to fail, and ends the search all the same.
+/// If the search cannot begin, some entry points test hasBegun() and return, without ending it. The others
+/// call next() nevertheless, which fails, and end the search.
 template <std::size_t Room = 1>
 class Search {
  public:
@@ -30,11 +30,11 @@ class Search {
     if (active_) end();
   }
 
-  bool begun() const { return begin_ == CKR_OK; }
+  bool hasBegun() const { return begin_ == CKR_OK; }
 
   CK_RV next() {
     active_ = true;
-    count_ = 0;  // modules leave the count as it is when they fail
+    count_ = 0;  // some modules leave it unwritten when they fail
     next_ = call(&CK_FUNCTION_LIST::C_FindObjects, session_, handles_.data(), Room, &count_);
     return next_;
   }
@@ -44,21 +44,20 @@ class Search {
     return call(&CK_FUNCTION_LIST::C_FindObjectsFinal, session_);
   }
 
-  /// How many objects the last next() reported: the module's word, whether the call succeeded or not.
+  /// The unchecked count that the module reported in the last next(), whether it succeeded or not.
   CK_ULONG count() const { return count_; }
 
-  /// The objects that this search yielded in the last next(): the only handles that may go to the module.
+  /// The objects that the last next() found. Only these handles may be passed to the module.
   std::span<const CK_OBJECT_HANDLE> objects() const {
-    return std::span(handles_).first(begun() && next_ == CKR_OK ? std::min<CK_ULONG>(count_, Room) : 0);
+    return std::span(handles_).first(hasBegun() && next_ == CKR_OK ? std::min<CK_ULONG>(count_, Room) : 0);
   }
 
   bool found() const { return !objects().empty(); }
   CK_OBJECT_HANDLE object() const { return objects().front(); }
 
-  /// Why there is no object to work on: the failure of the search, or CKR_OBJECT_HANDLE_INVALID if it
-  /// succeeded and found none.
+  /// Why nothing was found: the code of the failed call, or CKR_OBJECT_HANDLE_INVALID if no object matches.
   CK_RV whyNotFound() const {
-    if (!begun()) return begin_;
+    if (!hasBegun()) return begin_;
     return next_ != CKR_OK ? next_ : CKR_OBJECT_HANDLE_INVALID;
   }
 
@@ -68,20 +67,20 @@ class Search {
   CK_ULONG count_ = 0;
   CK_RV begin_ = CKR_OK;
   CK_RV next_ = CKR_OK;
-  bool active_ = false;  // from the first next() on: nothing leaves an entry point before it
+  bool active_ = false;  // set by next(), which follows every begin that succeeded
 };
 
-/// Takes a search that has just begun to its end, for one object, and traces each step; `begun` is what the
-/// trace calls the first.
-inline void runTraced(Search<>& search, const char* begun) {
-  trace("%s = %d", begun, dec32(rv));
+/// Runs a new search to its end, for one object, and traces each step. `beginName` is the begin's name in the
+/// trace; its code must still be in `rv`.
+inline void runTraced(Search<>& search, const char* beginName) {
+  trace("%s = %d", beginName, dec32(rv));
   search.next();
   trace("FindObjects = %d", dec32(rv));
   search.end();
   trace("FindObjectsFinal = %d", dec32(rv));
 }
 
-/// Attributes of one object, read in two calls: the first learns the lengths, the second copies the values.
+/// Reads attributes of one object in two calls: first the lengths, then the values.
 template <std::size_t N>
 class AttributeRead {
  public:
@@ -90,14 +89,12 @@ class AttributeRead {
     for (std::size_t i = 0; i < N; ++i) template_[i] = {types[i], nullptr, 0};
   }
 
-  /// The first call.
   CK_RV lengths() {
     return call(&CK_FUNCTION_LIST::C_GetAttributeValue, session_, object_, template_.data(), N);
   }
 
-  /// The second call; its result is in `rv`. The answer is that result, or CKR_GENERAL_ERROR where the module
-  /// claims to have copied a value for which there was no room. A length that no Java array can have gets no
-  /// buffer, so that the module has to refuse; a length of 0 is as good as any other and gets one.
+  /// Stores the module's code in `rv`. Returns it, or CKR_GENERAL_ERROR if the module claims to have copied a
+  /// value for which there was no room. A length beyond kLongestArray gets no buffer; a length of 0 gets one.
   CK_RV values() {
     for (std::size_t i = 0; i < N; ++i) {
       if (template_[i].ulValueLen > kLongestArray) continue;
@@ -113,7 +110,7 @@ class AttributeRead {
     return CKR_OK;
   }
 
-  /// The value of the i-th attribute, after values() answered CKR_OK.
+  /// The value of the i-th attribute, after values() returned CKR_OK.
   std::span<CK_BYTE> operator[](std::size_t i) const { return {buffers_[i].get(), template_[i].ulValueLen}; }
 
  private:

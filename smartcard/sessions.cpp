@@ -7,8 +7,8 @@
 
 namespace {
 
-/// The label of every token that initTokenDLL initialises: blank-filled, as wide as CK_TOKEN_INFO.label.
-/// Beyond what the standard reads stands a NUL, since some modules take the label for a C string.
+/// The label that initTokenDLL gives every token: 32 characters, padded with blanks as PKCS#11 requires, and
+/// a NUL, because some modules read the label as a C string.
 using TokenLabel = std::array<CK_UTF8CHAR, 33>;
 
 TokenLabel tokenLabel() {
@@ -33,7 +33,7 @@ JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_openSessionDLL(J
        nullptr, &session);
   trace("Open sessþon result = 0x%x\n", hex32(rv));
 
-  // A session recorded before stays open in the module: closeSessionDLL closes it with all others.
+  // An earlier session of this slot stays open in the module until closeSessionDLL closes all sessions.
   if (rv == CKR_OK) recordSession(slotIndex, session);
   return asJava(rv);
 }

@@ -17,7 +17,7 @@ JNIEXPORT jbyteArray JNICALL Java_com_calvenhor_vork_utils_Smartcard_signDLL(JNI
                                                                              jlong slotIndex,
                                                                              jbyteArray jData) try {
   const TracedCall traced;
-  if (anyNull(jData)) return StatusArray(env).holding(CKR_ARGUMENTS_BAD);
+  if (anyNull(jData)) return StatusArray(env).set(CKR_ARGUMENTS_BAD);
   const Session session = sessionAt(slotIndex);
   ByteInput data(env, jData);
   data.take();
@@ -26,14 +26,14 @@ JNIEXPORT jbyteArray JNICALL Java_com_calvenhor_vork_utils_Smartcard_signDLL(JNI
   Search search(session, std::array{objectClass<CKO_PRIVATE_KEY>()});
   search.next();
   search.end();
-  if (!search.found()) return status.holding(0);
+  if (!search.found()) return status.set(0);
 
   std::array<CK_BYTE, kSignatureRoom> signature = {};
   CK_ULONG length = signature.size();
   CK_MECHANISM mechanism = {CKM_RSA_PKCS, nullptr, 0};
   if (call(&CK_FUNCTION_LIST::C_SignInit, session, &mechanism, search.object()) != CKR_OK) {
     trace("C_SignInit = 0x%x\n", hex32(rv));
-    return status.holding(rv);
+    return status.set(rv);
   }
   call(&CK_FUNCTION_LIST::C_Sign, session, data.data(), data.size(), signature.data(), &length);
   trace("*** JNI *** C_Sign = %d\n", dec32(rv));
@@ -41,9 +41,9 @@ JNIEXPORT jbyteArray JNICALL Java_com_calvenhor_vork_utils_Smartcard_signDLL(JNI
   if (rv != CKR_OK) {
     trace("C_Sign rv = %d\n", dec32(rv));
     trace("ResultLen = %ld\n", static_cast<long>(length));
-    return status.holding(rv);
+    return status.set(rv);
   }
-  if (length > signature.size()) return status.holding(CKR_GENERAL_ERROR);
+  if (length > signature.size()) return status.set(CKR_GENERAL_ERROR);
 
   data.release();
   trace("*** JNI ***  dataTemp released\n");
@@ -61,7 +61,7 @@ JNIEXPORT jbyteArray JNICALL Java_com_calvenhor_vork_utils_Smartcard_signWithIDD
                                                                                    jbyteArray jData,
                                                                                    jbyteArray jId) try {
   const TracedCall traced;
-  if (anyNull(jData, jId)) return StatusArray(env).holding(CKR_ARGUMENTS_BAD);
+  if (anyNull(jData, jId)) return StatusArray(env).set(CKR_ARGUMENTS_BAD);
   const Session session = sessionAt(slotIndex);
   ByteInput id(env, jId);
   trace("Query ID Len = %d\n", id.length());
@@ -77,13 +77,13 @@ JNIEXPORT jbyteArray JNICALL Java_com_calvenhor_vork_utils_Smartcard_signWithIDD
   trace("ObjectCount = %d\n", dec32(search.count()));
   if (rv != CKR_OK) {
     trace("FindObjects failed\n");
-    return status.holding(rv);
+    return status.set(rv);
   }
   search.end();
   trace("C_FindObjectsFinal = 0x%x\n", hex32(rv));
   id.release();
   id.discard();
-  if (!search.found()) return status.holding(0);
+  if (!search.found()) return status.set(0);
 
   Buffer<CK_BYTE> signature = tryZeroed<CK_BYTE>(kSignatureWithIdRoom);
   trace("once result = 0x%x\n", hex32(reinterpret_cast<CK_ULONG>(signature.get())));
@@ -92,7 +92,7 @@ JNIEXPORT jbyteArray JNICALL Java_com_calvenhor_vork_utils_Smartcard_signWithIDD
     if (signature == nullptr) trace("new for result returns null\n");
   }
   trace("sonra result = 0x%x\n", hex32(reinterpret_cast<CK_ULONG>(signature.get())));
-  if (signature == nullptr) return status.holding(CKR_HOST_MEMORY);
+  if (signature == nullptr) return status.set(CKR_HOST_MEMORY);
 
   CK_ULONG length = kSignatureWithIdRoom;
   CK_MECHANISM mechanism = {CKM_RSA_PKCS, nullptr, 0};
@@ -101,8 +101,8 @@ JNIEXPORT jbyteArray JNICALL Java_com_calvenhor_vork_utils_Smartcard_signWithIDD
   call(&CK_FUNCTION_LIST::C_Sign, session, data.data(), data.size(), signature.get(), &length);
   trace("C_Sign = 0x%x\n", hex32(rv));
   trace("resultLen = %d\n", dec32(length));
-  if (rv != CKR_OK) return status.holding(rv);
-  if (length > kSignatureWithIdRoom) return status.holding(CKR_GENERAL_ERROR);
+  if (rv != CKR_OK) return status.set(rv);
+  if (length > kSignatureWithIdRoom) return status.set(CKR_GENERAL_ERROR);
 
   data.release();
   return byteArray(env, std::span(signature.get(), length));
@@ -113,7 +113,7 @@ JNIEXPORT jbyteArray JNICALL Java_com_calvenhor_vork_utils_Smartcard_signWithIDD
 JNIEXPORT jbyteArray JNICALL Java_com_calvenhor_vork_utils_Smartcard_generateKeyPairDLL(
     JNIEnv* env, jclass, jlong slotIndex, jlong modulusBits, jbyteArray jPublicExponent, jbyteArray jId,
     jbyteArray jLabel) try {
-  if (anyNull(jPublicExponent, jId, jLabel)) return StatusArray(env).holding(CKR_ARGUMENTS_BAD);
+  if (anyNull(jPublicExponent, jId, jLabel)) return StatusArray(env).set(CKR_ARGUMENTS_BAD);
   const Session session = sessionAt(slotIndex);
   ByteInput label(env, jLabel);
   label.take();
@@ -152,12 +152,12 @@ JNIEXPORT jbyteArray JNICALL Java_com_calvenhor_vork_utils_Smartcard_generateKey
   if (call(&CK_FUNCTION_LIST::C_GenerateKeyPair, session, &mechanism, publicTemplate.data(),
            publicTemplate.size(), privateTemplate.data(), privateTemplate.size(), &publicKey,
            &privateKey) != CKR_OK) {
-    return StatusArray(env).holding(rv);
+    return StatusArray(env).set(rv);
   }
 
   AttributeRead<1> modulus(session, publicKey, {CKA_MODULUS});
-  if (modulus.lengths() != CKR_OK) return StatusArray(env).holding(rv);
-  if (const CK_RV result = modulus.values(); result != CKR_OK) return StatusArray(env).holding(result);
+  if (modulus.lengths() != CKR_OK) return StatusArray(env).set(rv);
+  if (const CK_RV result = modulus.values(); result != CKR_OK) return StatusArray(env).set(result);
   const jbyteArray result = byteArray(env, modulus[0]);
   releaseAll(id, label, publicExponent);
   return result;

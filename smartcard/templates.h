@@ -7,11 +7,11 @@
 #include "marshal.h"
 #include "module.h"
 
-// Attributes. Constants have static storage and byte strings belong to the inputs, so that an attribute, and
-// a template made of attributes, may be copied freely. A template is sent once: the next call gets a new one.
+// Attributes and templates can be copied freely: constants have static storage, and byte strings belong to
+// the inputs. A template with constants is sent only once, because the module may overwrite them.
 
-/// A CK_ULONG attribute of a fixed value: an object class, a key type, a certificate type. The module gets a
-/// pointer that it could write through: the value can bear it, and each template has it right again.
+/// A CK_ULONG attribute with a fixed value: an object class, a key type or a certificate type. The module
+/// could write to it, so it is not const, and each new template sets it again.
 template <CK_ATTRIBUTE_TYPE Type, CK_ULONG Value>
 CK_ATTRIBUTE constant() {
   static CK_ULONG value;
@@ -26,7 +26,7 @@ CK_ATTRIBUTE objectClass() {
 inline CK_ATTRIBUTE rsa() { return constant<CKA_KEY_TYPE, CKK_RSA>(); }
 inline CK_ATTRIBUTE x509() { return constant<CKA_CERTIFICATE_TYPE, CKC_X_509>(); }
 
-/// A boolean attribute: `yes` or `no`, which the module could write to as well.
+/// A boolean attribute: `yes` or `no`, which each new template sets again for the same reason.
 inline CK_ATTRIBUTE flag(CK_ATTRIBUTE_TYPE type, CK_BBOOL& value) {
   value = &value == &yes ? CK_TRUE : CK_FALSE;
   return {type, &value, sizeof value};
@@ -36,9 +36,9 @@ inline CK_ATTRIBUTE bytes(CK_ATTRIBUTE_TYPE type, const ByteInput& input) {
   return {type, input.data(), input.size()};
 }
 
-// Inputs that travel together. Each is taken and released in the order of its members.
+// Inputs that belong together. Their functions process the members in order.
 
-/// What names a certificate beside its ID and label, all as DER.
+/// The DER encodings that identify a certificate, besides its ID and label.
 struct CertificateNames {
   ByteInput subject;
   ByteInput issuer;
@@ -71,9 +71,9 @@ struct RsaComponents {
   }
 };
 
-// Templates of more than one caller, one attribute a line in the order sent.
+// Templates with more than one caller. Attributes are sent in this order.
 
-/// The RSA keys of one class, on the token and of the session.
+/// The RSA keys of one class, both token and session objects.
 template <CK_OBJECT_CLASS Class>
 std::array<CK_ATTRIBUTE, 2> rsaKeySearch() {
   return {objectClass<Class>(), rsa()};
@@ -89,7 +89,7 @@ std::array<CK_ATTRIBUTE, 3> tokenKeySearch(const ByteInput& id) {
   };
 }
 
-/// A certificate on the token, by all but its value.
+/// A certificate on the token, by every attribute except its value.
 inline std::array<CK_ATTRIBUTE, 8> certificateSearch(const CertificateNames& names, const ByteInput& id,
                                                      const ByteInput& label) {
   return {
@@ -126,7 +126,7 @@ inline std::array<CK_ATTRIBUTE, 16> rsaPrivateKeyTemplate(const RsaComponents& k
   };
 }
 
-/// Whether the public key is a private object is left to the token.
+/// Has no CKA_PRIVATE: the token decides whether the public key is a private object.
 inline std::array<CK_ATTRIBUTE, 7> rsaPublicKeyTemplate(const ByteInput& modulus,
                                                         const ByteInput& publicExponent, const ByteInput& id,
                                                         const ByteInput& label) {

@@ -9,23 +9,23 @@
 
 namespace {
 
-bool waiting = false;  // something that has been traced has not been flushed
-bool brokenPipeKills;  // while something is waiting, and for its flush
+bool hasUnflushed = false;
+bool brokenPipeKills;  // valid from the first unflushed trace to the end of its flush
 
-/// Precedes each trace. The first one after a flush asks what a broken pipe does to this process: one system
-/// call, which spares a process that survives it the guard's four at every write. The answer holds only until
-/// the flush, because the host can change it between two calls, and the module whenever it runs.
+/// Called before each trace. The first one after a flush checks whether SIGPIPE kills this process. This one
+/// system call saves the guard's four at every write if it does not. The check is valid only until the flush,
+/// because the host or the module can change the handler afterwards.
 void beginTrace() noexcept {
-  if (waiting) return;
-  waiting = true;
+  if (hasUnflushed) return;
+  hasUnflushed = true;
   struct sigaction action = {};
   sigaction(SIGPIPE, nullptr, &action);
   brokenPipeKills = action.sa_handler == SIG_DFL;
 }
 
-/// While it lives, writing to a pipe that nobody reads fails instead of killing the process. Only this
-/// thread's signal mask changes, and only for that time: handlers belong to the host. One that it has is
-/// called as for its own prints.
+/// While this object exists, a write to a broken pipe fails instead of killing the process. Only this
+/// thread's signal mask changes, because signal handlers belong to the host. A handler of the host is called
+/// as for the host's own output.
 class SigpipeBlocked {
  public:
   SigpipeBlocked() noexcept {
@@ -34,22 +34,22 @@ class SigpipeBlocked {
     sigaddset(&brokenPipe_, SIGPIPE);
     pthread_sigmask(SIG_BLOCK, &brokenPipe_, &before_);
     sigset_t pending;
-    isHosts_ = sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1;
+    wasPending_ = sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1;
   }
   SigpipeBlocked(const SigpipeBlocked&) = delete;
   SigpipeBlocked& operator=(const SigpipeBlocked&) = delete;
   ~SigpipeBlocked() {
     if (!brokenPipeKills) return;
-    // Reporting a trace that could not be written is nobody's job: no result may depend on it.
-    constexpr timespec atOnce = {0, 0};
-    if (!isHosts_) sigtimedwait(&brokenPipe_, nullptr, &atOnce);
+    // Discards the signal of the failed write, but not one that the host had pending before.
+    constexpr timespec noWait = {0, 0};
+    if (!wasPending_) sigtimedwait(&brokenPipe_, nullptr, &noWait);
     pthread_sigmask(SIG_SETMASK, &before_, nullptr);
   }
 
  private:
-  sigset_t brokenPipe_;  // these two only where a broken pipe kills: a trace is to cost nothing but its text
+  sigset_t brokenPipe_;  // these two are set only if brokenPipeKills, to save time
   sigset_t before_;
-  bool isHosts_ = false;
+  bool wasPending_ = false;
 };
 
 }  // namespace
@@ -79,8 +79,8 @@ void traceBytes(const char* heading, std::span<const CK_BYTE> bytes) {
 }
 
 void flushTraces() noexcept {
-  if (!waiting) return;
-  waiting = false;
+  if (!hasUnflushed) return;
+  hasUnflushed = false;
   const SigpipeBlocked guard;
   static_cast<void>(std::fflush(stdout));
 }

@@ -4,18 +4,19 @@
 
 #include <span>
 
-/// Prints a debug trace to standard output, exactly as formatted: no prefix, no line end of its own.
+/// Prints a debug trace to standard output exactly as formatted. Adds no prefix and no line end.
 [[gnu::format(printf, 1, 2)]] void trace(const char* format, ...) noexcept;
 
-/// Prints `heading`, then every byte in hexadecimal without leading zeros, each followed by a blank, then a
+/// Prints `heading`, then each byte in hexadecimal without a leading zero and with a blank after it, then a
 /// line end.
 void traceBytes(const char* heading, std::span<const CK_BYTE> bytes);
 
-/// Hands what has been traced to the operating system, so that a module that hangs, waits for a PIN pad or
-/// crashes shows where, and the lines keep their place among Java's own output.
+/// Flushes the traces to the operating system. The last line then shows where a module hangs, waits for a PIN
+/// pad or crashes, and traces and Java's own output keep their order.
 void flushTraces() noexcept;
 
-/// Stands first in every entry point that traces: flushes on the way back to Java, after all else is done.
+/// Flushes the traces before the return to Java. Every entry point that traces declares it first, so that it
+/// is destroyed last.
 class TracedCall {
  public:
   TracedCall() = default;

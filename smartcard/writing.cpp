@@ -19,7 +19,7 @@ std::array<CK_ATTRIBUTE, 9> certificateTemplate(const ByteInput& certificate, co
   return object;
 }
 
-/// Creates a token object. Its handle is not kept.
+/// Creates an object and ignores its handle.
 CK_RV create(Session session, std::span<CK_ATTRIBUTE> object) {
   CK_OBJECT_HANDLE handle = 0;
   return call(&CK_FUNCTION_LIST::C_CreateObject, session, object.data(), object.size(), &handle);
@@ -36,7 +36,7 @@ void takeTraced(const char* heading, ByteInput& input) {
   traceBytes(heading, {input.data(), input.size()});
 }
 
-/// Gives the key that was found its new ID and label.
+/// Sets the ID and label of the key that the search found.
 CK_RV update(Session session, const Search<>& key, std::array<CK_ATTRIBUTE, 2> names) {
   if (!key.found()) return key.whyNotFound();
   return call(&CK_FUNCTION_LIST::C_SetAttributeValue, session, key.object(), names.data(), names.size());
