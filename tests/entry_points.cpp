@@ -7,7 +7,7 @@
 
 #include "com_calvenhor_vork_utils_Smartcard.h"
 
-/// Read by the address sanitizer: a length that a module makes up is refused memory, as it is elsewhere.
+/// Options for the address sanitizer: an allocation of a false length fails, as it does without a sanitizer.
 extern "C" const char* __asan_default_options() {
   return "allocator_may_return_null=1:max_allocation_size_mb=512";
 }
@@ -15,7 +15,7 @@ extern "C" const char* __asan_default_options() {
 namespace {
 
 template <class T>
-T converted(FakeJni& java, const Argument& argument) {
+T convert(FakeJni& java, const Argument& argument) {
   if constexpr (std::is_same_v<T, jlong>) {
     return argument.number;
   } else {
@@ -38,20 +38,19 @@ EntryPoint entry(const char* name, Result (*function)(JNIEnv*, jclass, Parameter
   const auto call = [function](FakeJni& java, const Arguments& values) {
     [[maybe_unused]] auto value = values.begin();
     const std::tuple<JNIEnv*, jclass, Parameter...> all{java.env(), nullptr,
-                                                        converted<Parameter>(java, *value++)...};
-    return java.shown(std::apply(function, all));
+                                                        convert<Parameter>(java, *value++)...};
+    return java.format(std::apply(function, all));
   };
   return {name, state, std::move(arguments), swallowed, nullsAllowed, kForm<Result>, call};
 }
 
 }  // namespace
 
-std::string EntryPoint::inForm(CK_RV code) const {
-  char shownCode[24];
-  std::snprintf(shownCode, sizeof shownCode, form == "%" ? "%lu" : "%02lx",
-                form == "%" ? code : code & 0xffU);
+std::string EntryPoint::formatCode(CK_RV code) const {
+  char digits[24];
+  std::snprintf(digits, sizeof digits, form == "%" ? "%lu" : "%02lx", form == "%" ? code : code & 0xffU);
   const auto place = form.find('%');
-  return place == std::string::npos ? form : std::string(form).replace(place, 1, shownCode);
+  return place == std::string::npos ? form : std::string(form).replace(place, 1, digits);
 }
 
 const std::vector<EntryPoint>& entryPoints() {

@@ -1,5 +1,5 @@
-// All entry points as data: how to call each on a populated token so that it succeeds, and which failures of
-// the module it keeps to itself. Whatever sweeps over all of them derives its cases from this table.
+// All entry points as data: arguments with which each succeeds on a populated token, and the module's
+// failures that it does not report. Tests of all entry points derive their cases from this table.
 #pragma once
 
 #include <concepts>
@@ -12,11 +12,11 @@
 #include "fake_jni.h"
 #include "mock_module.h"
 
-/// What must have happened before a call can succeed.
+/// The state in which a call succeeds.
 enum class State { kUnbound, kBound, kOpen, kUser, kSecurityOfficer };
 
-/// One argument, read by the entry point's own parameter types: a number, or the content of a string or an
-/// array under the name by which the virtual machine's log calls it. No content is a null reference.
+/// One argument, converted to the entry point's parameter type: a number, or the content of a string or array
+/// with its name in the log of JNI calls. Without content it is a null reference.
 struct Argument {
   template <std::integral Number>
   Argument(Number value, bool slot = false) : number(static_cast<jlong>(value)), isSlot(slot) {}
@@ -36,19 +36,19 @@ struct EntryPoint {
   std::string name;
   State state;
   Arguments arguments;
-  /// Calls whose failure leaves the result as it is: `C_Sign`, or only `C_Sign#2`.
+  /// Calls of the module whose failure does not change the result: `C_Sign`, or only its second, `C_Sign#2`.
   std::set<std::string> swallowed;
   bool nullsAllowed;
-  std::string form;  // of a result that is only a code, with % in its place: `%`, `{%}`, `{{%}}`, `[]`
+  std::string form;  // of a result that is only a code, which replaces %: `%`, `{%}`, `{{%}}`, `[]`
 
-  /// Answers with what came back, as the fake virtual machine shows it.
+  /// Returns the result as FakeJni formats it.
   std::function<std::string(FakeJni&, const Arguments&)> call;
 
-  std::string inForm(CK_RV code) const;
+  std::string formatCode(CK_RV code) const;  // the result with this code
 };
 
 const std::vector<EntryPoint>& entryPoints();
 const EntryPoint& entryPoint(const std::string& name);
 
-/// Puts the objects on the token that the table's calls look for.
+/// Adds the objects that the table's calls look for to the token.
 void populate(mock::Module& module);

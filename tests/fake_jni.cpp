@@ -41,11 +41,11 @@ FakeJni::FakeJni() : table_() {
   });
 }
 
-std::string FakeJni::shown(jobject reference) const {
+std::string FakeJni::format(jobject reference) const {
   if (reference == nullptr) return "null";
   const auto& content = values_.at(reference).content;
   const auto element = [this](auto value) {
-    if constexpr (std::is_pointer_v<decltype(value)>) return shown(value);
+    if constexpr (std::is_pointer_v<decltype(value)>) return format(value);
     if constexpr (std::is_same_v<decltype(value), jint>) return text(value);
     const char* const digits = "0123456789abcdef";
     if constexpr (sizeof value == 1) return std::string{digits[value >> 4 & 0xf], digits[value & 0xf]};

@@ -1,6 +1,5 @@
-// A JNIEnv without a virtual machine. Its table holds only the twelve functions that the library uses and
-// DeleteLocalRef; any other is null. What a real virtual machine would let pass, or crash on, is written down
-// as a fault.
+// A JNIEnv without a JVM. Its table has only the twelve functions that the library uses and DeleteLocalRef;
+// all others are null. Each breach of JNI's rules is recorded as a fault, even if a JVM would accept it.
 #pragma once
 
 #include <jni.h>
@@ -20,7 +19,7 @@ class FakeJni : JNIEnv {
   FakeJni();
   JNIEnv* env() { return this; }
 
-  // Java values to pass in; `name` is how the log calls them. A string is given in modified UTF-8.
+  // Create Java values to pass in; `name` is their name in the log. Strings are in modified UTF-8.
   jbyteArray bytes(const std::string& name, const std::string& elements) {
     return static_cast<jbyteArray>(add(name, kOfTest, Array<jbyte>(elements.begin(), elements.end())));
   }
@@ -29,31 +28,32 @@ class FakeJni : JNIEnv {
     return static_cast<jstring>(add(name, kOfTest, Array<char>(first, first + characters.size() + 1)));
   }
 
-  /// What came back, as text: `5`, `[16909060]`, `{01 02}`, `{{00} {41} null}` or `null`.
-  std::string shown(jlong number) const { return std::to_string(number); }
-  std::string shown(jobject reference) const;
+  /// A result as text: `5`, `[16909060]`, `{01 02}`, `{{00} {41} null}` or `null`.
+  std::string format(jlong number) const { return std::to_string(number); }
+  std::string format(jobject reference) const;
 
   std::vector<std::string> log;     // every call in order: `GetArrayLength(label)`, `NewByteArray(1)`
-  std::vector<std::string> faults;  // empty, unless the library broke a rule of JNI
-  std::function<void(const std::string& line)> onCall;  // runs at each call, once it is logged
+  std::vector<std::string> faults;  // the rules of JNI that the library broke
+  std::function<void(const std::string& line)> onCall;  // runs at each call, after it is logged
 
-  /// Whether everything acquired has been released.
-  bool balanced() const { return acquired_.empty(); }
+  /// Whether all acquired elements and strings have been released.
+  bool hasReleasedAll() const { return acquired_.empty(); }
 
-  /// The nth allocation from now, the next one being 1, answers null. Allocations are the New*Array, which
-  /// also leave an OutOfMemoryError pending, and GetByteArrayElements and GetStringUTFChars, which do not.
+  /// Makes the nth allocation from now return null, counted from 1. Allocations are the New*Array functions,
+  /// which then leave an OutOfMemoryError pending, and GetByteArrayElements and GetStringUTFChars, which do
+  /// not.
   void refuse(std::size_t nth) { refuseAt_ = allocations_ + nth; }
   std::size_t allocations() const { return allocations_; }
 
-  /// Back in Java: the call's local references and the exception are gone, and the records begin anew. Values
-  /// passed in and results can still be used by the test.
+  /// Ends a native call: drops its local references, the pending error and all records. The test can still
+  /// use the values that it passed in and the results.
   void clear();
 
  private:
   enum State { kOfTest, kLocal, kDeleted };
   template <class Element>
   using Array = std::vector<Element>;
-  // A string's content ends with its NUL, a class has none.
+  // A string's content includes its NUL; a class has no content.
   using Content = std::variant<Array<jclass>, Array<char>, Array<jbyte>, Array<jint>, Array<jobject>>;
   struct Value {
     std::string name;
@@ -61,8 +61,8 @@ class FakeJni : JNIEnv {
     Content content;
   };
 
-  /// The road of every call: logged, then done by the body, a lambda without captures, whose type is thus all
-  /// of it. Ends with null where a fault is found or an allocation refused.
+  /// Defines a function that logs its call and runs the body. It returns null after a fault or a refused
+  /// allocation. The body is a lambda without captures, so its type is enough to create it.
   template <class Result, class... Argument, class Body>
   static void define(Result (*&function)(JNIEnv*, Argument...), const char* functionName, Body) {
     static const char* name;
@@ -83,10 +83,10 @@ class FakeJni : JNIEnv {
     for (const auto& text : arguments) line += (text.empty() || line.back() == '(' ? "" : ", ") + text;
     log.push_back(line + ')');
     if (onCall) onCall(log.back());
-    const bool givesBack = name.starts_with("Release") || name.starts_with("Delete");
-    require(!hasError_ || givesBack, "called while an error is pending");
+    const bool isRelease = name.starts_with("Release") || name.starts_with("Delete");
+    require(!hasError_ || isRelease, "called while an error is pending");
   }
-  // An argument in the log: references by name, numbers; neither null references nor other pointers.
+  // An argument in the log: a reference's name or a number. Null references and other pointers are left out.
   std::string text(jint number) const { return std::to_string(number); }
   std::string text(const void*) const { return ""; }
   std::string text(jobject reference) const {
@@ -96,10 +96,10 @@ class FakeJni : JNIEnv {
   static void require(bool holds, const char* fault) {
     if (!holds) throw fault;
   }
-  bool refuses() { return ++allocations_ == refuseAt_; }
-  /// References are no addresses: whoever dereferences one crashes.
+  bool isRefused() { return ++allocations_ == refuseAt_; }
+  /// A reference is not a valid address, so dereferencing it crashes.
   jobject add(const std::string& name, State state, Content content) {
-    require(state != kLocal || ++locals_ <= 16, "more local references than are promised");
+    require(state != kLocal || ++locals_ <= 16, "more local references than JNI guarantees");
     const auto reference = reinterpret_cast<jobject>((values_.size() + 1) * 0x10);
     values_[reference] = {name, state, std::move(content)};
     return reference;
@@ -116,8 +116,8 @@ class FakeJni : JNIEnv {
   template <class Element>
   jobject create(const std::string& before, jsize length, const std::string& after) {
     require(length >= 0, "a negative length");
-    const bool isTooLong = length > 1 << 26;  // no virtual machine has an endless heap
-    hasError_ = refuses() || isTooLong;
+    const bool isTooLong = length > 1 << 26;  // more than the heap of a JVM holds
+    hasError_ = isRefused() || isTooLong;
     require(!hasError_, nullptr);
     return add(before + text(length) + after, kLocal, Array<Element>(static_cast<std::size_t>(length)));
   }
@@ -133,7 +133,7 @@ class FakeJni : JNIEnv {
   Element* acquire(jobject from, const jboolean* isCopy) {
     require(isCopy == nullptr, "isCopy is not null");
     const auto& content = use<Element>(from);
-    require(!refuses(), nullptr);
+    require(!isRefused(), nullptr);
     std::shared_ptr<Element[]> copy(new Element[content.size()]);
     std::copy(content.begin(), content.end(), copy.get());
     acquired_[copy.get()] = {&content, copy};
@@ -144,16 +144,16 @@ class FakeJni : JNIEnv {
     const auto& content = use<Element>(from);
     require(acquired_.contains(pointer), "not acquired, or already released");
     require(acquired_[pointer].first == &content, "acquired from another value");
-    require(std::equal(content.begin(), content.end(), pointer), "changed meanwhile");
+    require(std::equal(content.begin(), content.end(), pointer), "the elements were changed");
     acquired_.erase(pointer);
   }
 
   JNINativeInterface_ table_;
   std::map<jobject, Value> values_;
-  // By address: the content and a copy of exactly its size, so that a sanitizer sees any step beyond.
+  // By address: the content and a copy of exactly its size, so that a sanitizer finds any access beyond it.
   std::map<const void*, std::pair<const void*, std::shared_ptr<void>>> acquired_;
   bool hasError_ = false;  // pending
-  int locals_ = 0;         // local references that live
+  int locals_ = 0;         // local references not deleted
   std::size_t allocations_ = 0;
   std::size_t refuseAt_ = 0;
 };

@@ -10,18 +10,18 @@
 
 namespace {
 
-// Standard output is fully buffered, so that what the library forgets to flush is seen to wait.
+// Standard output is fully buffered, so that the tests find traces that the library did not flush.
 char buffer[1 << 16];
 
-/// Leaves no zeros where the library's variables will be.
+/// Overwrites the stack below, so that a variable that the library does not initialise is not 0 by chance.
 [[gnu::noinline]] void dirtyStack() {
   volatile char dirt[1 << 12];
   for (auto& byte : dirt) byte = 0x55;
 }
 
-/// The loader's own function behind one of ours.
+/// The loader's function that one of ours replaces.
 template <class Function>
-Function* genuine(Function*, const char* name) {
+Function* original(Function*, const char* name) {
   return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
@@ -29,15 +29,15 @@ Function* genuine(Function*, const char* name) {
 
 std::function<void(const std::string&)> Fixture::onLoad;
 
-// An executable's own functions come before the C library's.
+// The functions of an executable take precedence over those of the C library.
 extern "C" [[gnu::visibility("default")]] void* dlopen(const char* path, int mode) noexcept {
   if (Fixture::onLoad) Fixture::onLoad("dlopen(" + std::string(path) + ", " + std::to_string(mode) + ")");
-  return genuine(dlopen, "dlopen")(path, mode);
+  return original(dlopen, "dlopen")(path, mode);
 }
 
 extern "C" [[gnu::visibility("default")]] int dlclose(void* handle) noexcept {
   if (Fixture::onLoad) Fixture::onLoad("dlclose()");
-  return genuine(dlclose, "dlclose")(handle);
+  return original(dlclose, "dlclose")(handle);
 }
 
 Fixture::Fixture()
@@ -54,14 +54,14 @@ Fixture::~Fixture() {
   begin(State::kUnbound);
   dlclose(handle_);
   for (const char* path : {kModule, OTHER_MODULE}) {
-    EXPECT_EQ(dlopen(path, RTLD_NOW | RTLD_NOLOAD), nullptr) << "the library has kept a module loaded";
+    EXPECT_EQ(dlopen(path, RTLD_NOW | RTLD_NOLOAD), nullptr) << "the library did not unload a module";
   }
   close(output_);
 }
 
 void Fixture::begin(State state, bool populated) {
   module.functions = module.genuine;
-  module.onAnswer = nullptr;
+  module.onReturn = nullptr;
   module.onCall = nullptr;
   call("finalize", {});
   module.reset();
@@ -81,7 +81,7 @@ std::string Fixture::call(const std::string& name, const Arguments& arguments,
   module.log.clear();
   module.yielded.clear();
   module.codes.clear();
-  module.broken.clear();
+  module.violations.clear();
   record.clear();
   buffer_.clear();
   java.onCall = [this](const std::string& line) {
@@ -90,10 +90,10 @@ std::string Fixture::call(const std::string& name, const Arguments& arguments,
   };
   const auto onCall = module.onCall;
   module.onCall = [&](const std::string& line) {
-    addOutside(line);
+    addExit(line);
     if (onCall) onCall(line);
   };
-  onLoad = [this](const std::string& line) { addOutside(line); };
+  onLoad = [this](const std::string& line) { addExit(line); };
   if (refusedAllocation != 0) java.refuse(refusedAllocation);
 
   std::fflush(stdout);
@@ -102,8 +102,8 @@ std::string Fixture::call(const std::string& name, const Arguments& arguments,
   EXPECT_EQ(ftruncate(output_, 0), 0);
   traced_ = static_cast<std::size_t>(lseek(output_, 0, SEEK_SET));
   dirtyStack();
-  const std::string answer = entryPoint(name).call(java, arguments);
-  addOutside("");
+  const std::string result = entryPoint(name).call(java, arguments);
+  addExit("");
   dup2(before, STDOUT_FILENO);
   close(before);
 
@@ -111,23 +111,23 @@ std::string Fixture::call(const std::string& name, const Arguments& arguments,
   module.onCall = onCall;
   java.onCall = nullptr;
   EXPECT_EQ(java.faults, std::vector<std::string>{});
-  EXPECT_TRUE(java.balanced()) << "an input was not released";
-  EXPECT_EQ(module.broken, std::vector<std::string>{});
+  EXPECT_TRUE(java.hasReleasedAll()) << "an input was not released";
+  EXPECT_EQ(module.violations, std::vector<std::string>{});
   EXPECT_TRUE(module.searches.empty()) << "a search was not ended";
-  return answer;
+  return result;
 }
 
 void Fixture::add(std::string line) {
-  const auto replace = [&](const std::string& what, const std::string& by) {
-    for (auto at = line.find(what); at != std::string::npos; at = line.find(what))
-      line.replace(at, what.size(), by);
+  const auto replace = [&](const std::string& text, const std::string& by) {
+    for (auto at = line.find(text); at != std::string::npos; at = line.find(text))
+      line.replace(at, text.size(), by);
   };
   replace(MOCK_MODULE, "MODULE");
   replace(OTHER_MODULE, "OTHER");
   replace(NOT_A_MODULE, "LIBRARY");
   replace("session 0x7e0000000501", "S");
   for (int i = 1; i <= 9; ++i) replace("0x7f00000000" + std::to_string(i) + "0", "O" + std::to_string(i));
-  // The buffer for a signature has no fixed address; what is traced of it has to be its own.
+  // The signature buffer has no fixed address. Later traces must show the same one.
   if (line.starts_with("\"once result = ")) buffer_ = line.substr(15, line.find('\\') - 15);
   if (buffer_.size() > 3) replace(' ' + buffer_, " BUFFER");
   if (const auto at = line.find(", at 0x"); at != std::string::npos)
@@ -146,17 +146,17 @@ void Fixture::addTraces() {
   }
 }
 
-/// Control leaves the library, for the module, the loader or Java: all that has been traced has left before.
-void Fixture::addOutside(const std::string& line) {
+/// Records that the library calls the module or the loader, or returns to Java. All traces must be flushed.
+void Fixture::addExit(const std::string& line) {
   addTraces();
-  EXPECT_EQ(__fpending(stdout), 0U) << "a trace still waits: " << record.back();
+  EXPECT_EQ(__fpending(stdout), 0U) << "a trace is not flushed: " << record.back();
   if (!line.empty()) add(line);
 }
 
 std::vector<std::pair<std::string, std::size_t>> Fixture::moduleCalls() const {
-  std::map<std::string, std::size_t> made;
+  std::map<std::string, std::size_t> counts;
   std::vector<std::pair<std::string, std::size_t>> all;
-  for (const auto& line : module.log) all.emplace_back(mock::nameOf(line), ++made[mock::nameOf(line)]);
+  for (const auto& line : module.log) all.emplace_back(mock::nameOf(line), ++counts[mock::nameOf(line)]);
   return all;
 }
 

@@ -1,5 +1,5 @@
-// The fixture of every native test: the library, the mock module, a fake virtual machine, and what must hold
-// after each call whatever was asked and answered.
+// The fixture of every native test: the library, the mock module, a fake JNIEnv, and the checks that every
+// call must pass.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -11,7 +11,7 @@
 
 class Fixture : public testing::Test {
  public:
-  /// Told what the library asks of the loader, before it is done.
+  /// Runs before each dlopen and dlclose, with the call as text.
   static std::function<void(const std::string&)> onLoad;
 
  protected:
@@ -20,34 +20,34 @@ class Fixture : public testing::Test {
   Fixture();
   ~Fixture() override;
 
-  /// A new life of the library and the module, as far as this state; with a populated token, if so wished.
+  /// Resets the library and the module and brings them to this state.
   void begin(State state, bool populated = false);
 
-  /// Calls an entry point (without the DLL of its name), keeps the record of the call, and checks what no
-  /// call may leave behind. An allocation of the virtual machine is refused if one is named.
+  /// Calls an entry point, named without DLL, records the call, and checks that everything is released, ended
+  /// and flushed. If `refusedAllocation` is n, the nth allocation by JNI fails.
   std::string call(const std::string& name, const Arguments& arguments, std::size_t refusedAllocation = 0);
   std::string call(const EntryPoint& entry, std::size_t refusedAllocation = 0) {
     return call(entry.name, entry.arguments, refusedAllocation);
   }
 
-  /// All that the last call did, in order: the module's and the virtual machine's logs, and each line traced,
-  /// in quotes. S is the session of slot 0; O1, O2, … are the objects in the order in which they were made.
+  /// The events of the last call, in order: calls of the module, the loader and JNI, and traced lines in
+  /// quotes. S is the session of slot 0; O1, O2, … are the objects in the order of their creation.
   std::vector<std::string> record;
 
-  /// The calls that the last one made to the module: the function, and the how manieth of it this is.
+  /// The last call's calls of the module: the function, and its number among the calls of that function.
   std::vector<std::pair<std::string, std::size_t>> moduleCalls() const;
 
-  /// Whether the last call made one of the module's that holds this text.
+  /// Whether the last call made a call of the module whose log line contains this text.
   bool called(const std::string& text) const;
 
  private:
   void add(std::string line);
   void addTraces();
-  void addOutside(const std::string& line);
+  void addExit(const std::string& line);
 
-  int output_;          // where standard output goes during a call
-  std::size_t traced_;  // how much of it is in the record
-  void* handle_;        // keeps the module's state alive over the library's dlclose
+  int output_;          // receives standard output during a call
+  std::size_t traced_;  // the length of the part that is in the record
+  void* handle_;        // keeps the module's state alive after the library's dlclose
   std::string buffer_;  // the address that signWithID traces
 
  protected:

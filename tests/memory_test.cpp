@@ -1,6 +1,6 @@
-// The library's own memory: each allocation that it makes is refused once, and what it frees, in any test, is
-// searched for secrets. An executable's own malloc, calloc and free come before libc's, for every library of
-// the process. Not under a sanitizer, which brings an allocator of its own.
+// The library's memory: each of its allocations fails once, and each block that it frees is searched for
+// secrets, in all tests. The malloc, calloc and free of an executable replace libc's in the whole process.
+// The sanitizers have their own allocator, so these tests run without them.
 
 #include <dlfcn.h>
 #include <malloc.h>
@@ -12,8 +12,8 @@
 
 namespace {
 
-// What each secret of the entry point table ends with, and no other data of the tests nor an address holds:
-// it is found even if all but the last byte is wiped.
+// Each secret of the entry point table ends with these bytes, which no other data and no address contain. A
+// wiped byte is 0, so a secret is found even if only its last byte is left.
 constexpr char kSecret[] = {0, 0, 0, '\xfe'};
 
 bool watching = false;
@@ -21,14 +21,14 @@ std::size_t allocations = 0;
 std::size_t firstRefused = 0;
 std::size_t lastRefused = 0;
 std::size_t freedSecrets = 0;
-std::pair<std::size_t, std::size_t> lastSizes;  // of the last two zeroed blocks that were asked for
+std::pair<std::size_t, std::size_t> lastSizes;  // of the last two blocks requested with calloc
 
 bool isLibrary(const void* caller) {
   Dl_info object;
   return dladdr(caller, &object) != 0 && strstr(object.dli_fname, "libsmartcard.so") != nullptr;
 }
 
-bool refuses(const void* caller) {
+bool isRefused(const void* caller) {
   return watching && isLibrary(caller) && ++allocations >= firstRefused && allocations <= lastRefused;
 }
 
@@ -40,14 +40,14 @@ void* __libc_calloc(std::size_t count, std::size_t size);
 void __libc_free(void* memory);
 
 void* malloc(std::size_t size) noexcept {
-  // Zeroed, so that no secret is found that others have left there.
-  return refuses(__builtin_return_address(0)) ? nullptr : __libc_calloc(1, size);
+  // Zeroed, so that the block does not contain a secret from an earlier use.
+  return isRefused(__builtin_return_address(0)) ? nullptr : __libc_calloc(1, size);
 }
 
 void* calloc(std::size_t count, std::size_t size) noexcept {
   if (watching && isLibrary(__builtin_return_address(0))) lastSizes = {lastSizes.second, count * size};
-  // No address for no elements, as the standard allows.
-  return count == 0 || refuses(__builtin_return_address(0)) ? nullptr : __libc_calloc(count, size);
+  // Returns null for no elements, as the C standard allows.
+  return count == 0 || isRefused(__builtin_return_address(0)) ? nullptr : __libc_calloc(count, size);
 }
 
 void free(void* memory) noexcept {
@@ -61,8 +61,7 @@ void free(void* memory) noexcept {
 
 namespace {
 
-/// Whatever a test has done: neither success, nor a failure, nor no memory in the middle leaves a secret
-/// behind.
+/// Checks after all tests that the library wiped every secret, also after failures and lack of memory.
 class NoSecretIsFreed : public testing::Environment {
   void TearDown() override { EXPECT_EQ(freedSecrets, 0U); }
 };
@@ -70,16 +69,16 @@ class NoSecretIsFreed : public testing::Environment {
 
 class Memory : public Fixture {
  protected:
-  /// Calls the entry point while the library is watched; its nth allocation is refused, the first being 1,
-  /// and as many in all.
-  std::string watch(const EntryPoint& entry, std::size_t nth = 0, std::size_t inAll = 1) {
+  /// Calls the entry point while the library is watched, and refuses `count` allocations from the nth,
+  /// counted from 1; none if nth is 0.
+  std::string watch(const EntryPoint& entry, std::size_t nth = 0, std::size_t count = 1) {
     allocations = 0;
     firstRefused = nth;
-    lastRefused = nth == 0 ? 0 : nth + inAll - 1;
+    lastRefused = nth == 0 ? 0 : nth + count - 1;
     watching = true;
-    std::string answer = call(entry);
+    std::string result = call(entry);
     watching = false;
-    return answer;
+    return result;
   }
 };
 
@@ -89,20 +88,21 @@ TEST_F(Memory, EveryAllocationIsRefused) {
     SCOPED_TRACE(entry.name);
     begin(entry.state, true);
     const std::string success = watch(entry);
-    const std::size_t ofLibrary = allocations;
+    const std::size_t total = allocations;
     if (called("000000fe")) ++secretsPassed;
-    for (std::size_t nth = 1; nth <= ofLibrary; ++nth) {
+    for (std::size_t nth = 1; nth <= total; ++nth) {
       SCOPED_TRACE("allocation " + std::to_string(nth));
       begin(entry.state, true);
-      const bool triedTwice = entry.name == "signWithID" && nth == ofLibrary;
-      EXPECT_EQ(triedTwice ? success : entry.inForm(CKR_HOST_MEMORY), watch(entry, nth));
-      EXPECT_TRUE(entry.state != State::kUnbound || module.initializations == 0) << "a bind half undone";
+      const bool isRetried = entry.name == "signWithID" && nth == total;
+      EXPECT_EQ(isRetried ? success : entry.formatCode(CKR_HOST_MEMORY), watch(entry, nth));
+      EXPECT_TRUE(entry.state != State::kUnbound || module.initializations == 0)
+          << "C_Initialize was not undone";
     }
   }
-  EXPECT_EQ(secretsPassed, 4) << "the entry points that are given a secret";
+  EXPECT_EQ(secretsPassed, 4) << "entry points that pass a secret to the module";
 }
 
-TEST_F(Memory, ASignatureBufferIsTriedTwiceOnly) {
+TEST_F(Memory, SignWithIdAllocatesItsBufferAtMostTwice) {
   begin(State::kUser, true);
   EXPECT_EQ("{02}", watch(entryPoint("signWithID"), 3, 2)) << "after the copies of the ID and the data";
   EXPECT_EQ(1, std::ranges::count(record, "\"new for result returns null\\n\""));

@@ -1,5 +1,5 @@
-// The mock PKCS#11 module: tokens in memory, as strict as the strictest real modules, so that whatever passes
-// here passes there.
+// The mock PKCS#11 module: tokens in memory, as strict as the strictest real modules, so that calls which it
+// accepts work there too.
 #include "mock_module.h"
 
 #include <array>
@@ -25,10 +25,11 @@ std::string_view view(const void* first, CK_ULONG length) {
   return {static_cast<const char*>(first), length};
 }
 
-/// A call in words. In its form, %x, %u and %o (an object) are numbers, %p a pointer that should be null, %a
-/// the low half of any, %r a pointer to a number, %m a mechanism, %l the label of a token with a NUL behind
-/// it; %- is not told. Of two arguments each, a pointer and a length, are %S characters, %B bytes, %T a
-/// template, %A attributes to be filled in, and %R a buffer with a pointer to its length.
+/// A call as text. The form has one directive for each argument: %x, %u and %o (an object) are numbers, %p a
+/// pointer that should be null, %a the low half of a pointer, %r a pointer to a number, %m a mechanism, %l a
+/// token's label with a NUL after it. %- is left out. Capital letters take two arguments, a pointer and a
+/// length: %S characters, %B bytes, %T a template, %A attributes to be read, %R a buffer with a pointer to
+/// its length.
 std::string describe(std::string_view form, const CK_ULONG* words) {
   std::ostringstream out;
   for (std::size_t at = form.find('%'); at != form.npos; at = form.find('%')) {
@@ -41,7 +42,7 @@ std::string describe(std::string_view form, const CK_ULONG* words) {
     if (kind == 'x' || kind == 'o') out << "0x" << std::hex << first;
     if (kind == 'a') out << "0x" << std::hex << (first & 0xffff'ffff);
     if (kind == 'o' && !state.yielded.contains(first))
-      state.broken.push_back(out.str() + ": an object that the caller was not told of");
+      state.violations.push_back(out.str() + ": an object that was not reported to the caller");
     if (kind == 'u') out << std::dec << first;
     if (kind == 'p') out << (first == 0 ? "null" : "not null");
     if (kind == 'l') out << '"' << view(pointer, 32) << (view(pointer, 33).back() == 0 ? "\\0\"" : "\"");
@@ -72,32 +73,33 @@ void require(bool holds, CK_RV otherwise) {
   if (!holds) throw otherwise;
 }
 
-/// The element that has this value in this member.
+/// Finds the element whose member has this value, or throws the code.
 template <class Range, class Member, class Value>
-auto& pick(Range& range, Member member, Value value, CK_RV otherwise) {
+auto& find(Range& range, Member member, Value value, CK_RV otherwise) {
   const auto found = std::ranges::find(range, value, member);
   require(found != range.end(), otherwise);
   return *found;
 }
 
-/// The first argument of a call. What it names is looked up as the function's body asks for it.
-struct Named {
+/// The first argument of a call, a slot ID or a session handle. It converts to whatever the function's body
+/// takes.
+struct FirstArgument {
   CK_ULONG value;
 
   operator CK_ULONG() const { return value; }
-  operator Slot&() const {  // with a token in it
-    Slot& slot = pick(state.slots, &Slot::id, value, CKR_SLOT_ID_INVALID);
+  operator Slot&() const {  // requires a token
+    Slot& slot = find(state.slots, &Slot::id, value, CKR_SLOT_ID_INVALID);
     require((slot.info.flags & CKF_TOKEN_PRESENT) != 0, CKR_TOKEN_NOT_PRESENT);
     return slot;
   }
   operator Session&() const {
-    return pick(state.sessions, &Session::handle, value, CKR_SESSION_HANDLE_INVALID);
+    return find(state.sessions, &Session::handle, value, CKR_SESSION_HANDLE_INVALID);
   }
 };
 
 bool hasSession(const Slot& slot) { return std::ranges::count(state.sessions, &slot, &Session::slot) > 0; }
 
-/// With its last session closed, a token is logged out.
+/// Closing a token's last session logs it out.
 template <class Member, class Value>
 void closeSessions(Member member, Value value) {
   std::erase_if(state.sessions, [&](const Session& session) { return session.*member == value; });
@@ -107,23 +109,26 @@ void closeSessions(Member member, Value value) {
 
 using Words = std::array<CK_ULONG, 8>;  // the arguments of a call
 
-/// What a call leaves behind, by what its caller was told; what ends an operation ends it even if it fails.
-void conclude(const std::string& name, const Words& words, CK_RV done, CK_RV told, const Numbers& numbers) {
-  if (name == "C_FindObjectsInit" && told == CKR_OK) state.searches.try_emplace(words[0]);
-  const bool undone = name == "C_FindObjectsInit" && done == CKR_OK && told != CKR_OK;
-  if (undone || name == "C_FindObjectsFinal") state.searches.erase(words[0]);
-  if (name == "C_FindObjects" && told == CKR_OK && state.searches.contains(words[0]))
+/// Updates the state after a call, by the code that was reported to the caller. A call that ends an operation
+/// ends it even if the call failed.
+void updateState(const std::string& name, const Words& words, CK_RV actual, CK_RV reported,
+                 const Numbers& numbers) {
+  if (name == "C_FindObjectsInit" && reported == CKR_OK) state.searches.try_emplace(words[0]);
+  const bool isRevoked = name == "C_FindObjectsInit" && actual == CKR_OK && reported != CKR_OK;
+  if (isRevoked || name == "C_FindObjectsFinal") state.searches.erase(words[0]);
+  if (name == "C_FindObjects" && reported == CKR_OK && state.searches.contains(words[0]))
     state.yielded.insert(numbers[0], numbers[0] + std::min(words[2], *numbers[1]));
-  if (name == "C_GenerateKeyPair" && told == CKR_OK) state.yielded.insert(*numbers[0]);
-  if (name == "C_Sign" && told != CKR_BUFFER_TOO_SMALL && told != CKR_ARGUMENTS_BAD)
+  if (name == "C_GenerateKeyPair" && reported == CKR_OK) state.yielded.insert(*numbers[0]);
+  if (name == "C_Sign" && reported != CKR_BUFFER_TOO_SMALL && reported != CKR_ARGUMENTS_BAD)
     for (auto& session : state.sessions)
       if (session.handle == words[0]) session.signingKey.reset();
   if (name == "C_Finalize" && state.initializations > 0 && --state.initializations == 0)
     for (auto& slot : state.slots) closeSessions(&Session::slot, &slot);
 }
 
-/// The road of every call: logged; failed if a test has ordered it; refused before C_Initialize; then done by
-/// the body, a lambda without captures, whose type is thus all of it; and answered as a test may have it.
+/// Defines a function: it logs the call, fails if failAt() says so or before C_Initialize, otherwise runs the
+/// body, then lets onReturn change the results. The body is a lambda without captures, so its type is enough
+/// to create it.
 template <class First, class... Rest, class Body>
 void define(CK_RV (*&function)(First, Rest...), const char* text, Body) {
   static const char* form;
@@ -134,14 +139,14 @@ void define(CK_RV (*&function)(First, Rest...), const char* text, Body) {
     const std::string name = nameOf(call);
     state.log.push_back(call);
     if (state.onCall) state.onCall(call);
-    CK_RV done = CKR_OK;
+    CK_RV actual = CKR_OK;
     try {
       if (const auto fault = state.faults.extract({name, ++state.calls[name]})) throw fault.mapped();
-      const bool needsNoModule = name == "C_GetFunctionList" || name == "C_Initialize";
-      require(state.initializations > 0 || needsNoModule, CKR_CRYPTOKI_NOT_INITIALIZED);
-      Body{}(Named{words[0]}, rest...);
+      const bool mayComeFirst = name == "C_GetFunctionList" || name == "C_Initialize";
+      require(state.initializations > 0 || mayComeFirst, CKR_CRYPTOKI_NOT_INITIALIZED);
+      Body{}(FirstArgument{words[0]}, rest...);
     } catch (const CK_RV refusal) {
-      done = refusal;
+      actual = refusal;
     }
 
     Numbers numbers;
@@ -152,17 +157,17 @@ void define(CK_RV (*&function)(First, Rest...), const char* text, Body) {
     (..., collect(rest));
     for (CK_ULONG i = 0; name == "C_GetAttributeValue" && i < words[3]; ++i)
       collect(&reinterpret_cast<CK_ATTRIBUTE*>(words[2])[i].ulValueLen);
-    CK_RV told = done;
-    if (state.onAnswer) state.onAnswer(call, told, numbers);
-    conclude(name, words, done, told, numbers);
-    if (told != CKR_OK) state.codes.insert(told);
-    return state.lastCode = told;
+    CK_RV reported = actual;
+    if (state.onReturn) state.onReturn(call, reported, numbers);
+    updateState(name, words, actual, reported, numbers);
+    if (reported != CKR_OK) state.codes.insert(reported);
+    return state.lastCode = reported;
   };
 }
 
 Object& objectOf(const Session& session, CK_OBJECT_HANDLE handle) {
-  Object& object = pick(session.slot->objects, &Object::handle, handle, CKR_OBJECT_HANDLE_INVALID);
-  require(session.slot->shows(object), CKR_OBJECT_HANDLE_INVALID);
+  Object& object = find(session.slot->objects, &Object::handle, handle, CKR_OBJECT_HANDLE_INVALID);
+  require(session.slot->isVisible(object), CKR_OBJECT_HANDLE_INVALID);
   return object;
 }
 
@@ -177,13 +182,13 @@ Attributes attributesIn(const CK_ATTRIBUTE* attributes, CK_ULONG count) {
 }
 
 CK_OBJECT_HANDLE create(const Session& session, const Attributes& attributes) {
-  require(session.slot->shows({0, attributes}), CKR_USER_NOT_LOGGED_IN);
+  require(session.slot->isVisible({0, attributes}), CKR_USER_NOT_LOGGED_IN);
   return state.addObject(*session.slot, attributes);
 }
 
-/// The protocol for a result of unknown length: only the length without a buffer, else all or nothing.
+/// Copies a result of unknown length: without a buffer only its length, otherwise all of it or nothing.
 template <class Range, class T, class Member = std::identity>
-void handOut(const Range& range, T* buffer, CK_ULONG* length, Member member = {}) {
+void copyOut(const Range& range, T* buffer, CK_ULONG* length, Member member = {}) {
   const CK_ULONG room = std::exchange(*length, range.size());
   require(buffer == nullptr || room >= range.size(), CKR_BUFFER_TOO_SMALL);
   if (buffer != nullptr) std::ranges::transform(range, buffer, member);
@@ -206,13 +211,13 @@ CK_FUNCTION_LIST functions() {
   FUNCTION(Finalize, "%p", [](CK_ULONG) {});
 
   FUNCTION(GetSlotList, "tokenPresent %u, %R",
-           [](CK_ULONG, auto* ids, auto* count) { handOut(state.slots, ids, count, &Slot::id); });
+           [](CK_ULONG, auto* ids, auto* count) { copyOut(state.slots, ids, count, &Slot::id); });
   FUNCTION(GetSlotInfo, "slot %x", [](CK_ULONG id, auto* info) {
-    *info = pick(state.slots, &Slot::id, id, CKR_SLOT_ID_INVALID).info;
+    *info = find(state.slots, &Slot::id, id, CKR_SLOT_ID_INVALID).info;
   });
   FUNCTION(GetTokenInfo, "slot %x", [](Slot& slot, auto* info) { *info = slot.token; });
   FUNCTION(GetMechanismList, "slot %x, %R", [](Slot& slot, auto* types, auto* count) {
-    handOut(slot.mechanisms, types, count, [](auto& mechanism) { return mechanism.first; });
+    copyOut(slot.mechanisms, types, count, [](auto& mechanism) { return mechanism.first; });
   });
   FUNCTION(GetMechanismInfo, "slot %x, mechanism %x", [](Slot& slot, auto type, auto* info) {
     require(slot.mechanisms.contains(type), CKR_MECHANISM_INVALID);
@@ -273,10 +278,10 @@ CK_FUNCTION_LIST functions() {
   SESSION(GetAttributeValue, ", object %o, %A", [](Session& session, auto object, auto* wanted, auto count) {
     const Attributes& values = objectOf(session, object).attributes;
     CK_RV result = CKR_OK;
-    for (auto* a = wanted; a != wanted + count; ++a) {  // to the end, even past a failure
+    for (auto* a = wanted; a != wanted + count; ++a) {  // continues after a failure
       try {
         require(values.contains(a->type), CKR_ATTRIBUTE_TYPE_INVALID);
-        handOut(values.at(a->type), static_cast<CK_BYTE*>(a->pValue), &a->ulValueLen);
+        copyOut(values.at(a->type), static_cast<CK_BYTE*>(a->pValue), &a->ulValueLen);
       } catch (const CK_RV refusal) {
         a->ulValueLen = CK_UNAVAILABLE_INFORMATION;
         result = refusal;
@@ -290,14 +295,14 @@ CK_FUNCTION_LIST functions() {
   });
 
   SESSION(FindObjectsInit, ", %T", [](Session& session, auto* attributes, auto count) {
-    // A module that cannot end a search replaces it.
+    // Without C_FindObjectsFinal, a new search replaces the active one.
     const bool isFirst = !state.searches.contains(session.handle) || !state.functions.C_FindObjectsFinal;
-    if (!isFirst) state.broken.push_back("C_FindObjectsInit: a search within a search");
+    if (!isFirst) state.violations.push_back("C_FindObjectsInit: a search during a search");
     require(isFirst, CKR_OPERATION_ACTIVE);
     auto& matches = state.searches[session.handle] = {};
     const Attributes wanted = attributesIn(attributes, count);
     for (const auto& object : session.slot->objects)
-      if (session.slot->shows(object) && std::ranges::includes(object.attributes, wanted))
+      if (session.slot->isVisible(object) && std::ranges::includes(object.attributes, wanted))
         matches.push_back(object.handle);
   });
   SESSION(FindObjects, ", room %-%u", [](Session& session, auto* objects, auto room, auto* count) {
@@ -319,8 +324,8 @@ CK_FUNCTION_LIST functions() {
             require(session.signingKey.has_value(), CKR_OPERATION_NOT_INITIALIZED);
             require(data != nullptr, CKR_ARGUMENTS_BAD);
             const Bytes value = objectOf(session, *session.signingKey).sign(Bytes(view(data, length)));
-            require(length + 11 <= value.size(), CKR_DATA_LEN_RANGE);  // the padding's least
-            handOut(value, signature, room);
+            require(length + 11 <= value.size(), CKR_DATA_LEN_RANGE);  // the shortest padding
+            copyOut(value, signature, room);
           });
   SESSION(GenerateKeyPair, ", mechanism %m, public %T, private %T",
           [](Session& session, auto*, auto* publicTemplate, auto publicCount, auto* privateTemplate,

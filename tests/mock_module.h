@@ -1,8 +1,8 @@
-// The control surface of the mock PKCS#11 module, shared by the module and the tests.
+// The state of the mock PKCS#11 module, which tests read and change.
 //
-// The library loads the module by path, like any vendor's. A test opens the same file with dlopen first,
-// which keeps this state alive over the library's dlclose, and reaches it through the exported mockModule().
-// All members are inline, so a test has nothing to link against.
+// The library loads the module by path, like any vendor's module. A test first opens the same file with
+// dlopen, so that the state survives the library's dlclose, and gets it from the exported mockModule(). All
+// members are inline, so tests need not link with the module.
 #pragma once
 
 #include <p11-kit/pkcs11.h>
@@ -26,7 +26,7 @@ inline Bytes number(CK_ULONG value) { return {reinterpret_cast<const char*>(&val
 const Bytes kTrue{CK_TRUE};
 const Bytes kFalse{CK_FALSE};
 
-/// The function of a call in the log.
+/// The function's name in a logged call.
 inline std::string nameOf(const std::string& call) { return call.substr(0, call.find('(')); }
 
 struct Object {
@@ -36,7 +36,7 @@ struct Object {
   bool has(CK_ATTRIBUTE_TYPE type, const Bytes& value) const {
     return attributes.contains(type) && attributes.at(type) == value;
   }
-  /// What C_Sign answers for this key: no cryptography, but another key or other data give another signature.
+  /// The result of C_Sign: not cryptography, but different for each key and each data.
   Bytes sign(const Bytes& data) const {
     const Bytes mixed = data + static_cast<char>(handle);
     Bytes signature = attributes.at(CKA_MODULUS);
@@ -65,7 +65,7 @@ struct Slot {
     std::copy_n("0123456789abcdef", sizeof token.serialNumber, token.serialNumber);
     token.flags = CKF_RNG | CKF_LOGIN_REQUIRED | CKF_USER_PIN_INITIALIZED | CKF_TOKEN_INITIALIZED;
   }
-  bool shows(const Object& object) const { return login == CKU_USER || !object.has(CKA_PRIVATE, kTrue); }
+  bool isVisible(const Object& object) const { return login == CKU_USER || !object.has(CKA_PRIVATE, kTrue); }
 };
 
 struct Session {
@@ -74,59 +74,60 @@ struct Session {
   std::optional<CK_OBJECT_HANDLE> signingKey = {};
 };
 
-/// What a call hands out in numbers: counts, lengths and handles, the arrays' first elements.
+/// The numbers that a call returns through pointers: counts, lengths and handles; of an array the first
+/// element.
 using Numbers = std::vector<CK_ULONG*>;
 
 struct Module {
   explicit Module(const CK_FUNCTION_LIST& all) : genuine(all), functions(all) {}
 
-  /// The module as it is when freshly loaded. Not while the library has it bound.
+  /// Resets the module to its state after loading. Must not be called while the library has it bound.
   void reset() {
     *this = Module(genuine);
     list = &functions;
   }
 
-  // What C_GetFunctionList hands out. A test takes a function away by making its pointer null; those that the
-  // library has no use for are null anyway.
+  // C_GetFunctionList returns `functions`. A test removes a function by setting its pointer to null.
+  // Functions that the library does not use are always null.
   CK_FUNCTION_LIST genuine;
   CK_FUNCTION_LIST functions;
-  CK_FUNCTION_LIST* list = &functions;  // if null, nothing is handed out
-  bool freshListEachTime = false;       // every C_GetFunctionList hands out another copy of `genuine`
+  CK_FUNCTION_LIST* list = &functions;  // if null, C_GetFunctionList returns no list
+  bool freshListEachTime = false;       // each C_GetFunctionList returns a new copy of `genuine`
   std::deque<CK_FUNCTION_LIST> freshLists;
 
-  bool acceptsSecondInitialize = false;  // answers CKR_OK; the module ends at the C_Finalize for the first
+  bool acceptsSecondInitialize = false;  // with CKR_OK; each C_Initialize then needs its own C_Finalize
   int initializations = 0;
 
-  bool overwritesConstants = false;  // the flags and numbers in every template that it is given
+  bool overwritesConstants = false;  // the flags and numbers in every template
 
-  // The first holds a token, the second is empty. Not to be resized while a session is open.
+  // The first has a token, the second is empty. Must not be resized while a session is open.
   std::vector<Slot> slots = {Slot(0x11, CKF_TOKEN_PRESENT | CKF_REMOVABLE_DEVICE),
                              Slot(0x22, CKF_REMOVABLE_DEVICE)};
   std::vector<Session> sessions;
 
-  // What the caller was told, which is not what is so when a test bends the answers.
-  std::map<CK_SESSION_HANDLE, std::deque<CK_OBJECT_HANDLE>> searches;  // the active ones, with what is left
+  // What was reported to the caller. onReturn may make it differ from what the module did.
+  std::map<CK_SESSION_HANDLE, std::deque<CK_OBJECT_HANDLE>> searches;  // active ones, with the objects left
   CK_RV lastCode = CKR_OK;                                             // of any call
-  std::set<CK_RV> codes;               // of calls that failed, until a test clears it
+  std::set<CK_RV> codes;               // of failed calls, until a test clears it
   std::set<CK_OBJECT_HANDLE> yielded;  // by searches and key generation, until a test clears it
 
-  /// Every call in order, as text with its arguments. Bytes are hexadecimal, PINs and labels are in quotes, a
-  /// null pointer is `null`; `CKA_ID/16` in a template is a buffer of 16 bytes, `CKA_ID/null` a length query.
+  /// Every call in order, as text with its arguments. Bytes are hexadecimal; PINs and labels are in quotes; a
+  /// null pointer is `null`. `CKA_ID/16` in a template is a buffer of 16 bytes, `CKA_ID/null` a length query.
   std::vector<std::string> log;
-  std::vector<std::string> broken;  // calls with an object that was not yielded, or in the middle of a search
-  std::function<void(const std::string& line)> onCall;  // runs at each call, once it is logged
-  /// Runs when a call has been done, and may change what it answers.
-  std::function<void(const std::string& line, CK_RV& result, const Numbers& numbers)> onAnswer;
+  std::vector<std::string> violations;  // an object that was not yielded, or a search during a search
+  std::function<void(const std::string& line)> onCall;  // runs at each call, after it is logged
+  /// Runs after each call, and may change what it returns.
+  std::function<void(const std::string& line, CK_RV& result, const Numbers& numbers)> onReturn;
 
   std::map<std::string, std::size_t> calls;  // of each function, since the last reset
   std::map<std::pair<std::string, std::size_t>, CK_RV> faults;
-  // Real modules use heap addresses as handles: none of ours fits 32 bits, none is used twice.
+  // Real modules use heap addresses as handles. These handles also exceed 32 bits, and none is used twice.
   CK_SESSION_HANDLE nextSession = 0x7e0000000501;
   CK_OBJECT_HANDLE nextObject = 0x7f0000000010;
 
-  /// The nth call of the function from now, the next one being 1, answers `code`, which may be CKR_OK, and
-  /// does nothing else. What ends an operation ends it all the same: C_FindObjectsFinal, C_Finalize and, but
-  /// for a buffer that is too small, C_Sign.
+  /// Makes the nth call of the function from now, counted from 1, return `code` and do nothing. The code may
+  /// be CKR_OK. C_FindObjectsFinal, C_Finalize and C_Sign still end their operation, but C_Sign not if the
+  /// code is CKR_BUFFER_TOO_SMALL or CKR_ARGUMENTS_BAD.
   void failAt(const std::string& name, std::size_t nth, CK_RV code) {
     faults[{name, calls[name] + nth}] = code;
   }
@@ -136,7 +137,7 @@ struct Module {
     slot.objects.push_back({nextObject, std::move(attributes)});
     return std::exchange(nextObject, nextObject + 0x10);
   }
-  /// A certificate, a data object, or half of an RSA key pair; its content is its value or its modulus.
+  /// Adds a certificate, a data object, or one key of an RSA pair. `content` is its value or modulus.
   void addObject(CK_OBJECT_CLASS kind, const Bytes& id, const Bytes& label, const Bytes& content) {
     Attributes all = {{CKA_CLASS, number(kind)}, {CKA_ID, id}, {CKA_LABEL, label}};
     const bool isKey = kind == CKO_PUBLIC_KEY || kind == CKO_PRIVATE_KEY;

@@ -1,6 +1,4 @@
-// What holds for every entry point, whatever fails: derived from the table of entry points, not written by
-// hand. After each call the fixture checks that inputs are released, searches ended, and no handle was made
-// up.
+// Rules that hold for every entry point, whatever fails. The cases come from the table of entry points.
 
 #include <algorithm>
 #include <regex>
@@ -9,12 +7,12 @@
 
 namespace {
 
-/// Whether the answer tells the code of what failed; the others have codes of their own.
-bool tellsCode(const EntryPoint& entry) {
-  static const std::regex others(
+/// Whether the result contains the code of the failed call. The other entry points have their own codes.
+bool reportsCode(const EntryPoint& entry) {
+  static const std::regex withOwnCodes(
       "get(Slot|Token|Mechanism)Info|getSlotCount|getObjectCountInTheToken|isCardEmpty|sign|decrypt|"
       "read(Attribute)?Certificate|read(Certificate|PublicKey|PrivateKey)(ID|Label)");
-  return entry.form != "[]" && !std::regex_match(entry.name, others);
+  return entry.form != "[]" && !std::regex_match(entry.name, withOwnCodes);
 }
 
 bool isGuarded(const EntryPoint& entry) {
@@ -23,10 +21,10 @@ bool isGuarded(const EntryPoint& entry) {
   return takesSlot && (entry.form == "%" || entry.name == "readSlotDescription");
 }
 
-/// Whether an answer is this code, or a listing with it as its status.
-bool tells(const EntryPoint& entry, const std::string& answer, CK_RV code) {
-  const std::string alone = entry.inForm(code);
-  return answer == alone || (entry.form == "{{%}}" && answer.starts_with(alone.substr(0, 5)));
+/// Whether a result is this code, or a listing with this status.
+bool hasCode(const EntryPoint& entry, const std::string& result, CK_RV code) {
+  const std::string codeOnly = entry.formatCode(code);
+  return result == codeOnly || (entry.form == "{{%}}" && result.starts_with(codeOnly.substr(0, 5)));
 }
 
 class Sweep : public Fixture {
@@ -36,54 +34,55 @@ class Sweep : public Fixture {
     return call(entry);
   }
 
-  /// The library as sound as before: `rv` is the module's last code, which a guard leaves alone; the session,
-  /// if the call was not to end it, can search; and so it can after another bind.
-  void expectSound(const EntryPoint& entry) {
+  /// Expects the library to work after the call. `rv` is the module's last code, which a guard does not
+  /// change. A session that the call does not end can search, and so can one after a rebind.
+  void expectUsable(const EntryPoint& entry) {
     const CK_RV last = module.lastCode;
     EXPECT_EQ("-1", call("logout", {99}));
-    expectResult(last);
-    const bool isOver = entry.name == "closeSession" || entry.name == "finalize";
-    EXPECT_EQ(entry.state < State::kOpen || isOver, call("isCardEmpty", {0}) == "-1");
+    expectRv(last);
+    const bool endsSession = entry.name == "closeSession" || entry.name == "finalize";
+    EXPECT_EQ(entry.state < State::kOpen || endsSession, call("isCardEmpty", {0}) == "-1");
     begin(State::kOpen);
     EXPECT_EQ("0", call("isCardEmpty", {0}));
   }
 
-  /// What `rv` holds.
-  void expectResult(CK_RV code) {
-    EXPECT_EQ(entryPoint("readSlotDescription").inForm(code), call("readSlotDescription", {99}));
+  void expectRv(CK_RV code) {
+    EXPECT_EQ(entryPoint("readSlotDescription").formatCode(code), call("readSlotDescription", {99}));
   }
 
-  /// The library has answered alone: -1 where a guard has a number for it, else this code, if it tells one.
-  void expectRefusal(const EntryPoint& entry, const std::string& answer, CK_RV code) {
+  /// Expects a refusal without a call of the module: -1 from a guard that returns a number, otherwise this
+  /// code.
+  void expectRefusal(const EntryPoint& entry, const std::string& result, CK_RV code) {
     EXPECT_FALSE(called("C_"));
-    EXPECT_TRUE(isGuarded(entry) ? entry.form != "%" || answer == "-1"
-                                 : !tellsCode(entry) || tells(entry, answer, code))
-        << answer;
+    EXPECT_TRUE(isGuarded(entry) ? entry.form != "%" || result == "-1"
+                                 : !reportsCode(entry) || hasCode(entry, result, code))
+        << result;
   }
 
-  bool worksInSession() const { return called("(session"); }
+  bool usesSession() const { return called("(session"); }
 };
 
 TEST_F(Sweep, EveryCallOfTheModuleFails) {
   for (const auto& entry : entryPoints()) {
     const std::string success = succeed(entry);
-    EXPECT_NE(success, entry.inForm(CKR_GENERAL_ERROR)) << entry.name;
+    EXPECT_NE(success, entry.formatCode(CKR_GENERAL_ERROR)) << entry.name;
     for (const auto& [function, nth] : moduleCalls()) {
-      const bool isKept = entry.swallowed.contains(function) ||
-                          entry.swallowed.contains(function + '#' + std::to_string(nth));
+      const bool isSwallowed = entry.swallowed.contains(function) ||
+                               entry.swallowed.contains(function + '#' + std::to_string(nth));
       for (const CK_RV code :
            {0x02UL, 0x30UL, 0x54UL, 0xb3UL, 0xe0UL, 0x101UL, 0x150UL, 0x191UL, 0x200UL, 0x1'8000'0001UL}) {
         SCOPED_TRACE(entry.name + ", " + function + ' ' + std::to_string(nth) + ", " + std::to_string(code));
         begin(entry.state, true);
         module.failAt(function, nth, code);
-        const std::string answer = call(entry);
-        // In a listing that is as long as it should be, a status byte of 0 is success.
-        EXPECT_TRUE(isKept == (answer == success) || (entry.form == "{{%}}" && (code & 0xffU) == 0));
-        // Of a failed start the calls that follow it may tell.
-        EXPECT_TRUE(isKept || !tellsCode(entry) ||
-                    std::ranges::any_of(module.codes, [&](CK_RV told) { return tells(entry, answer, told); }))
-            << answer;
-        expectSound(entry);
+        const std::string result = call(entry);
+        // A complete listing with a status byte of 0 looks like success.
+        EXPECT_TRUE(isSwallowed == (result == success) || (entry.form == "{{%}}" && (code & 0xffU) == 0));
+        // If the begin of a search fails, the result may be the code of a later call.
+        EXPECT_TRUE(
+            isSwallowed || !reportsCode(entry) ||
+            std::ranges::any_of(module.codes, [&](CK_RV each) { return hasCode(entry, result, each); }))
+            << result;
+        expectUsable(entry);
       }
     }
   }
@@ -97,7 +96,7 @@ TEST_F(Sweep, EveryAllocationOfTheVirtualMachineIsRefused) {
       SCOPED_TRACE(entry.name + ", allocation " + std::to_string(nth));
       begin(entry.state, true);
       EXPECT_EQ(call(entry, nth), entry.form == "%" ? "2" : "null");
-      expectSound(entry);
+      expectUsable(entry);
     }
   }
 }
@@ -115,51 +114,51 @@ TEST_F(Sweep, EveryReferenceIsNull) {
     cases.push_back(all);
     for (const auto& arguments : cases) {
       begin(entry.state, true);
-      EXPECT_EQ(entry.inForm(CKR_ARGUMENTS_BAD), call(entry.name, arguments)) << entry.name;
+      EXPECT_EQ(entry.formatCode(CKR_ARGUMENTS_BAD), call(entry.name, arguments)) << entry.name;
       EXPECT_FALSE(called("C_"));
     }
     if (entry.form != "%" || !all[0].isSlot) continue;
     all[0].number = 2;
-    EXPECT_EQ("-1", call(entry.name, all)) << entry.name << ": the slot comes first";
+    EXPECT_EQ("-1", call(entry.name, all)) << entry.name << ": the slot index is tested first";
   }
 }
 
-TEST_F(Sweep, EverySlotIndexOutOfRange) {
+TEST_F(Sweep, EverySlotIndexIsOutOfRange) {
   for (const auto& entry : entryPoints()) {
     Arguments arguments = entry.arguments;
     const auto slot =
         std::find_if(arguments.begin(), arguments.end(), [](const auto& a) { return a.isSlot; });
     if (slot == arguments.end()) continue;
     const std::string success = succeed(entry);
-    const unsigned unknown = worksInSession() ? CKR_SESSION_HANDLE_INVALID : CKR_SLOT_ID_INVALID;
+    const unsigned unknown = usesSession() ? CKR_SESSION_HANDLE_INVALID : CKR_SLOT_ID_INVALID;
     for (const jlong index : {-1L, 2L, 1L << 31, 1L << 32, INT64_MAX, INT64_MIN}) {
       SCOPED_TRACE(entry.name + ", slot " + std::to_string(index));
       begin(entry.state, true);
       slot->number = index;
-      const std::string answer = call(entry.name, arguments);
-      expectRefusal(entry, answer, unknown);
-      EXPECT_NE(success, answer);
-      expectResult(isGuarded(entry) ? CKR_OK : unknown);
+      const std::string result = call(entry.name, arguments);
+      expectRefusal(entry, result, unknown);
+      EXPECT_NE(success, result);
+      expectRv(isGuarded(entry) ? CKR_OK : unknown);
     }
   }
 }
 
-TEST_F(Sweep, EveryState) {
+TEST_F(Sweep, EveryStateIsWrong) {
   for (const auto& entry : entryPoints()) {
     if (entry.state == State::kUnbound) continue;
     SCOPED_TRACE(entry.name);
     const std::string success = succeed(entry);
-    const bool asksModule = !module.log.empty();
-    const bool inSession = worksInSession();
+    const bool callsModule = !module.log.empty();
+    const bool needsSession = usesSession();
     begin(entry.state, true);
     call("finalize", {});
-    const std::string answer = call(entry);
-    expectRefusal(entry, answer, CKR_CRYPTOKI_NOT_INITIALIZED);
-    EXPECT_FALSE(asksModule && success == answer) << "unbound";
+    const std::string result = call(entry);
+    expectRefusal(entry, result, CKR_CRYPTOKI_NOT_INITIALIZED);
+    EXPECT_FALSE(callsModule && success == result) << "unbound";
     begin(entry.state, true);
     call("init", {kModule});
     EXPECT_EQ(success, call(entry)) << "after a second bind";
-    if (!inSession) continue;
+    if (!needsSession) continue;
     begin(State::kBound, true);
     const std::string unopened = call(entry);
     EXPECT_TRUE(entry.form == "%" ? unopened == "-1" && !called("C_") : called("(session 0x0")) << unopened;

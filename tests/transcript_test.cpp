@@ -1,12 +1,12 @@
-// Plays the scripts in transcripts/ and compares all that happens, in its order, with what they say: for each
-// call the module's calls with their templates, the virtual machine's, every trace, and the answer.
+// Runs the scripts in transcripts/ and compares the events of each call, in order, with the record there:
+// calls of the module with their templates, calls of JNI, traces and the result.
 //
-// A script is made of calls (`> sign 0 data`), stage directions (`! fail C_Sign 1 0x30`), comments and blank
-// lines. An argument is a number, `null`, a text, or `name=text` where the record shall call it by name;
-// `#0aff` is a text in hexadecimal, `*9` one of nine asterisks. The indented lines are the record: all of it,
-// or how it departs from the longest record of the same entry point that stands in full above (`.. 5 as
-// above, to C_SignInit`: its first five lines). With TRANSCRIPTS=write they are written anew, to be read in
-// the difference before they are committed.
+// A script consists of calls (`> sign 0 data`), directions (`! fail C_Sign 1 0x30`), comments and blank
+// lines. An argument is a number, `null`, a text, or `name=text` to give the text a name in the record.
+// `#0aff` is a text in hexadecimal, `*9` is nine asterisks. The indented lines are the record of the call
+// above them. A record that resembles an earlier one of the same entry point shows only the difference: `.. 5
+// as above, to C_SignInit` replaces its first five lines. TRANSCRIPTS=write rewrites the records; check the
+// difference before you commit it.
 
 #include <algorithm>
 #include <cstdlib>
@@ -36,14 +36,14 @@ Words split(const std::string& text) {
   return {std::istream_iterator<std::string>(words), {}};
 }
 
-std::string joined(const Words& words, const char* between) {
+std::string join(const Words& words, const char* between) {
   std::string all;
   for (const auto& word : words) all += (all.empty() ? "" : between) + word;
   return all;
 }
 
-/// The same words, but one that stands there this often in a row, or more often, is counted.
-Words counted(const Words& words, std::ptrdiff_t least) {
+/// Replaces each word that is repeated in a row, `least` times or more, by one with the number of times.
+Words countRepeats(const Words& words, std::ptrdiff_t least) {
   Words all;
   for (auto word = words.begin(); word != words.end();) {
     const auto next = std::find_if(word, words.end(), [&](const auto& other) { return other != *word; });
@@ -73,22 +73,22 @@ Argument argument(const std::string& word) {
 
 class Transcript : public Fixture, public testing::WithParamInterface<const char*> {
  protected:
-  /// From now on a function succeeds and claims this length or count in its first call, that one in its
-  /// second, and so on; C_FindObjects claims to have found so many, with the second number for its result.
+  /// Makes a function succeed from now on and claim the first length or count in odd calls, the second in
+  /// even ones. C_FindObjects claims the first count in every call and returns the second number as its code.
   void claim(const std::string& function, CK_ULONG first, CK_ULONG second) {
-    module.onAnswer = [=, odd = true](const std::string& line, CK_RV& result,
-                                      const mock::Numbers& numbers) mutable {
+    module.onReturn = [=, isOdd = true](const std::string& line, CK_RV& result,
+                                        const mock::Numbers& numbers) mutable {
       if (!line.starts_with(function + '(')) return;
       const bool isSearch = function == "C_FindObjects";
       result = isSearch ? second : CKR_OK;
       for (CK_ULONG* number : numbers)
         if (number == numbers.back() || function == "C_GetAttributeValue")
-          *number = odd || isSearch ? first : second;
-      odd = !odd;
+          *number = isOdd || isSearch ? first : second;
+      isOdd = !isOdd;
     };
   }
 
-  void direct(const Words& words) {
+  void follow(const Words& words) {
     const auto text = [&](std::size_t i) { return content(words.at(i)); };
     const auto number = [&](std::size_t i) { return std::stoul(words.at(i), nullptr, 0); };
     const std::map<std::string, std::function<void()>> directions = {
@@ -114,14 +114,14 @@ class Transcript : public Fixture, public testing::WithParamInterface<const char
         {"acceptsSecondInitialize", [&] { module.acceptsSecondInitialize = true; }},
         {"noFunctions", [&] { module.functions = {}; }},
         {"claims", [&] { claim(words.at(1), number(2), number(3)); }},
-        // When the second search of a call begins.
+        // Follows another direction when the second search of a call begins.
         {"later",
          [&] {
            const std::size_t begun = module.calls["C_FindObjectsInit"];
            module.onCall = [this, begun,
                             then = Words(words.begin() + 1, words.end())](const std::string& line) {
              if (line.starts_with("C_FindObjectsInit") && module.calls["C_FindObjectsInit"] == begun + 1)
-               direct(then);
+               follow(then);
            };
          }},
     };
@@ -129,12 +129,11 @@ class Transcript : public Fixture, public testing::WithParamInterface<const char
     directions.at(words.at(0))();
   }
 
-  /// The record as a script shows it. Traces stand behind the call that they follow, and so do the further
-  /// calls of a search, the second of a read, an unloading, and the virtual machine's in a row, where one of
-  /// the same name is not named again. A new array and its filling are one event. What is said several times
-  /// is counted.
-  Words lines(const std::string& answer) const {
-    Words shown;
+  /// The record as a script shows it. The line of a call also has the traces after it, the further calls of
+  /// its search or read, an unloading, and further JNI calls, without the name if it is the same. A new array
+  /// and its filling are one event. Repeated lines are counted.
+  Words recordLines(const std::string& result) const {
+    Words lines;
     std::string last;
     for (auto event = record.begin(); event != record.end(); ++event) {
       const bool isTrace = event->starts_with('"');
@@ -144,43 +143,43 @@ class Transcript : public Fixture, public testing::WithParamInterface<const char
       const bool isFilled = event + 1 != record.end() && event[1].ends_with(filling);
       const std::string text =
           (isJava && name == last ? event->substr(name.size()) : *event) + (isFilled ? " filled" : "");
-      const std::string before = shown.empty() ? "" : shown.back();
+      const std::string before = lines.empty() ? "" : lines.back();
       const bool isSecondRead = event->starts_with("C_GetAttributeValue(") && before.starts_with("C_GetAttr");
       const bool isNext = event->starts_with("C_FindObjects(") || event->starts_with("C_FindObjectsFinal(") ||
                           isSecondRead || *event == "dlclose()";
-      const bool isBehind = !before.empty() && (isTrace || isNext || (isJava && !last.empty()));
-      if (isBehind && shown.back().size() + text.size() < 108)
-        shown.back() += ' ' + text;
+      const bool isContinued = !before.empty() && (isTrace || isNext || (isJava && !last.empty()));
+      if (isContinued && lines.back().size() + text.size() < 108)
+        lines.back() += ' ' + text;
       else
-        shown.push_back(*event + (isFilled ? " filled" : ""));
+        lines.push_back(*event + (isFilled ? " filled" : ""));
       last = name;
       if (isFilled) ++event;
     }
-    shown.push_back("= " + joined(counted(split(answer), 9), " "));
-    return counted(shown, 2);
+    lines.push_back("= " + join(countRepeats(split(result), 9), " "));
+    return countRepeats(lines, 2);
   }
 
-  /// What is told of a record: all of it; or, where a third of it is as in the longest of the same entry
-  /// point that stands in full above, how far it begins and ends like that one, and what is between.
-  static std::string told(const Words& shown, Words& above) {
+  /// The text of a record. `above` is the longest record of the same entry point that a script has in full.
+  /// If at least a third of the lines are the same at the beginning and end, only the others are written out.
+  static std::string abbreviate(const Words& lines, Words& above) {
     const auto name = [](const std::string& line) { return line.substr(0, line.find('(')) + '\n'; };
-    auto head = std::ranges::mismatch(shown, above).in1 - shown.begin();
-    const auto most = static_cast<std::ptrdiff_t>(std::min(shown.size(), above.size())) - head;
-    auto tail = std::mismatch(shown.rbegin(), shown.rbegin() + most, above.rbegin()).first - shown.rbegin();
-    if (head == 1) head = 0;  // as long as what would stand for it
+    auto head = std::ranges::mismatch(lines, above).in1 - lines.begin();
+    const auto rest = static_cast<std::ptrdiff_t>(std::min(lines.size(), above.size())) - head;
+    auto tail = std::mismatch(lines.rbegin(), lines.rbegin() + rest, above.rbegin()).first - lines.rbegin();
+    if (head == 1) head = 0;  // replacing one line saves nothing
     if (tail == 1) tail = 0;
-    if (3 * (head + tail) < std::ssize(shown)) {
-      if (shown.size() > above.size()) above = shown;
-      return "  " + joined(shown, "\n  ") + '\n';
+    if (3 * (head + tail) < std::ssize(lines)) {
+      if (lines.size() > above.size()) above = lines;
+      return "  " + join(lines, "\n  ") + '\n';
     }
     std::string text;
-    if (head > 0) text += "  .. " + std::to_string(head) + " as above, to " + name(shown.begin()[head - 1]);
-    for (auto line = shown.begin() + head; line != shown.end() - tail; ++line) text += "  " + *line + '\n';
-    if (tail > 0) text += "  .. " + std::to_string(tail) + " as above, from " + name(shown.end()[-tail]);
+    if (head > 0) text += "  .. " + std::to_string(head) + " as above, to " + name(lines.begin()[head - 1]);
+    for (auto line = lines.begin() + head; line != lines.end() - tail; ++line) text += "  " + *line + '\n';
+    if (tail > 0) text += "  .. " + std::to_string(tail) + " as above, from " + name(lines.end()[-tail]);
     return text;
   }
 
-  /// What the script says, with the records as they come out.
+  /// Runs the script and returns it with the actual records.
   std::string play(std::istream& script) {
     std::string played;
     std::map<std::string, Words> above;
@@ -190,19 +189,19 @@ class Transcript : public Fixture, public testing::WithParamInterface<const char
       if (!line.starts_with('!') && !line.starts_with('>')) continue;
       const Words words = split(line.substr(1));
       if (line.starts_with('!')) {
-        direct(words);
+        follow(words);
       } else {
         Arguments arguments;
         std::transform(words.begin() + 1, words.end(), std::back_inserter(arguments), argument);
-        const std::string answer = call(words.at(0), arguments);
-        played += told(lines(answer), above[words.at(0)]);
+        const std::string result = call(words.at(0), arguments);
+        played += abbreviate(recordLines(result), above[words.at(0)]);
       }
     }
     return played;
   }
 };
 
-TEST_P(Transcript, IsWhatHappens) {
+TEST_P(Transcript, MatchesTheCalls) {
   const std::string path = std::string(TRANSCRIPTS) + '/' + GetParam() + ".txt";
   std::stringstream script;
   script << std::ifstream(path).rdbuf();

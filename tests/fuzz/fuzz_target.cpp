@@ -1,7 +1,7 @@
-// A caller without a plan and a module that lies. The input chooses which entry points are called with what,
-// which allocations of the virtual machine fail, and how each answer of the module is bent. Whatever comes of
-// it: the sanitizers stay silent, inputs are given back, searches that were told to have begun are ended, and
-// no object handle reaches the module but one that this call was told.
+// Calls entry points at random on a module that returns false results. The input chooses the entry points and
+// their arguments, which allocations by JNI fail, and how each result of the module is falsified. The
+// sanitizers must find nothing. Each call must release its inputs, end its searches, and pass only object
+// handles to the module that the module reported in this call.
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -19,30 +19,30 @@ const std::uint8_t* input = nullptr;
 std::size_t left = 0;
 mock::Module* module = nullptr;
 
-/// The next choice among so many. An input that has ended chooses 0: the honest answer.
-std::size_t choose(std::size_t among) {
+/// The next choice from 0 to `count` - 1. At the end of the input it is 0, which falsifies nothing.
+std::size_t choose(std::size_t count) {
   if (left == 0) return 0;
   --left;
-  return *input++ % among;
+  return *input++ % count;
 }
 
 template <class T, std::size_t N>
-T chosen(const T (&values)[N]) {
+T chooseFrom(const T (&values)[N]) {
   return values[choose(N)];
 }
 
 void require(bool holds, const std::string& what) {
   if (holds) return;
-  std::fprintf(stderr, "broken: %s\n", what.c_str());
+  std::fprintf(stderr, "failed: %s\n", what.c_str());
   std::abort();
 }
 
-void bend(const std::string&, CK_RV& result, const mock::Numbers& numbers) {
+void falsify(const std::string&, CK_RV& result, const mock::Numbers& numbers) {
   for (CK_ULONG* number : numbers)
-    *number = chosen({*number, *number, *number, *number + 1, *number - 1, 0UL, 1UL, 40UL, 1UL << 31U,
-                      (1UL << 31U) - 1, 1UL << 63U, ~0UL});
-  result = chosen({result, result, result, result, CKR_OK, CKR_DEVICE_ERROR, CKR_BUFFER_TOO_SMALL,
-                   CKR_FUNCTION_REJECTED, 0x1'8000'0001UL});
+    *number = chooseFrom({*number, *number, *number, *number + 1, *number - 1, 0UL, 1UL, 40UL, 1UL << 31U,
+                          (1UL << 31U) - 1, 1UL << 63U, ~0UL});
+  result = chooseFrom({result, result, result, result, CKR_OK, CKR_DEVICE_ERROR, CKR_BUFFER_TOO_SMALL,
+                       CKR_FUNCTION_REJECTED, 0x1'8000'0001UL});
 }
 
 void callOne(FakeJni& java, const EntryPoint& entry) {
@@ -50,7 +50,7 @@ void callOne(FakeJni& java, const EntryPoint& entry) {
   for (auto& argument : arguments) {
     if (!argument.isReference) {
       argument.number =
-          chosen({argument.number, argument.number, 1L, 2L, -1L, 1L << 32, INT64_MAX, INT64_MIN});
+          chooseFrom({argument.number, argument.number, 1L, 2L, -1L, 1L << 32, INT64_MAX, INT64_MIN});
     } else if (const std::size_t choice = choose(6); choice > 2) {
       const std::optional<std::string> contents[] = {"", "id", std::nullopt};
       argument.content = contents[choice - 3];
@@ -62,8 +62,8 @@ void callOne(FakeJni& java, const EntryPoint& entry) {
   if (const std::size_t nth = choose(64); nth > 48) java.refuse(nth - 48);
   entry.call(java, arguments);
   for (const auto& fault : java.faults) require(false, fault);
-  for (const auto& fault : module->broken) require(false, fault);
-  require(java.balanced(), "an input was not given back");
+  for (const auto& violation : module->violations) require(false, violation);
+  require(java.hasReleasedAll(), "an input was not released");
   require(module->searches.empty() || !module->functions.C_FindObjectsFinal, "a search was not ended");
 }
 
@@ -84,14 +84,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   module->freshListEachTime = choose(4) == 1;
   module->acceptsSecondInitialize = choose(4) == 1;
   if (choose(16) == 1) module->list = nullptr;
-  // Most inputs begin where there is something to do.
+  // Most inputs begin with a user logged in.
   if (choose(4) != 1) {
     for (const char* name : {"init", "openSession", "login"}) {
       entryPoint(name).call(java, entryPoint(name).arguments);
     }
   }
-  module->onAnswer = bend;
-  // One of the functions, if the input says so, is not there at all.
+  module->onReturn = falsify;
+  // The input may remove one function from the list.
   constexpr std::size_t first = offsetof(CK_FUNCTION_LIST, C_Initialize);
   const std::size_t missing = first + (choose(256) - 1) * sizeof(void*);
   if (missing >= first && missing < sizeof(CK_FUNCTION_LIST))
