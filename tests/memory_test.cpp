@@ -12,7 +12,7 @@
 
 namespace {
 
-// Each secret of the entry point table ends with these bytes, which no other data and no address contain. A
+// Each secret of the entry point table ends with these bytes, which no other test data contains. A
 // wiped byte is 0, so a secret is found even if only its last byte is left.
 constexpr char kSecret[] = {0, 0, 0, '\xfe'};
 

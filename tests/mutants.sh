@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Plants each fault of mutants.txt in a copy of the project and names the test that notices it, the first in ctest's
-# order: a native one for the library, one on the first JDK for the classes. Ends with the number of those that none
-# noticed. A fault that can no longer be planted has to be mended in the table.
+# Applies each fault of mutants.txt to a copy of the project and prints the first test that notices it: a native test
+# for the library, a test on the first JDK for the classes. The exit status is the number of faults that no test
+# notices. If a fault can no longer be applied, correct its row.
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 copy=$root/build/mutants
@@ -21,15 +21,15 @@ while IFS=$'\t' read -r file change what; do
   esac
   sed -i "$change" "$copy/$folder/$file"
   if cmp --silent "$root/$folder/$file" "$copy/$folder/$file"; then
-    noticed="CANNOT BE PLANTED"
+    noticed="CANNOT BE APPLIED"
   elif ! cmake --build "$copy/build" --parallel >"$copy/log" 2>&1; then
     noticed="DOES NOT COMPILE"
-  else # each native test in a process of its own
+  else # ctest runs each native test in its own process
     ctest --test-dir "$copy/build" "${tests[@]}" --parallel "$(nproc)" --timeout 300 >"$copy/log" 2>&1 </dev/null ||
       true
     noticed=$(sed -n 's/.*Test *#\([0-9]*\): \([^ ]*\) .*\*\*\*.*/\1 \2/p' "$copy/log" | sort -n | sed 's/.* //;q')
   fi
-  case ${noticed:=NOBODY} in CANNOT* | DOES* | NOBODY) survivors=$((survivors + 1)) ;; esac
+  case ${noticed:=NO TEST} in CANNOT* | DOES* | NO\ TEST) survivors=$((survivors + 1)) ;; esac
   printf '%-60s %s\n' "$what" "$noticed"
   cp "$root/$folder/$file" "$copy/$folder/$file"
 done <"$root/tests/mutants.txt"

@@ -11,7 +11,7 @@ import java.util.regex.*;
 import org.junit.jupiter.api.*;
 import org.junit.jupiter.api.io.TempDir;
 
-/** The command of the jar, run as a user does. */
+/** The jar's command, run as a user runs it. */
 class CommandTest {
     private static final String COMMAND = System.getProperty("java.home") + "/bin/java -Djava.library.path="
             + System.getProperty("java.library.path") + " -jar ";
@@ -20,10 +20,10 @@ class CommandTest {
     private static final String MOCK = System.getProperty("mock");
     private static final String CLIENT = System.getProperty("client");
     private static final String PIN = SoftTokenTest.PIN;
-    private static final String HANGS = "|sh -c 'cat >/dev/null'"; // no answer for p11-kit's client
+    private static final String HANGS = "|sh -c 'cat >/dev/null'"; // p11-kit's client gets no reply
 
     @TempDir
-    private Path folder; // the command's current one
+    private Path folder; // the command's working directory
     private final Map<String, String> environment = new HashMap<>(Map.of("P11_KIT_SERVER_ADDRESS", HANGS));
     private Process process;
     private BufferedReader out;
@@ -54,7 +54,7 @@ class CommandTest {
         out = process.inputReader();
     }
 
-    /** The rest of what it prints; its standard error is empty if its status is 0. */
+    /** Expects this exit status, and an empty standard error if it is 0. Returns the rest of the output. */
     private String assertEnds(int status) throws Exception {
         StringWriter rest = new StringWriter();
         out.transferTo(rest);
@@ -79,7 +79,7 @@ class CommandTest {
         }
     }
 
-    /** The second virtual machine. */
+    /** The second JVM. */
     private ProcessHandle worker() throws Exception {
         while (process.children().findFirst().isEmpty()) {
             Thread.sleep(10);
@@ -102,7 +102,7 @@ class CommandTest {
     }
 
     @Test
-    void aTokenIsShownAndCheckedAndStaysAsItWas() throws Exception {
+    void showAndCheckLeaveTheTokenUnchanged() throws Exception {
         String open = run(0, "show", "--module", SOFTHSM2);
         assertContains(open, "\"YENIKART\"", "not logged in", "SMARTCARD_PIN", "RSA private keys: 0", "Slot 1: ",
                 "not initialised");
@@ -124,7 +124,7 @@ class CommandTest {
     }
 
     @Test
-    void whatACrashLeavesIsToldAndDeleted() throws Exception {
+    void leftoversOfACrashAreReportedAndDeleted() throws Exception {
         environment.put("SMARTCARD_PIN", PIN);
         start("check", "--module", SOFTHSM2, "--write");
         awaitLine("generate a key pair .*");
@@ -134,24 +134,24 @@ class CommandTest {
                 "(?s).*Max core file size +0 +0 .*"));
         signal("SEGV", worker);
         assertEnds(11);
-        Matcher told = Pattern.compile("the module crashed in step: (.+); the crash report, which may show the PIN, is "
+        Matcher report = Pattern.compile("the module crashed in step: (.+); the crash report, which may show the PIN, is "
                 + "in (.+)\n(?s:.*)\"Module check\".* deletes them:\n  java -jar (.+)\n").matcher(err());
-        assertTrue(told.matches(), err());
-        assertTrue(PosixFilePermissions.toString(Files.getPosixFilePermissions(Path.of(told.group(2))))
-                .matches("rw-(-..){2}"), told.group(2));
+        assertTrue(report.matches(), err());
+        assertTrue(PosixFilePermissions.toString(Files.getPosixFilePermissions(Path.of(report.group(2))))
+                .matches("rw-(-..){2}"), report.group(2));
 
         SoftTokenTest.assertOk(Smartcard.initDLL(SOFTHSM2), Smartcard.openSessionDLL(SoftTokenTest.SLOT),
                 Smartcard.loginDLL(SoftTokenTest.SLOT, PIN, 1));
-        generate("left".getBytes(), "Module check, renamed"); // in case that the crash came between two of them
+        generate("left".getBytes(), "Module check, renamed"); // in case the crash left nothing
         Smartcard.finalizeDLL();
-        start(List.of("sh", "-c", COMMAND + told.group(3)));
+        start(List.of("sh", "-c", COMMAND + report.group(3)));
         assertContains(assertEnds(0), "worked        private key \"Module check", "delete public key \"Module check");
         String shown = run(0, "show", "--module", SOFTHSM2, "--slot", "0");
         assertTrue(shown.contains("Contracts") && !shown.contains("Module check"), shown);
     }
 
     @Test
-    void aPinIsSentOnce() throws Exception {
+    void wrongPinIsSentOnce() throws Exception {
         Smartcard.initDLL(SOFTHSM2);
         Recipes.newToken(SOFTHSM2, 1, PIN, PIN);
         Smartcard.finalizeDLL();
@@ -162,9 +162,9 @@ class CommandTest {
         assertContains(err(), "CKR_PIN_INCORRECT (0xa0)");
     }
 
-    /** On a terminal, which {@code script} provides. */
+    /** {@code script} provides the terminal. */
     @Test
-    void thePinIsAskedForWithoutEcho() throws Exception {
+    void pinIsReadWithoutEcho() throws Exception {
         start(List.of("script", "--quiet", "--return", "--command",
                 COMMAND + JAR + " show --module " + SOFTHSM2 + " --slot 0", "/dev/null"));
         StringBuilder output = new StringBuilder();
@@ -179,21 +179,21 @@ class CommandTest {
     }
 
     @Test
-    void resultsThatDoNotFit() throws Exception {
+    void inconsistentResultsAreReported() throws Exception {
         environment.put("SMARTCARD_PIN", "1234");
         assertContains(run(10, "check", "--module", MOCK, "--write"), "INCONSISTENT  the signature does not verify",
                 "Inconsistent results: 2");
     }
 
     @Test
-    void aModuleThatHangsEndsWithTheCommand() throws Exception {
+    void hangingModuleEndsWithTheCommand() throws Exception {
         Path traces = folder.resolve("traces");
         start("check", "--module", CLIENT, "--timeout", "5", "--traces", "traces");
         while (!Files.exists(traces) || Files.size(traces) == 0) {
             Thread.sleep(10);
         }
         ProcessHandle stopped = worker();
-        signal("STOP", stopped); // so that it cannot end by itself
+        signal("STOP", stopped); // it can no longer end itself
         assertEnds(12);
         assertEquals("the module did not return within 5 s, in step: load and initialise the module\n", err());
         stopped.onExit().get(10, TimeUnit.SECONDS);
@@ -214,7 +214,7 @@ class CommandTest {
     }
 
     @Test
-    void allModulesAreAskedWhateverOneDoes() throws Exception {
+    void failingModulesDoNotStopTheOthers() throws Exception {
         Path modules = Files.createDirectories(folder.resolve("pkcs11/modules"));
         environment.put("XDG_CONFIG_HOME", folder.toString());
         Files.writeString(modules.resolve("a.module"), "# hangs\nmodule: " + CLIENT + "\n");
@@ -226,16 +226,16 @@ class CommandTest {
         assertEquals("", err());
     }
 
-    /** By ssh and an sshd of this user's; by a pipe, where that does not let this user in. */
+    /** Uses ssh and an sshd of this user, or a pipe if sshd refuses the login. */
     @Test
-    void aCardInAnotherMachine() throws Exception {
+    void cardInAnotherMachine() throws Exception {
         String remote = "SOFTHSM2_CONF=" + System.getenv("SOFTHSM2_CONF") + " p11-kit remote " + SOFTHSM2;
         int port;
         try (ServerSocket free = new ServerSocket(0, 1, InetAddress.getLoopbackAddress())) {
             port = free.getLocalPort();
         }
         shell("ssh-keygen -q -t ed25519 -N '' -f host && ssh-keygen -q -t ed25519 -N '' -f key"
-                + (Files.isWritable(Path.of("/run")) ? " && mkdir -p /run/sshd" : "")); // wanted of root
+                + (Files.isWritable(Path.of("/run")) ? " && mkdir -p /run/sshd" : "")); // sshd needs it as root
         Files.writeString(folder.resolve("keys"), "restrict,command=\"" + remote + "\" "
                 + Files.readString(folder.resolve("key.pub")));
         Files.writeString(folder.resolve("hosts"), "[127.0.0.1]:" + port + " "
@@ -250,8 +250,8 @@ class CommandTest {
         while (sshd.isAlive() && !(Files.exists(log) && Files.readString(log).contains("listening"))) {
             Thread.sleep(10);
         }
-        boolean letsIn = shell(ssh + " -n") != 255; // ssh's own status
-        environment.putAll(Map.of("P11_KIT_SERVER_ADDRESS", letsIn ? '|' + ssh : "|sh -c '" + remote + "'",
+        boolean canLogIn = shell(ssh + " -n") != 255; // 255 is an error of ssh itself
+        environment.putAll(Map.of("P11_KIT_SERVER_ADDRESS", canLogIn ? '|' + ssh : "|sh -c '" + remote + "'",
                 "SMARTCARD_PIN", PIN));
         try {
             assertContains(run(0, "check", "--module", CLIENT, "--write"), "256 bytes, verified\n");

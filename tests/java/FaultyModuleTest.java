@@ -10,7 +10,7 @@ import java.util.concurrent.*;
 import org.junit.jupiter.api.*;
 import org.junit.jupiter.api.io.TempDir;
 
-/** The faulty module before SoftHSM2: what is ordered of it happens, and nothing else changes. */
+/** The faulty module in front of SoftHSM2: each requested fault happens, and nothing else changes. */
 class FaultyModuleTest {
     private static final String GENUINE = System.getProperty("softhsm2");
     private static final long SLOT = SoftTokenTest.SLOT;
@@ -67,7 +67,7 @@ class FaultyModuleTest {
         sign();
         assertSigns();
 
-        try (FaultyModule other = FaultyModule.before(GENUINE)) { // has orders and calls of its own
+        try (FaultyModule other = FaultyModule.before(GENUINE)) { // has its own faults and calls
             other.fail("C_Sign", 1, 0x30);
             assertSigns();
             assertEquals(List.of(), other.takeCalls());
@@ -81,8 +81,8 @@ class FaultyModuleTest {
         }
     }
 
-    /** A signature that hangs. */
-    private FutureTask<byte[]> hanging() throws Exception {
+    /** Starts a signature that hangs. */
+    private FutureTask<byte[]> startHanging() throws Exception {
         module.hang("C_Sign");
         FutureTask<byte[]> signing = new FutureTask<>(FaultyModuleTest::sign);
         new Thread(signing).start();
@@ -96,7 +96,7 @@ class FaultyModuleTest {
     @Test
     void hangs() throws Exception {
         for (Runnable end : List.<Runnable>of(module::release, module::close)) {
-            FutureTask<byte[]> signing = hanging();
+            FutureTask<byte[]> signing = startHanging();
             end.run();
             SoftTokenTest.assertSigned(modulus, SoftTokenTest.DATA, signing.get());
             assertSigns();
@@ -104,7 +104,7 @@ class FaultyModuleTest {
         assertThrows(IllegalStateException.class, () -> module.hang("C_Sign"));
     }
 
-    /** The virtual machine says where. */
+    /** The JVM's crash report names the module. */
     @Test
     void crashes(@TempDir Path folder) throws Exception {
         Process process = new ProcessBuilder(System.getProperty("java.home") + "/bin/java",
@@ -154,9 +154,9 @@ class FaultyModuleTest {
         assertSigns();
     }
 
-    /** The real module's answers, as its token's folder is moved away, are those that DocsTest finds. */
+    /** DocsTest finds the same codes when it moves the token's folder away from the real module. */
     @Test
-    void removalThatPassesForEmpty() {
+    void removedCardPassesForEmpty() {
         module.remove(SLOT, Removal.EMPTY);
         assertEquals(3, Smartcard.getSlotInfoDLL(SLOT));
         assertStatus(5, Smartcard.readCardSerialNumberDLL(SLOT));
@@ -172,7 +172,7 @@ class FaultyModuleTest {
     }
 
     @Test
-    void removalThatIsCached() {
+    void removedCardIsCached() {
         module.remove(SLOT, Removal.CACHED);
         assertEquals(16, Smartcard.readCardSerialNumberDLL(SLOT).length);
         assertEquals(5, Smartcard.readAllRSAPublicKeysDLL(SLOT).length);
@@ -186,12 +186,12 @@ class FaultyModuleTest {
         assertEquals(0xB3, Smartcard.isSessionOpenDLL(SLOT));
     }
 
-    /** The genuine module being a faulty one as well, which has the call while the card goes. */
+    /** A second faulty module, in front of the first, removes the card while the call hangs in the first. */
     @Test
     void removalDuringACall() throws Exception {
         try (FaultyModule outer = FaultyModule.before(module.path())) {
             bindAgain(outer);
-            FutureTask<byte[]> signing = hanging();
+            FutureTask<byte[]> signing = startHanging();
             outer.remove(SLOT);
             module.release();
             assertStatus(0x32, signing.get());
@@ -218,23 +218,23 @@ class FaultyModuleTest {
     @Test
     void lockedPin() {
         module.tries(SLOT, 3);
-        assertEquals(0, flags());
+        assertEquals(0, pinFlags());
         assertEquals(0xA0, logInAgain("0000"));
-        assertEquals(0x10000, flags());
+        assertEquals(0x10000, pinFlags());
         assertEquals(0, logInAgain(PIN));
-        assertEquals(0, flags());
+        assertEquals(0, pinFlags());
         for (long expected : new long[] {0x10000, 0x30000, 0x50000}) {
             assertEquals(0xA0, logInAgain("0000"));
-            assertEquals(expected, flags());
+            assertEquals(expected, pinFlags());
         }
         assertEquals(0xA4, logInAgain(PIN));
         SoftTokenTest.assertOk(Smartcard.loginDLL(SLOT, PIN, 0), Smartcard.initUserPINDLL(SLOT, PIN, 4));
-        assertEquals(0, flags());
+        assertEquals(0, pinFlags());
         assertEquals(0, logInAgain(PIN));
     }
 
-    /** Those about the user's PIN. */
-    private static long flags() {
+    /** The token's flags for the user's PIN. */
+    private static long pinFlags() {
         return Smartcard.getTokenInfoDLL(SLOT) & 0x70000;
     }
 

@@ -19,13 +19,13 @@ import javax.security.auth.login.*;
 import org.junit.jupiter.api.*;
 import org.junit.jupiter.api.io.TempDir;
 
-/** Changes by the KeyStore, each of whose calls to the module fails once: nothing that was there before is lost. */
+/** Changes by the KeyStore. No object is lost if any one call of the module fails or the card is removed. */
 class KeyStoreChangeTest {
     private static final String MODULE = System.getProperty("softhsm2");
     private static final char[] PIN = "1234".toCharArray();
     private static final byte[] LABEL = "label".getBytes();
 
-    private static final String MAKE = """
+    private static final String PREPARE = """
             softhsm2-util --init-token --free --label First --so-pin 12345678 --pin 1234
             for name in ca a b other; do
               openssl genrsa -out $name.pem 2048
@@ -52,7 +52,7 @@ class KeyStoreChangeTest {
     private static Path tokens;
     private static FaultyModule module;
 
-    /** What each change leaves: kind, label, whose SHA-1 the ID is, and the certificate. */
+    /** The objects after each change: kind, label, the key or certificate whose SHA-1 is the ID, the certificate. */
     private static final Map<String, String> RESULTS = Map.of(
             "import", "crt a a a-by-ca|crt b b b-by-other|crt ca ca ca|crt other other other|prv a a|prv b b|pub a a"
                     + "|pub b b",
@@ -80,7 +80,7 @@ class KeyStoreChangeTest {
     static void fillToken() throws Exception {
         tokens = Files.createDirectory(folder.resolve("tokens"));
         SoftTokenTest.useTokens(tokens);
-        SoftTokenTest.output(new ProcessBuilder("bash", "-eo", "pipefail", "-c", MAKE).directory(folder.toFile()));
+        SoftTokenTest.output(new ProcessBuilder("bash", "-eo", "pipefail", "-c", PREPARE).directory(folder.toFile()));
         module = FaultyModule.before(MODULE);
         load().setKeyEntry("a", key("a"), null, chain("a-by-ca", "ca"));
         Smartcard.finalizeDLL();
@@ -128,14 +128,14 @@ class KeyStoreChangeTest {
         return store;
     }
 
-    /** The token as it was in the beginning. */
+    /** Restores the token's initial contents. */
     private static KeyStore begin() throws Exception {
         Smartcard.finalizeDLL();
         copy(folder.resolve("before"), tokens);
         return load();
     }
 
-    /** The objects on the token, byte for byte, by their files. */
+    /** The contents of the objects' files on the token, by file name. */
     private static Map<String, String> objects() throws IOException {
         try (Stream<Path> files = Files.walk(tokens)) {
             Map<String, String> objects = new HashMap<>();
@@ -147,12 +147,12 @@ class KeyStoreChangeTest {
         }
     }
 
-    /** The objects on the token, as another maker's tool lists them. */
-    private static Set<String> listed() throws Exception {
+    /** The objects on the token, as OpenSC's tool lists them. */
+    private static Set<String> toolListing() throws Exception {
         return new HashSet<>(List.of(tool("--list-objects").split("(?m)^(?=\\S)")));
     }
 
-    /** The objects on the token, as {@link #RESULTS} has them. */
+    /** The objects on the token, in the format of {@link #RESULTS}. */
     private static String contents() throws Exception {
         Map<String, String> names = new HashMap<>();
         for (String name : List.of("a-by-ca", "a-by-other", "b-by-other", "b-by-ca", "ca", "other", "org")) {
@@ -202,13 +202,13 @@ class KeyStoreChangeTest {
         return sha1(modulus(certificate));
     }
 
-    /** What a KeyStore shows. */
-    private static Map<String, String> shown(KeyStore store) throws Exception {
-        Map<String, String> shown = new TreeMap<>();
+    /** The entries of a KeyStore. */
+    private static Map<String, String> entries(KeyStore store) throws Exception {
+        Map<String, String> entries = new TreeMap<>();
         for (String alias : Collections.list(store.aliases())) {
-            shown.put(alias, (store.isKeyEntry(alias) ? "key " : "") + store.getCertificate(alias).hashCode());
+            entries.put(alias, (store.isKeyEntry(alias) ? "key " : "") + store.getCertificate(alias).hashCode());
         }
-        return shown;
+        return entries;
     }
 
     private static void assertFails(String message, Change change, KeyStore store) throws Exception {
@@ -218,19 +218,19 @@ class KeyStoreChangeTest {
         assertEquals(objects, objects(), failure.getMessage());
     }
 
-    // ---- Failures in the middle ----
+    // ---- Failures during a change ----
 
     @Test
     void everyCallOfAChangeFails() throws Exception {
         for (String name : CHANGES.keySet()) {
             KeyStore store = begin();
-            Map<String, String> before = shown(store);
+            Map<String, String> before = entries(store);
             Map<String, String> objectsBefore = objects();
-            Set<String> listedBefore = listed();
+            Set<String> listingBefore = toolListing();
             module.takeCalls();
             CHANGES.get(name).make(store);
             List<String> calls = module.takeCalls();
-            Map<String, String> after = shown(load());
+            Map<String, String> after = entries(load());
             String contents = contents();
             assertEquals(RESULTS.get(name), contents, name);
             assertTrue(name.contains("certificate") || calls.contains("C_Sign"), "tries the key: " + name);
@@ -238,7 +238,7 @@ class KeyStoreChangeTest {
                 String function = calls.get(i);
                 boolean isReading = function.matches("C_(Find|Get).*");
                 if (isReading && i % 3 != 0) {
-                    continue; // many are alike
+                    continue; // many of these calls are alike
                 }
                 int nth = Collections.frequency(calls.subList(0, i + 1), function);
                 store = begin();
@@ -246,23 +246,23 @@ class KeyStoreChangeTest {
                 String failure = failure(name, store);
                 String what = name + ", " + function + " " + nth + ": " + failure;
                 Map<String, String> objects = objects();
-                assertEquals(shown(load()), shown(store), what);
+                assertEquals(entries(load()), entries(store), what);
                 if (failure == null) {
-                    assertEquals(after, shown(store), what);
-                    // An imported key works without its public half, which some tokens refuse.
+                    assertEquals(after, entries(store), what);
+                    // An imported key works without its public key, which some tokens refuse.
                     boolean isPublicKey = name.equals("import") && function.equals("C_CreateObject") && nth == 2;
                     assertEquals(isPublicKey ? contents.replace("|pub b b", "") : contents, contents(), what);
                 } else if (name.startsWith("delete")) {
-                    CHANGES.get(name).make(store); // finishes
-                    assertEquals(after, shown(store), what);
+                    CHANGES.get(name).make(store); // finishes the deletion
+                    assertEquals(after, entries(store), what);
                     assertEquals(contents, contents(), what);
                 } else if (!failure.contains("the entry is set")) {
                     assertKept(objectsBefore, objects, failure, what);
-                    if (!isReading && !function.equals("C_DestroyObject")) { // nothing keeps it from taking off all
+                    if (!isReading && !function.equals("C_DestroyObject")) { // it can undo all it wrote
                         assertEquals(objectsBefore, objects, what);
                     }
-                    assertTrue(isReading || listed().containsAll(listedBefore), what);
-                    assertTrue(failure.contains("left on the token") || before.equals(shown(store)), what);
+                    assertTrue(isReading || toolListing().containsAll(listingBefore), what);
+                    assertTrue(failure.contains("left on the token") || before.equals(entries(store)), what);
                 }
             }
         }
@@ -278,14 +278,14 @@ class KeyStoreChangeTest {
         }
     }
 
-    /** All that was there is there, and what is there besides is told. */
+    /** Expects that no object is lost, and that the message reports objects left behind. */
     private static void assertKept(Map<String, String> before, Map<String, String> now, String failure, String what) {
         assertTrue(now.entrySet().containsAll(before.entrySet()), what);
         assertTrue(now.size() == before.size() || failure.contains("left on the token"), what);
     }
 
     @Test
-    void theCardLeavesInTheMiddle() throws Exception {
+    void cardIsRemovedDuringAChange() throws Exception {
         for (String name : CHANGES.keySet()) {
             for (String function : List.of("C_CreateObject", "C_DestroyObject", "C_SetAttributeValue",
                     "C_GenerateKeyPair", "C_SignInit")) {
@@ -309,7 +309,7 @@ class KeyStoreChangeTest {
                     }
                     Smartcard.finalizeDLL();
                     if (name.startsWith("delete")) {
-                        CHANGES.get(name).make(load()); // finishes
+                        CHANGES.get(name).make(load()); // finishes the deletion
                     }
                 }
             }
@@ -335,7 +335,7 @@ class KeyStoreChangeTest {
         assertEquals(chain("b-by-ca")[0], store.getCertificate("thread 0"));
     }
 
-    // ---- What is refused, before anything is written ----
+    // ---- Refusals before anything is written ----
 
     @Test
     void refusals() throws Exception {
@@ -362,11 +362,11 @@ class KeyStoreChangeTest {
         }
     }
 
-    // ---- What others have written ----
+    // ---- Objects of other programs ----
 
-    /** Writers differ in the serial number; keys and certificates may share an ID; certificates may be alike. */
+    /** Programs differ in the serial number; keys and certificates may share an ID; certificates may be alike. */
     @Test
-    void othersObjects() throws Exception {
+    void objectsOfOtherPrograms() throws Exception {
         KeyStore store = begin();
         X509Certificate b = (X509Certificate) chain("b-by-ca")[0];
         byte[] id = "an ID".getBytes();
@@ -392,9 +392,9 @@ class KeyStoreChangeTest {
                 each -> each.setKeyEntry("c", each.getKey("a", null), null, each.getCertificateChain("a")), store);
     }
 
-    /** Keys that have an ID which is another's: an RSA key, a public key, and a key pair that no listing shows. */
+    /** Keys with the ID of another key: an RSA key, a public key, and a key pair that no listing contains. */
     @Test
-    void othersKeys() throws Exception {
+    void keysOfOtherPrograms() throws Exception {
         KeyStore store = begin();
         Smartcard.generateKeyPairDLL(0, 1024, SoftTokenTest.EXPONENT, idOf("b-by-ca"), LABEL);
         assertFails("does not verify", each -> each.setKeyEntry("b", key("b"), null, chain("b-by-ca")), store);
@@ -452,13 +452,13 @@ class KeyStoreChangeTest {
         return SoftTokenTest.output(new ProcessBuilder(command).redirectError(ProcessBuilder.Redirect.DISCARD));
     }
 
-    /** Certificates that a deletion could take for another, and one that cannot be parsed. */
+    /** Certificates that a deletion could confuse, and one that cannot be parsed. */
     @Test
-    void othersCertificates() throws Exception {
+    void certificatesOfOtherPrograms() throws Exception {
         KeyStore store = begin();
         X509Certificate first = (X509Certificate) chain("a-by-ca")[0];
         X509Certificate second = (X509Certificate) chain("again-by-ca")[0];
-        write(first, new byte[] {9}, new byte[] {1}, "alike"); // is not found by its number
+        write(first, new byte[] {9}, new byte[] {1}, "alike"); // cannot be found by its serial number
         write(second, new byte[0], new byte[] {1}, "alike");
         store.load(null, null);
         for (String alias : Collections.list(store.aliases())) {
@@ -476,10 +476,10 @@ class KeyStoreChangeTest {
         assertFails("another certificate", CHANGES.get("delete certificate"), store);
         SoftTokenTest.assertOk(
                 Smartcard.writeCertificateDLL(0, new byte[] {1}, name, name, number, idOf("a-by-ca"), LABEL));
-        store.deleteEntry("a"); // although what cannot be parsed has its ID
+        store.deleteEntry("a"); // although a certificate that cannot be parsed has its ID
         assertFalse(contents().contains("prv"), contents());
 
-        CHANGES.get("set certificate").make(store); // with its serial number as DER, as other programs look for it
+        CHANGES.get("set certificate").make(store); // with its serial number in DER, as other programs expect
         X509Certificate other = (X509Certificate) chain("other")[0];
         number = other.getSerialNumber().toByteArray();
         name = other.getSubjectX500Principal().getEncoded();
@@ -493,7 +493,7 @@ class KeyStoreChangeTest {
         assertEquals(before, objects());
     }
 
-    /** A KeyStore that was loaded from another token, as after a change of cards. */
+    /** A KeyStore that was loaded from another token, as after a swap of cards. */
     @Test
     void anotherToken() throws Exception {
         KeyStore store = begin();
@@ -555,7 +555,7 @@ class KeyStoreChangeTest {
                 new KeyStore.CallbackHandlerProtection(handler)).getKeyStore().isKeyEntry("a"));
         KeyStore.Builder.newInstance("Smartcard", provider, new KeyStore.CallbackHandlerProtection(handler))
                 .getKeyStore();
-        assertEquals(List.of(), pins); // and nobody was asked while logged in
+        assertEquals(List.of(), pins); // no PIN was requested while logged in
         SmartcardProvider unconfigured = new SmartcardProvider();
         assertThrows(LoginException.class, () -> unconfigured.login(null, handler));
         assertThrows(LoginException.class, unconfigured::logout);

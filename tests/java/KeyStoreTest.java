@@ -20,14 +20,14 @@ import org.junit.jupiter.api.*;
 import org.junit.jupiter.api.function.Executable;
 import org.junit.jupiter.api.io.TempDir;
 
-/** The KeyStore: on tokens that another maker's tool has filled, whose module fails as ordered, and on the mock. */
+/** The KeyStore, on tokens filled by OpenSC's tool behind the faulty module, and on the mock. */
 class KeyStoreTest {
     private static final String MODULE = System.getProperty("softhsm2");
     private static final String MOCK = System.getProperty("mock");
     private static final String JDK = System.getProperty("java.home") + "/bin/";
     private static final byte[] DATA = "a document".getBytes();
 
-    /** Two tokens. On the first, each certificate's name tells what is odd about it or its key. */
+    /** Two tokens. On the first, each certificate's label says what is special about it or its key. */
     private static final String FILL = """
             softhsm2-util --init-token --free --label First --so-pin 12345678 --pin 1234
             softhsm2-util --init-token --free --label Second --so-pin 12345678 --pin şifre1
@@ -82,7 +82,7 @@ class KeyStoreTest {
     }
 
     @BeforeEach
-    void startAnew() throws Exception {
+    void reset() throws Exception {
         SoftTokenTest.useTokens(folder.resolve("tokens"));
         MockTest.reset();
         Security.removeProvider("Smartcard");
@@ -100,7 +100,7 @@ class KeyStoreTest {
         return SoftTokenTest.output(command);
     }
 
-    // ---- What the tests are made of ----
+    // ---- Helpers ----
 
     private static KeyStore store(String argument) throws Exception {
         return KeyStore.getInstance("Smartcard", new SmartcardProvider().configure(argument));
@@ -131,7 +131,7 @@ class KeyStoreTest {
         return signature.sign();
     }
 
-    /** Whether the JDK's own provider takes it for a signature over DATA. */
+    /** Whether the JDK's own provider accepts the signature over DATA. */
     private static boolean verifies(String algorithm, Certificate certificate, byte[] signature) throws Exception {
         Signature verifier = Signature.getInstance(algorithm, "SunRsaSign");
         verifier.initVerify(certificate);
@@ -139,18 +139,18 @@ class KeyStoreTest {
         return verifier.verify(signature);
     }
 
-    /** Whether the key of an entry signs what its certificate verifies. */
+    /** Whether the entry's certificate verifies a signature by its key. */
     private static boolean signs(KeyStore store, String alias) throws Exception {
         return verifies("SHA256withRSA", store.getCertificate(alias), sign(store, alias));
     }
 
-    /** Fails a load, or a signature, with this code and this advice. */
+    /** Expects a load or signature to fail with this code and advice. */
     private static void assertCode(long code, String advice, Executable step) {
         Exception failure = assertThrows(Exception.class, step);
         Throwable cause = failure instanceof SignatureException ? failure.getCause() : failure;
         assertEquals(code, assertInstanceOf(SmartcardException.class, cause, failure::toString).code(), advice);
-        String told = "(0x" + Long.toHexString(code) + ")" + (advice.isEmpty() ? "" : "; " + advice);
-        assertTrue(cause.getMessage().contains(told), cause.getMessage());
+        String expected = "(0x" + Long.toHexString(code) + ")" + (advice.isEmpty() ? "" : "; " + advice);
+        assertTrue(cause.getMessage().contains(expected), cause.getMessage());
     }
 
     private static void assertFails(Class<? extends Exception> expected, String sentence, Executable step) {
@@ -158,7 +158,7 @@ class KeyStoreTest {
         assertTrue(message.contains(sentence), message);
     }
 
-    /** The certificate of "a" with each ID and label, on the mock that has a key with the ID "mock", and junk. */
+    /** Writes the certificate of "a" with each ID and label to the mock, after the key with the ID "mock" and junk. */
     private static void fillMock(String... idsAndLabels) throws Exception {
         MockTest.begin();
         for (int i = 0; i < idsAndLabels.length; i += 2) {
@@ -245,7 +245,7 @@ class KeyStoreTest {
         assertEquals("Y", store.getCertificateAlias(equal));
     }
 
-    /** Two issuers signed each other, one of them three times: the chain takes the one valid longest, and ends. */
+    /** Two issuers signed each other, one of them three times. The chain takes the one valid longest, and ends. */
     @Test
     void circleOfIssuers() throws Exception {
         MockTest.begin();
@@ -257,7 +257,7 @@ class KeyStoreTest {
                 assertTimeoutPreemptively(Duration.ofSeconds(20), () -> store.getCertificateChain("a-by-b")));
     }
 
-    /** Returns null for an empty value, as those of other providers do. */
+    /** Returns null for an empty value, as some other providers do. */
     public static final class OtherFactory extends CertificateFactorySpi {
         @Override
         public Certificate engineGenerateCertificate(InputStream in) throws CertificateException {
@@ -316,7 +316,7 @@ class KeyStoreTest {
 
             Signature signature = Signature.getInstance(algorithm, provider);
             signature.initSign(key);
-            signature.update(DATA); // which the next line forgets
+            signature.update(DATA); // the next line discards it
             signature.initVerify(certificate);
             for (boolean isRight : new boolean[] {true, false}) {
                 signature.update(DATA);
@@ -324,7 +324,7 @@ class KeyStoreTest {
                 signed[20] ^= 1;
             }
             signature.update(DATA);
-            byte[] longer = new byte[257]; // the same number
+            byte[] longer = new byte[257]; // the same number, with a leading zero
             System.arraycopy(signed, 0, longer, 1, 256);
             assertFalse(signature.verify(longer));
         }
@@ -360,7 +360,7 @@ class KeyStoreTest {
         assertThrows(InvalidParameterException.class, () -> signature.setParameter("saltLength", 32));
     }
 
-    /** Asked without a provider, the JDK chooses by the key, wherever this provider stands. */
+    /** Without a named provider, the JDK chooses by the key, at any position of this provider. */
     @Test
     void choiceOfProvider() throws Exception {
         KeyStore store = load(first, "1234");
@@ -394,7 +394,7 @@ class KeyStoreTest {
         assertEquals(13, builder.getKeyStore().size());
 
         KeyStore store = load(second, "şifre1");
-        String alias = store.aliases().nextElement(); // its label could be another's alias
+        String alias = store.aliases().nextElement(); // its label looks like an alias with a hash
         assertTrue(alias.matches("x/01234567/[0-9a-f]{8}"), alias);
         assertTrue(signs(store, alias));
 
@@ -407,8 +407,8 @@ class KeyStoreTest {
         module.fail("C_Login", 1, 0xA2);
         assertWrongPin(0xA2, first, "1234");
         module.tries(slot, 3);
-        for (String told : List.of("a wrong PIN was entered before", "one try is left", "the PIN is locked")) {
-            assertCode(0xA0, told, () -> load(first, "4321"));
+        for (String advice : List.of("a wrong PIN was entered before", "one try is left", "the PIN is locked")) {
+            assertCode(0xA0, advice, () -> load(first, "4321"));
         }
         assertNull(assertThrows(SmartcardException.class, () -> load(first, "1234")).getCause()); // locked, not wrong
     }
@@ -449,7 +449,7 @@ class KeyStoreTest {
         for (String argument : List.of(module.path(), first)) {
             assertFails(IOException.class, "another module", () -> load(argument, "1234"));
         }
-        assertEquals(2, Smartcard.getSessionInfoDLL(slot)[0]); // public: the PIN went nowhere
+        assertEquals(2, Smartcard.getSessionInfoDLL(slot)[0]); // public: the PIN was not sent
         load("" + slot, "1234");
         load(Files.createSymbolicLink(folder.resolve("link"), Path.of(MODULE)) + "#" + slot, "1234");
         assertEquals(3, Smartcard.getSessionInfoDLL(slot)[0]);
@@ -463,37 +463,37 @@ class KeyStoreTest {
         }
     }
 
-    /** SoftHSM2 looks for its tokens only when it is initialised, and goes on with those that it found. */
+    /** SoftHSM2 looks for tokens only in C_Initialize, so a new token needs a rebind. */
     @Test
-    void tokenThatIsNew() throws Exception {
+    void newToken() throws Exception {
         SoftTokenTest.useTokens(Files.createDirectory(folder.resolve("others")));
         for (String argument : List.of(MODULE, MODULE + "#0")) {
-            assertGone(argument);
+            assertTokenIsMissing(argument);
         }
         run("softhsm2-util", "--init-token", "--free", "--label", "Late", "--so-pin", "12345678", "--pin", "1234");
         for (String argument : List.of(MODULE, MODULE + "#0")) {
-            assertGone(argument);
+            assertTokenIsMissing(argument);
         }
         assertFails(IOException.class, "the last slot is 0; if a slot was added later", () -> load(MODULE + "#1", "1234"));
         Smartcard.finalizeDLL();
         load(MODULE, "1234");
     }
 
-    private static void assertGone(String argument) {
+    private static void assertTokenIsMissing(String argument) {
         assertFails(SmartcardException.class, "insert the card; if it is in, call Smartcard.finalizeDLL and load again",
                 () -> load(argument, "1234"));
     }
 
     @Test
-    void sessionsLostAndFound() throws Throwable {
+    void lostSessionsAreReportedAndReplaced() throws Throwable {
         KeyStore store = load(first, "1234");
         PrivateKey old = key(store, "Köy");
         Map<String, Executable> losses = Map.of("(0xb3); insert the card", () -> Smartcard.closeSessionDLL(slot),
                 "(0x190); no module is bound", Smartcard::finalizeDLL, "(0xb3); the module was bound again",
                 () -> { Smartcard.finalizeDLL(); Smartcard.initDLL(module.path()); });
-        for (String told : losses.keySet()) {
-            losses.get(told).execute();
-            assertFails(SignatureException.class, told, () -> sign(store, "Köy"));
+        for (String message : losses.keySet()) {
+            losses.get(message).execute();
+            assertFails(SignatureException.class, message, () -> sign(store, "Köy"));
             store.load(null, "1234".toCharArray());
             for (PrivateKey key : List.of(old, key(store, "Köy"))) {
                 byte[] signed = sign(store.getProvider(), "SHA256withRSA", key, DATA);
@@ -502,14 +502,14 @@ class KeyStoreTest {
         }
     }
 
-    /** However the token is named, and however its module takes it. */
+    /** The card is removed and inserted, for each way to name the token and each behaviour of the module. */
     @Test
-    void cardThatComesBack() throws Exception {
+    void reinsertedCard() throws Exception {
         Smartcard.initDLL(module.path());
         assertFails(IOException.class, "several tokens", () -> load(module.path(), "1234"));
-        module.fail("C_GetTokenInfo", 2, 0x30); // one that is there but cannot be asked
+        module.fail("C_GetTokenInfo", 2, 0x30); // a token that is present but cannot be read
         assertFails(IOException.class, "several tokens", () -> load(module.path(), "1234"));
-        module.remove(1 - slot, Removal.CACHED); // so that the first is the only one
+        module.remove(1 - slot, Removal.CACHED); // now the first is the only token
         for (Removal removal : Removal.values()) {
             boolean isEmpty = removal == Removal.EMPTY;
             for (String argument : List.of(module.path(), first, "" + slot)) {
@@ -520,12 +520,12 @@ class KeyStoreTest {
                     assertCode(isEmpty ? 0x82 : 0x32, isEmpty ? "" : "insert the card if it is out",
                             () -> sign(store, "Köy"));
                     if (isTried) {
-                        Smartcard.logoutDLL(slot); // which makes the PIN necessary
-                        assertGone(argument);
+                        Smartcard.logoutDLL(slot); // so that a load needs the PIN
+                        assertTokenIsMissing(argument);
                     }
                     module.insert(slot);
-                    if (isEmpty) { // until it is bound again
-                        assertGone(argument);
+                    if (isEmpty) { // until a rebind
+                        assertTokenIsMissing(argument);
                         Smartcard.finalizeDLL();
                         Smartcard.initDLL(module.path());
                     }
@@ -535,7 +535,7 @@ class KeyStoreTest {
         }
     }
 
-    /** A handle that was the first slot's is the second's now: no PIN goes there. */
+    /** The handle of the first slot's session now belongs to the second slot, which must not get the PIN. */
     @Test
     void sessionOfAnotherSlot() throws Exception {
         MockTest.addSlot();
@@ -555,24 +555,24 @@ class KeyStoreTest {
         assertEquals(0, Smartcard.isSessionOpenDLL(0));
     }
 
-    /** A session stays open in the module until all are closed, and many a token has room for eight. */
+    /** Loads open few sessions: a replaced one stays open in the module, and some tokens allow only eight. */
     @Test
-    void sessionsInDoubt() throws Exception {
+    void ambiguousSessions() throws Exception {
         MockTest.addSlot();
         load(MOCK + "#0", null);
         reuseHandleOfFirst();
-        assertOpens(2, "1", null); // whose of the two is it? Now each has its own
+        assertOpens(2, "1", null); // the handle may belong to either slot; now each slot has its own
         assertOpens(0, "1", null);
         assertOpens(0, "0", "1");
         assertOpens(0, "1", "2");
 
         reuseHandleOfFirst();
         for (int load = 0; load < 2; load++) {
-            MockTest.failAt("C_OpenSession", 1, 0xE0); // without a card, the handle cannot be the first slot's
+            MockTest.failAt("C_OpenSession", 1, 0xE0); // without a card, the handle cannot belong to the first slot
             assertOpens(1, "1", null);
         }
 
-        // Where a user is logged in already, no PIN is refused that would show it.
+        // The user of the second slot is logged in, so no refused PIN would reveal the wrong slot.
         Smartcard.finalizeDLL();
         Smartcard.initDLL(MOCK);
         reuseHandleOfFirst();
@@ -614,7 +614,7 @@ class KeyStoreTest {
             assertCode(Long.parseLong(cells[4], 16), cells.length > 5 ? cells[5] : "",
                     store == null ? () -> load(first, "1234") : () -> sign(store, "Köy"));
         }
-        // The session is asked first, and tells more than 8 bits.
+        // After a failure the KeyStore calls isSessionOpenDLL, which returns all bits of its code.
         KeyStore store = load(first, "1234");
         module.fail("C_Sign", 1, 5);
         module.fail("C_GetSessionInfo", 1, 0x1_8000_0123L);
@@ -670,7 +670,7 @@ class KeyStoreTest {
                     assertEquals(40, Smartcard.readAllCertificatesDLL(slot).length);
                 }
             });
-            // No one logs out between the login of a load and its reading.
+            // No other thread logs out between a load's login and its reading.
             Threads.run(kind, 6, thread -> {
                 for (int i = 0; i < 10; i++) {
                     assertTrue(load(first, "1234").isKeyEntry("Köy"));
@@ -708,7 +708,7 @@ class KeyStoreTest {
         return context;
     }
 
-    /** Ends when the server has accepted the client's certificate. */
+    /** Returns once the server has accepted the client's certificate. */
     private static void handshake(SSLContext clients, SSLContext servers, String version) throws Exception {
         try (SSLServerSocket listener = (SSLServerSocket) servers.getServerSocketFactory().createServerSocket(0)) {
             listener.setNeedClientAuth(true);

@@ -8,7 +8,7 @@ import java.util.*;
 import org.junit.jupiter.api.*;
 import org.junit.jupiter.api.io.TempDir;
 
-/** Where the library comes from, each time in a virtual machine of its own: a class is initialised once. */
+/** The places from which the library is loaded, each in a new JVM, because a class is initialised only once. */
 class LoaderTest {
     private static final String FOLDER = System.getProperty("java.library.path");
     private static final String LIBRARY = FOLDER + "/libsmartcard.so";
@@ -20,7 +20,7 @@ class LoaderTest {
     @TempDir
     private Path temporary;
 
-    /** Loads it, and tells the file that is mapped then and its mode, or why there is none. */
+    /** Loads the library and prints the mapped file and its mode, or the error message. */
     public static void main(String[] arguments) throws IOException {
         try {
             Smartcard.getSlotCountDLL();
@@ -34,7 +34,7 @@ class LoaderTest {
         try {
             mode = PosixFilePermissions.toString(
                     Files.getPosixFilePermissions(Path.of("/proc/self/map_files", mapping[0])));
-        } catch (FileSystemException e) { // only root may look
+        } catch (FileSystemException e) { // only root may read it
             mode = "unknown";
         }
         System.out.print(mapping[5] + " " + mode);
@@ -60,15 +60,15 @@ class LoaderTest {
         command.addAll(List.of(System.getProperty("java.home") + "/bin/java", "-Djava.io.tmpdir=" + temporary));
         command.addAll(List.of(options));
         command.addAll(List.of("-cp", jar + File.pathSeparator + System.getProperty("java.class.path"), "LoaderTest"));
-        String answer = SoftTokenTest.output(
+        String output = SoftTokenTest.output(
                 new ProcessBuilder(command).redirectError(ProcessBuilder.Redirect.DISCARD));
         try (var files = Files.list(temporary)) {
-            assertEquals(List.of(), files.toList(), answer);
+            assertEquals(List.of(), files.toList(), output);
         }
-        return answer;
+        return output;
     }
 
-    /** The message holds all of these, in this order. */
+    /** Expects these parts in the message, in this order. */
     private static void assertFailed(String message, String... parts) {
         int from = 0;
         for (String part : parts) {
@@ -78,7 +78,7 @@ class LoaderTest {
     }
 
     @Test
-    void propertyNamesTheOnlyOne() throws Exception {
+    void propertyIsTheOnlyPlace() throws Exception {
         Files.writeString(inJar(), "no library");
         for (Path path : List.of(Path.of(LIBRARY), Path.of("").toAbsolutePath().relativize(Path.of(LIBRARY)))) {
             assertTrue(load("-Dsmartcard.library=" + path, NOT_ON_LIBRARY_PATH).startsWith(LIBRARY));
@@ -90,7 +90,7 @@ class LoaderTest {
     }
 
     @Test
-    void jarsIsAPrivateCopyThatIsGone() throws Exception {
+    void copyFromTheJarIsPrivateAndDeleted() throws Exception {
         String loaded = load(ON_LIBRARY_PATH);
         assertTrue(loaded.matches(temporary + "/libsmartcard\\d+\\.so \\(deleted\\) (rw-------|unknown)"), loaded);
     }
@@ -103,14 +103,14 @@ class LoaderTest {
     }
 
     @Test
-    void libraryPathIsLast() throws Exception {
+    void libraryPathIsTheLastPlace() throws Exception {
         Files.writeString(inJar(), "no library");
         assertTrue(load(ON_LIBRARY_PATH).startsWith(LIBRARY));
         assertTrue(load(ON_LIBRARY_PATH, "-Dos.arch=riscv64").startsWith(LIBRARY));
     }
 
     @Test
-    void failureNamesWhatWasTried() throws Exception {
+    void failureNamesEachPlace() throws Exception {
         assertFailed(load(NOT_ON_LIBRARY_PATH, "-Dos.arch=riscv64"), "-Dsmartcard.library=PATH",
                 "the jar: no library for linux-riscv64", "java.library.path: ", "/nowhere");
         assertFailed(load(NOT_ON_LIBRARY_PATH, "-Djava.io.tmpdir=/nowhere/tmp"), "-Dsmartcard.library=PATH",
@@ -121,7 +121,7 @@ class LoaderTest {
 
     /** The JDK's class for temporary files fails in its initializer if the locale cannot encode the folder's name. */
     @Test
-    void temporaryFolderThatTheLocaleCannotName() throws Exception {
+    void temporaryFolderThatTheLocaleCannotEncode() throws Exception {
         List<String> wrapper = List.of("env", "LC_ALL=C");
         String folder = "-Djava.io.tmpdir=" + temporary.resolve("ü");
         assertTrue(load(wrapper, folder, ON_LIBRARY_PATH).startsWith(LIBRARY));
@@ -130,8 +130,8 @@ class LoaderTest {
     }
 
     @Test
-    void deniedAccess() throws Exception {
-        Assumptions.assumeTrue(Runtime.version().feature() >= 24, "nothing is denied before");
+    void deniedNativeAccessIsExplained() throws Exception {
+        Assumptions.assumeTrue(Runtime.version().feature() >= 24, "older JDKs deny nothing");
         String deny = "--illegal-native-access=deny";
         String classes = Path.of(Smartcard.class.getProtectionDomain().getCodeSource().getLocation().toURI()).toString();
         String module = Smartcard.class.getPackageName();
@@ -141,9 +141,9 @@ class LoaderTest {
     }
 
     @Test
-    void temporaryFolderWithoutExecution() throws Exception {
+    void temporaryFolderMountedNoexec() throws Exception {
         Process probe = new ProcessBuilder("unshare", "--map-root-user", "--mount", "true").start();
-        Assumptions.assumeTrue(probe.waitFor() == 0, "no namespaces for this user");
+        Assumptions.assumeTrue(probe.waitFor() == 0, "this user may not create namespaces");
         List<String> wrapper = List.of("unshare", "--map-root-user", "--mount", "sh", "-c",
                 "mount -t tmpfs -o noexec tmpfs " + temporary + " && exec \"$@\"", "sh");
         assertFailed(load(wrapper, NOT_ON_LIBRARY_PATH), "the jar: " + temporary, "failed to map segment");

@@ -9,10 +9,10 @@ import java.util.stream.*;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.function.Executable;
 
-/** The mock PKCS#11 module, shared with the library: whatever it answers, however much it holds, no harm is done. */
+/** Random calls on the mock PKCS#11 module, many of them with faults, from several threads. */
 class MockTest {
     private static final String MODULE = System.getProperty("mock");
-    private static final byte[] NAME = "mock".getBytes(); // whatever is written and searched for
+    private static final byte[] NAME = "mock".getBytes(); // every byte[] argument
     private static final long[] BAD_NUMBERS = {-1, 1, 1L << 31, 1L << 32, Long.MAX_VALUE, Long.MIN_VALUE};
     private static final long[] CODES = {0x02, 0x30, 0xB3, 0x150, 0x200, 0x1_8000_0123L};
     static final List<Method> NATIVES = Arrays.stream(Smartcard.class.getDeclaredMethods())
@@ -22,25 +22,25 @@ class MockTest {
         System.load(MODULE);
     }
 
-    /** As freshly loaded, with one slot and a token with the PIN "1". Not while bound. */
+    /** Resets the module: one slot with a token whose PIN is "1". Must not be called while it is bound. */
     static native void reset();
 
-    /** Fails the nth call of a function from now, the next one being 1. */
+    /** Makes the nth call of a function from now fail, counted from 1. */
     static native void failAt(String function, int nth, long code);
 
-    /** A second slot, with a token whose PIN is "2". Not while bound. */
+    /** Adds a slot with a token whose PIN is "2". Must not be called while the module is bound. */
     static native void addSlot();
 
-    /** Gives the handles of earlier sessions, all closed, to the next ones. */
+    /** Makes the next sessions reuse the handles of earlier ones, which must be closed. */
     static native void reuseHandles();
 
-    /** Forgets what was called, and tells by which functions, with a blank between two. */
+    /** Returns and clears the names of the functions that were called, separated by blanks. */
     static native String takeCalls();
 
-    /** The objects on the token, the open sessions and the active searches. */
+    /** The number of objects on the token, open sessions and active searches. */
     private static native long liveObjects();
 
-    /** A bound module whose token has one of each kind of object, and the user logged in. */
+    /** Binds the module, logs the user in and writes one object of each kind. */
     static void begin() {
         Smartcard.finalizeDLL();
         reset();
@@ -56,7 +56,7 @@ class MockTest {
         Smartcard.writeAttributeCertificateDLL(0, NAME);
     }
 
-    /** The first number of a method is its slot index; 1 is the user, the PIN's length and CKM_RSA_PKCS. */
+    /** Arguments that succeed. The first number is the slot index; 1 is the user, a PIN's length or CKM_RSA_PKCS. */
     static Object[] arguments(Method method) {
         List<Class<?>> types = List.of(method.getParameterTypes());
         return IntStream.range(0, types.size()).mapToObj(i -> types.get(i) == byte[].class ? NAME
@@ -65,7 +65,7 @@ class MockTest {
                 : method.getName().equals("generateKeyPairDLL") ? 1024L : 1L).toArray();
     }
 
-    /** Whether it succeeds, in its own form of success; nothing that succeeds here is as short as a status. */
+    /** Whether a call succeeds. A byte[1] is always a status, because all values here are longer. */
     private static boolean succeeds(Method method, Object... arguments) throws ReflectiveOperationException {
         Object result = method.invoke(null, arguments);
         return result instanceof byte[] bytes ? bytes.length != 1
@@ -74,8 +74,8 @@ class MockTest {
                 : method.getName().matches("get.*|isCardEmptyDLL|decryptDLL") ? (long) result > 0 : (long) result == 0;
     }
 
-    /** Calls, of any kind and in any order, some with bad arguments, some failing in the module. */
-    private static void callAnything(int times, Random random, Set<String> succeeded) throws Exception {
+    /** Makes random calls, some with bad arguments, some of which fail in the module. */
+    private static void callAtRandom(int times, Random random, Set<String> succeeded) throws Exception {
         for (int i = 0; i < times; i++) {
             Method method = NATIVES.get(random.nextInt(NATIVES.size()));
             Object[] arguments = arguments(method);
@@ -84,7 +84,7 @@ class MockTest {
                 arguments[bad] = arguments[bad] instanceof Long
                         ? BAD_NUMBERS[random.nextInt(BAD_NUMBERS.length)] : null;
             }
-            synchronized (Smartcard.class) { // the mock is everybody's
+            synchronized (Smartcard.class) { // other threads call the mock too
                 String[] calls = takeCalls().split(" ");
                 if (random.nextInt(4) == 0 && !calls[0].isEmpty()) {
                     failAt(calls[0], 1 + random.nextInt(3), CODES[random.nextInt(CODES.length)]);
@@ -100,12 +100,12 @@ class MockTest {
     }
 
     @Test
-    void anythingFromFourThreads() throws Throwable {
+    void randomCallsFromFourThreads() throws Throwable {
         assertTrue(NATIVES.stream().allMatch(method -> Modifier.isSynchronized(method.getModifiers())));
         begin();
         Set<String> succeeded = new ConcurrentSkipListSet<>();
         for (ThreadFactory kind : Threads.kinds()) {
-            assertFlat(() -> Threads.run(kind, 4, thread -> callAnything(20_000, new Random(thread), succeeded)));
+            assertFlat(() -> Threads.run(kind, 4, thread -> callAtRandom(20_000, new Random(thread), succeeded)));
         }
         assertEquals(NATIVES.stream().map(Method::getName).collect(Collectors.toCollection(TreeSet::new)), succeeded);
 
@@ -115,7 +115,10 @@ class MockTest {
         assertEquals(0, liveObjects());
     }
 
-    /** A leak grows in every round; the first warms all up, and the compiler takes memory in one or another. */
+    /**
+     * Expects a round that uses no more memory than the one before. A leak grows in every round. The first round warms
+     * up, and the JIT compiler may use memory in any round.
+     */
     private static void assertFlat(Executable step) throws Throwable {
         long grown = Long.MAX_VALUE;
         for (int round = 0; round < 5 && (round < 2 || grown >= 4096); round++) {

@@ -6,7 +6,7 @@ import java.util.concurrent.*;
 import org.junit.jupiter.api.*;
 import org.junit.jupiter.api.io.TempDir;
 
-/** A module in a process of its own, by p11-kit: when that process ends in a call, the application goes on. */
+/** A module in its own process, with p11-kit: if that process dies, the application continues. */
 class OwnProcessTest {
     private static final String CLIENT = System.getProperty("client");
     private static final long SLOT = SoftTokenTest.SLOT;
@@ -21,23 +21,23 @@ class OwnProcessTest {
         modulus = Smartcard.generateKeyPairDLL(SLOT, 2048, SoftTokenTest.EXPONENT, ID, ID);
     }
 
-    /** As a call that crashes the module, or that never returns and has its process killed. */
+    /** The same happens if the module crashes, or if it hangs and its process is killed. */
     @Test
-    void goneInACall() throws Exception {
+    void processDiesDuringACall() throws Exception {
         FutureTask<byte[]> generating = new FutureTask<>(() ->
                 Smartcard.generateKeyPairDLL(SLOT, 16384, SoftTokenTest.EXPONENT, ID, ID)); // takes minutes
         new Thread(generating).start();
         assertThrows(TimeoutException.class, () -> generating.get(300, TimeUnit.MILLISECONDS));
         killProcess();
         assertArrayEquals(DEVICE_ERROR, generating.get());
-        assertGone();
+        assertCallsFail();
         assertSignedInAnotherProcess();
     }
 
     @Test
-    void goneBetweenTwoCalls() throws Exception {
+    void processDiesBetweenTwoCalls() throws Exception {
         killProcess();
-        assertGone();
+        assertCallsFail();
         assertSignedInAnotherProcess();
     }
 
@@ -47,8 +47,8 @@ class OwnProcessTest {
         process.onExit().get();
     }
 
-    /** Every call fails until the module is bound anew. */
-    private static void assertGone() {
+    /** Every call fails until a rebind. */
+    private static void assertCallsFail() {
         assertArrayEquals(DEVICE_ERROR, Smartcard.signWithIDDLL(SLOT, SoftTokenTest.DATA, ID));
         assertArrayEquals(DEVICE_ERROR, Smartcard.readAllRSAPublicKeysDLL(SLOT)[0]);
         assertArrayEquals(new byte[] {0}, Smartcard.signDLL(SLOT, SoftTokenTest.DATA)); // its search failed

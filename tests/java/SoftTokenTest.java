@@ -7,10 +7,10 @@ import java.util.*;
 import org.junit.jupiter.api.*;
 import org.junit.jupiter.api.io.TempDir;
 
-/** A real token: what is done to it another tool sees, and what the library says of it another tool says as well. */
+/** A real software token: another tool shows the same objects as the library. */
 class SoftTokenTest {
     private static final String MODULE = System.getProperty("softhsm2");
-    static final long SLOT = 0; // a token that is initialised comes first
+    static final long SLOT = 0; // SoftHSM2 lists initialised tokens first
     static final String PIN = "1234";
     static final byte[] ID = "key 1".getBytes();
     private static final byte[] LABEL = "Köy".getBytes();
@@ -22,31 +22,30 @@ class SoftTokenTest {
         createToken(MODULE, folder);
     }
 
-    /** In the folder, by a module that leads to the software token, bound and with the user logged in. */
+    /** Creates a token in the folder and logs the user in. The module must be SoftHSM2 or a module in front of it. */
     static void createToken(String module, Path folder) throws Exception {
         useTokens(folder);
         assertOk(Smartcard.initDLL(module), Smartcard.initTokenDLL(SLOT, PIN, 4), Smartcard.finalizeDLL());
-        // The next list of slots has one for the new token alone.
+        // The new token gets its slot at the next bind.
         assertOk(Smartcard.initDLL(module), Smartcard.openSessionDLL(SLOT), Smartcard.loginDLL(SLOT, PIN, 0));
         assertOk(Smartcard.initUserPINDLL(SLOT, PIN, 4), Smartcard.logoutDLL(SLOT), Smartcard.loginDLL(SLOT, PIN, 1));
     }
 
-    /** Those in the folder, by the software token's module. */
+    /** Makes SoftHSM2 use the tokens in the folder. */
     static void useTokens(Path folder) throws Exception {
         Smartcard.finalizeDLL();
         Files.writeString(Path.of(System.getenv("SOFTHSM2_CONF")), "directories.tokendir = " + folder + "\n");
     }
 
-    /** All of these, one after the other. */
     static void assertOk(long... results) {
         assertArrayEquals(new long[results.length], results);
     }
 
     @Test
-    void lifeOfAKey() throws Exception {
+    void keyIsGeneratedUsedAndDeleted() throws Exception {
         byte[] modulus = Smartcard.generateKeyPairDLL(SLOT, 2048, EXPONENT, ID, LABEL);
         assertArrayEquals(new byte[][] {{0}, ID, LABEL, modulus, EXPONENT}, Smartcard.readAllRSAPublicKeysDLL(SLOT));
-        String key = ask("--list-objects --type privkey --login --pin " + PIN).replaceAll("\\s+", " ");
+        String key = runTool("--list-objects --type privkey --login --pin " + PIN).replaceAll("\\s+", " ");
         assertTrue(key.contains("; RSA label: Köy ID: 6b65792031 Usage: decrypt, sign, unwrap Access: sensitive, always"
                 + " sensitive, never extractable, local"), key);
         assertSigned(modulus, DATA, Smartcard.signDLL(SLOT, DATA));
@@ -60,13 +59,13 @@ class SoftTokenTest {
         assertOk(Smartcard.deletePublicKeyDLL(SLOT, ID), Smartcard.isCardEmptyDLL(SLOT));
     }
 
-    /** What OpenSC's tool says about the token. */
-    private static String ask(String question) throws Exception {
-        String[] command = ("pkcs11-tool --module " + MODULE + " --token-label YENIKART " + question).split(" ");
+    /** The output of OpenSC's tool for the token. */
+    private static String runTool(String options) throws Exception {
+        String[] command = ("pkcs11-tool --module " + MODULE + " --token-label YENIKART " + options).split(" ");
         return output(new ProcessBuilder(command).redirectErrorStream(true));
     }
 
-    /** What a command prints; it has to succeed. */
+    /** The output of a command, which must succeed. */
     static String output(ProcessBuilder command) throws Exception {
         Process process = command.start();
         String output = new String(process.getInputStream().readAllBytes());
@@ -74,7 +73,7 @@ class SoftTokenTest {
         return output;
     }
 
-    /** The signature opens to the data with PKCS #1 padding. */
+    /** Checks that the signature is over the data with PKCS #1 padding. */
     static void assertSigned(byte[] modulus, byte[] data, byte[] signature) {
         BigInteger block = new BigInteger(1, signature).modPow(new BigInteger(EXPONENT), new BigInteger(1, modulus));
         assertTrue(block.toString(16).matches("1(ff)+00" + new BigInteger(data).toString(16)), block.toString(16));

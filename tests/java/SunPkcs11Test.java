@@ -10,7 +10,7 @@ import javax.security.auth.callback.PasswordCallback;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.io.TempDir;
 
-/** The faulty module under the JDK's own provider, which calls it from several threads at once. */
+/** The faulty module under the JDK's PKCS#11 provider, which calls it from several threads at once. */
 class SunPkcs11Test {
     private final FaultyModule module = FaultyModule.before(System.getProperty("softhsm2"));
     private volatile AuthProvider provider;
@@ -39,7 +39,7 @@ class SunPkcs11Test {
         assertTrue(verifier.verify(signed));
     }
 
-    /** The name of the code that a signature fails with. */
+    /** The name of the code with which signing fails. */
     private String failure() {
         Throwable failure = assertThrows(Exception.class, this::sign);
         while (failure.getCause() != null) {
@@ -49,7 +49,7 @@ class SunPkcs11Test {
     }
 
     @Test
-    void faults(@TempDir Path folder) throws Exception {
+    void faultsReachTheProvider(@TempDir Path folder) throws Exception {
         SoftTokenTest.createToken(module.path(), Files.createDirectory(folder.resolve("tokens")));
         Path identity = folder.resolve("identity.p12");
         SoftTokenTest.output(new ProcessBuilder(System.getProperty("java.home") + "/bin/keytool", "-genkeypair",
@@ -71,16 +71,16 @@ class SunPkcs11Test {
         module.insert(0);
         assertEquals("CKR_SESSION_HANDLE_INVALID", failure());
 
-        AtomicBoolean goesOn = new AtomicBoolean(true);
+        AtomicBoolean isRunning = new AtomicBoolean(true);
         FutureTask<Integer> signing = new FutureTask<>(() -> {
             AtomicInteger signed = new AtomicInteger();
             Threads.run(Thread::new, 4, thread -> {
-                while (goesOn.get()) {
+                while (isRunning.get()) {
                     try {
                         sign();
                         signed.incrementAndGet();
                     } catch (GeneralSecurityException | ProviderException e) {
-                        Thread.yield(); // the card is out, or the session is from before
+                        Thread.yield(); // the card is removed, or the session was lost
                     }
                 }
             });
@@ -95,12 +95,12 @@ class SunPkcs11Test {
             Thread.sleep(5);
             module.insert(0);
         }
-        goesOn.set(false);
+        isRunning.set(false);
         assertTrue(signing.get() > 0);
         logIn();
         try {
             sign();
-        } catch (ProviderException leftOver) { // the last that was ordered
+        } catch (ProviderException e) { // the last fault was not used up
             sign();
         }
     }

@@ -2,13 +2,13 @@ import java.util.List;
 import java.util.concurrent.*;
 import java.util.stream.IntStream;
 
-/** Several threads at once, of each kind that the JDK has. */
+/** Runs a task in several threads, of each kind that the JDK has. */
 final class Threads {
     interface Task {
         void run(int thread) throws Exception;
     }
 
-    /** Platform threads, and virtual ones from JDK 21 up. */
+    /** Platform threads, and virtual threads from JDK 21 up. */
     static List<ThreadFactory> kinds() throws ReflectiveOperationException {
         if (Runtime.version().feature() < 21) {
             return List.of(Thread::new);
@@ -18,7 +18,7 @@ final class Threads {
         return List.of(Thread::new, (ThreadFactory) factory);
     }
 
-    /** Ends when all have; the first failure is the caller's. */
+    /** Returns once all threads have ended, and throws the first failure. */
     static void run(ThreadFactory kind, int count, Task task) throws Exception {
         List<FutureTask<Void>> tasks = IntStream.range(0, count).mapToObj(thread -> new FutureTask<Void>(() -> {
             task.run(thread);

@@ -1,6 +1,5 @@
-// The mock module's reins for tests in a real virtual machine. They are linked into the module itself:
-// System.load of it keeps its state alive, and what Java sees is what the library sees when it loads the same
-// path.
+// Lets Java tests control the mock module. The functions are linked into the module: Java loads it with
+// System.load, which keeps its state alive, and the library then uses the same instance.
 #include "../mock_module.h"
 #include "MockTest.h"
 
