@@ -14,8 +14,8 @@
 /// A search in a session. The constructor begins it, and the destructor ends it if end() was not called: a
 /// session has one search at a time, and none may outlive the call. next() asks for `Room` handles.
 ///
-/// If the search cannot begin, some entry points test hasBegun() and return, without ending it. The others
-/// call next() nevertheless, which fails, and end the search.
+/// If hasBegun() is false, some entry points return without end(). The others do not test it: they call
+/// next(), which fails, and end().
 template <std::size_t Room = 1>
 class Search {
  public:

@@ -23,8 +23,8 @@ class Fixture : public testing::Test {
   /// Resets the library and the module and brings them to this state.
   void begin(State state, bool populated = false);
 
-  /// Calls an entry point, named without DLL, records the call, and checks that everything is released, ended
-  /// and flushed. If `refusedAllocation` is n, the nth allocation by JNI fails.
+  /// Calls an entry point, named without DLL, and records it. Checks that inputs are released, searches ended
+  /// and traces flushed. If `refusedAllocation` is n, JNI's nth allocation fails.
   std::string call(const std::string& name, const Arguments& arguments, std::size_t refusedAllocation = 0);
   std::string call(const EntryPoint& entry, std::size_t refusedAllocation = 0) {
     return call(entry.name, entry.arguments, refusedAllocation);

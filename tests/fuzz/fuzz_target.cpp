@@ -1,7 +1,7 @@
 // Calls entry points at random on a module that returns false results. The input chooses the entry points and
 // their arguments, which allocations by JNI fail, and how each result of the module is falsified. The
 // sanitizers must find nothing. Each call must release its inputs, end its searches, and pass only object
-// handles to the module that the module reported in this call.
+// handles that the module reported during the call.
 
 #include <dlfcn.h>
 #include <fcntl.h>

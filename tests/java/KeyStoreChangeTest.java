@@ -258,7 +258,7 @@ class KeyStoreChangeTest {
                     assertEquals(contents, contents(), what);
                 } else if (!failure.contains("the entry is set")) {
                     assertKept(objectsBefore, objects, failure, what);
-                    if (!isReading && !function.equals("C_DestroyObject")) { // it can undo all it wrote
+                    if (!isReading && !function.equals("C_DestroyObject")) { // the KeyStore can undo it all
                         assertEquals(objectsBefore, objects, what);
                     }
                     assertTrue(isReading || toolListing().containsAll(listingBefore), what);

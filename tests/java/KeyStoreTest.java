@@ -245,7 +245,7 @@ class KeyStoreTest {
         assertEquals("Y", store.getCertificateAlias(equal));
     }
 
-    /** Two issuers signed each other, one of them three times. The chain takes the one valid longest, and ends. */
+    /** Two issuers signed each other, one of them three times. The chain takes the longest valid one and ends. */
     @Test
     void circleOfIssuers() throws Exception {
         MockTest.begin();
