@@ -42,7 +42,7 @@ JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_getTokenInfoDLL(
                                                                                 jlong slotIndex) {
   if (!inRange(slotIndex)) return kBadSlotIndex;
 
-  // A failed query returns 0, not -1 as in getSlotInfoDLL.
+  // A failed query returns 0; in getSlotInfoDLL it returns -1.
   CK_TOKEN_INFO token;
   token.flags = 0;  // the only field that is read
   return call(&CK_FUNCTION_LIST::C_GetTokenInfo, slotAt(slotIndex), &token) == CKR_OK ? asJava(token.flags)
