@@ -1,12 +1,13 @@
-// The library's memory: each of its allocations fails once, and each block that it frees is searched for
-// secrets, in all tests. The malloc, calloc and free of an executable replace libc's in the whole process.
-// The sanitizers have their own allocator, so these tests run without them.
+// The library's memory: each of its allocations fails once, and each of its buffers is searched for secrets
+// when it is freed, in all tests. The malloc, calloc and free of an executable replace libc's in the whole
+// process. The sanitizers have their own allocator, so these tests run without them.
 
 #include <dlfcn.h>
 #include <malloc.h>
 #include <string.h>
 
 #include <algorithm>
+#include <array>
 
 #include "fixture.h"
 
@@ -23,6 +24,10 @@ std::size_t lastRefused = 0;
 std::size_t freedSecrets = 0;
 std::pair<std::size_t, std::size_t> lastSizes;  // of the last two blocks requested with calloc
 
+// The blocks that the library has from calloc. Those from malloc are C++ exceptions, whose addresses may look
+// like a secret.
+std::array<void*, 64> blocks{};
+
 bool isLibrary(const void* caller) {
   Dl_info object;
   return dladdr(caller, &object) != 0 && strstr(object.dli_fname, "libsmartcard.so") != nullptr;
@@ -36,25 +41,31 @@ bool isRefused(const void* caller) {
 
 extern "C" {
 
+void* __libc_malloc(std::size_t size);
 void* __libc_calloc(std::size_t count, std::size_t size);
 void __libc_free(void* memory);
 
 void* malloc(std::size_t size) noexcept {
-  // Zeroed, so that the block does not contain a secret from an earlier use.
-  return isRefused(__builtin_return_address(0)) ? nullptr : __libc_calloc(1, size);
+  return isRefused(__builtin_return_address(0)) ? nullptr : __libc_malloc(size);
 }
 
 void* calloc(std::size_t count, std::size_t size) noexcept {
-  if (watching && isLibrary(__builtin_return_address(0))) lastSizes = {lastSizes.second, count * size};
+  const bool byLibrary = isLibrary(__builtin_return_address(0));
+  if (watching && byLibrary) lastSizes = {lastSizes.second, count * size};
   // Returns null for no elements, as the C standard allows.
-  return count == 0 || isRefused(__builtin_return_address(0)) ? nullptr : __libc_calloc(count, size);
+  if (count == 0 || isRefused(__builtin_return_address(0))) return nullptr;
+  void* const block = __libc_calloc(count, size);
+  if (byLibrary) *std::ranges::find(blocks, nullptr) = block;
+  return block;
 }
 
 void free(void* memory) noexcept {
-  const std::size_t size = std::min(malloc_usable_size(memory), std::size_t{1} << 12);
-  if (memory != nullptr && memmem(memory, size, kSecret, sizeof kSecret) != nullptr &&
-      isLibrary(__builtin_return_address(0)))
-    ++freedSecrets;
+  auto* const block = memory == nullptr ? blocks.end() : std::ranges::find(blocks, memory);
+  if (block != blocks.end()) {
+    *block = nullptr;
+    const std::size_t size = std::min(malloc_usable_size(memory), std::size_t{1} << 12);
+    if (memmem(memory, size, kSecret, sizeof kSecret) != nullptr) ++freedSecrets;
+  }
   __libc_free(memory);
 }
 }
