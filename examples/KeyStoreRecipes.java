@@ -56,7 +56,7 @@ final class KeyStoreRecipes {
         KeyManagerFactory keys = KeyManagerFactory.getInstance("PKIX");
         keys.init(token, null);
         TrustManagerFactory anchors = TrustManagerFactory.getInstance("PKIX");
-        anchors.init(trusted); // the CAs of the servers; null for those of the JDK
+        anchors.init(trusted); // the CAs of the servers; null: the JDK's CAs
         SSLContext context = SSLContext.getInstance("TLSv1.2");
         context.init(keys.getKeyManagers(), anchors.getTrustManagers(), null);
         return context;
@@ -139,7 +139,7 @@ final class KeyStoreRecipes {
         }
     }
 
-    static KeyStore.Builder askFor(SmartcardProvider provider, CallbackHandler handler) {
+    static KeyStore.Builder builder(SmartcardProvider provider, CallbackHandler handler) {
         return KeyStore.Builder.newInstance("Smartcard", provider, new KeyStore.CallbackHandlerProtection(handler));
     }
 }

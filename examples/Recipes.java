@@ -31,11 +31,11 @@ final class Recipes {
     }
 
     static byte[] fromJava(String pin, byte[] digestInfo, byte[] keyId) throws IOException {
-        if (Smartcard.initDLL("/usr/lib/softhsm/libsofthsm2.so") != 0) throw new IOException("module");
-        if (Smartcard.openSessionDLL(0) != 0) throw new IOException("session");
-        if (Smartcard.loginDLL(0, pin, 1) != 0) throw new IOException("PIN");      // 1: as user
-        byte[] signature = Smartcard.signWithIDDLL(0, digestInfo, keyId);          // PKCS #1 v1.5, without hashing
-        if (signature.length == 1) throw new IOException("code " + (signature[0] & 0xFF));
+        if (Smartcard.initDLL("/usr/lib/softhsm/libsofthsm2.so") != 0) throw new IOException("initDLL failed");
+        if (Smartcard.openSessionDLL(0) != 0) throw new IOException("openSessionDLL failed");
+        if (Smartcard.loginDLL(0, pin, 1) != 0) throw new IOException("loginDLL failed"); // 1: as user
+        byte[] signature = Smartcard.signWithIDDLL(0, digestInfo, keyId);     // PKCS #1 v1.5, without hashing
+        if (signature.length == 1) throw new IOException("status 0x" + Integer.toHexString(signature[0] & 0xFF));
         Smartcard.logoutDLL(0);
         Smartcard.closeSessionDLL(0);
         Smartcard.finalizeDLL();
@@ -63,7 +63,8 @@ final class Recipes {
 
     static byte[] data(String call, byte[] result) throws IOException {
         if (result == null || result.length == 1) {
-            throw new IOException(call + ": " + (result == null ? "no memory" : "status " + (result[0] & 0xFF)));
+            throw new IOException(call + ": " + (result == null ? "no memory"
+                : "status 0x" + Integer.toHexString(result[0] & 0xFF)));
         }
         return result;
     }
@@ -126,7 +127,7 @@ final class Recipes {
                 return id;
             }
         }
-        throw new IOException("the certificate was written, the private key was not");
+        throw new IOException("the certificate was written, but not the private key");
     }
 
     static byte[] unsigned(BigInteger number) {
@@ -140,7 +141,7 @@ final class Recipes {
     static List<Entry> certificates(long slot) throws GeneralSecurityException, IOException {
         byte[][] listing = Smartcard.readAllCertificatesDLL(slot);
         if (listing == null || listing[0][0] != 0 || Arrays.asList(listing).contains(null)) {
-            throw new IOException("readAllCertificatesDLL");
+            throw new IOException("readAllCertificatesDLL failed or returned only some values");
         }
         CertificateFactory factory = CertificateFactory.getInstance("X.509");
         List<Entry> entries = new ArrayList<>();
@@ -157,7 +158,7 @@ final class Recipes {
         verifier.initVerify(signer.certificate().getPublicKey());
         verifier.update(document);
         if (!verifier.verify(signature)) {
-            throw new IOException("another key on the token has the same ID");
+            throw new IOException("the certificate does not verify the signature: perhaps another key has the same ID");
         }
         return signature;
     }
@@ -174,7 +175,8 @@ final class Recipes {
         long reported = -1;
         for (long slot = slotOf(serialNumber);; Thread.sleep(500)) {
             synchronized (Smartcard.class) {
-                boolean isConnected = (Smartcard.getSlotInfoDLL(slot) & 1) != 0 // first: OpenSC looks only here
+                // First getSlotInfoDLL: OpenSC looks for the card only there.
+                boolean isConnected = (Smartcard.getSlotInfoDLL(slot) & 1) != 0
                         && Smartcard.isSessionOpenDLL(slot) == 0
                         && Arrays.equals(Smartcard.readCardSerialNumberDLL(slot), serialNumber);
                 if (!isConnected) {
@@ -207,7 +209,7 @@ final class Recipes {
             Smartcard.finalizeDLL();
             Smartcard.initDLL(client);
             Smartcard.openSessionDLL(slot);
-            if (Smartcard.loginDLL(slot, pin, 1) != 0) throw new IOException("module"); // if any of the four failed
+            if (Smartcard.loginDLL(slot, pin, 1) != 0) throw new IOException("the module cannot be restarted");
             signature = Smartcard.signWithIDDLL(slot, digestInfo, keyId);
         }
         return signature;
@@ -238,8 +240,8 @@ final class Recipes {
     }
 
     /** Writes the label of the token in the first slot. */
-    public static void main(String[] module) throws IOException {
-        Binding binding = new Binding(module[0]);
+    public static void main(String[] arguments) throws IOException {
+        Binding binding = new Binding(arguments[0]);
         writeData(data("readCardLabelDLL", Smartcard.readCardLabelDLL(0)));
         binding.close();
     }

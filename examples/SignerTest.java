@@ -9,7 +9,7 @@ import java.util.concurrent.*;
 import org.junit.jupiter.api.*;
 import org.junit.jupiter.api.io.TempDir;
 
-/** Tests an application without a card. The snippets of docs/testing.md. */
+/** Tests an application without a card. docs/testing.md explains its parts. */
 class SignerTest {
     /** The application. */
     record Signer(KeyStore store, char[] password) {

@@ -30,13 +30,13 @@ import org.junit.jupiter.api.function.Executable;
 import org.junit.jupiter.api.io.TempDir;
 import org.w3c.dom.Document;
 
-/** The pages here and in docs/: what they link to is there, and what they say and show is so. */
+/** Tests the Markdown pages: links have targets, tables match the code, and snippets and commands run. */
 class DocsTest {
     private static final Path ROOT = Path.of(System.getProperty("root"));
     private static final String MODULE = System.getProperty("softhsm2");
     private static final String MOCK = System.getProperty("mock");
     private static final Path LIBRARY = Path.of(System.getProperty("java.library.path"), "libsmartcard.so");
-    private static final String DEBIANS_MODULE = "/usr/lib/softhsm/libsofthsm2.so";
+    private static final String DEBIAN_MODULE = "/usr/lib/softhsm/libsofthsm2.so";
     private static final String PIN = "123456";
     private static final byte[] DOCUMENT = "a document".getBytes();
     private static final Map<String, Method> NATIVES = MockTest.NATIVES.stream()
@@ -72,7 +72,7 @@ class DocsTest {
     }
 
     @Test
-    void linksLeadSomewhere() throws Exception {
+    void linksHaveTargets() throws Exception {
         for (Path page : pages()) {
             for (MatchResult link : matches("\\]\\((?!https?:|dist/)([^)#]*)#?([^)]*)\\)", Files.readString(page))) {
                 Path target = link.group(1).isEmpty() ? page : page.resolveSibling(link.group(1));
@@ -84,7 +84,7 @@ class DocsTest {
         }
     }
 
-    /** The snippets stand in Recipes or SignerTest, and nothing stands in Recipes that nobody calls. */
+    /** Each Java snippet is part of Recipes, KeyStoreRecipes or SignerTest; each method of the recipes is called. */
     @Test
     void snippetsAreRecipes() throws Exception {
         String recipes = squeezed(read("examples/Recipes.java"));
@@ -97,13 +97,14 @@ class DocsTest {
             assertFalse(text.replaceAll("(?ms)^```java$.*?^```$", "").matches("(?s).*\n {4}[^\n]*;\n.*"),
                     () -> page + ": Java that is not marked as such");
         }
-        String calls = recipes + keyStoreRecipes + read("tests/java/DocsTest.java") + read("tests/java/OwnProcessTest.java");
+        String calls = recipes + keyStoreRecipes + read("tests/java/DocsTest.java")
+                + read("tests/java/OwnProcessTest.java");
         matches("\\bstatic \\S+ ((?!main)\\w+)\\(", recipes + keyStoreRecipes).forEach(method -> assertTrue(
                 matches("[ .(]" + method.group(1) + "\\(", calls).size() > 1, method.group()));
     }
 
     @Test
-    void versionIsTheBuilds() throws Exception {
+    void versionsMatchTheBuild() throws Exception {
         String version = matches("^project\\(.* VERSION (\\S+) ", read("CMakeLists.txt")).get(0).group(1);
         List<MatchResult> shown = matches("smartcard(?:-testing)?[:-](\\d[\\w.-]*?)(?=(?:-javadoc)?\\.jar|[`\"<])",
                 read("README.md") + read("docs/testing.md"));
@@ -113,7 +114,7 @@ class DocsTest {
     }
 
     @Test
-    void rulesStandWhereTheTableSays() throws Exception {
+    void ownersOfRulesExist() throws Exception {
         List<MatchResult> rules = matches("^\\| .* \\| (.*) in \\[.*\\]\\((.*)\\) \\|$", read("docs/architecture.md"));
         assertFalse(rules.isEmpty());
         for (MatchResult rule : rules) {
@@ -123,10 +124,11 @@ class DocsTest {
         }
     }
 
-    /** The page with one row for each method, and with the calls of each search. */
+    /** {@return entry-points.md with one row for each method, and with "search" replaced by its three calls} */
     private static String entryPoints() throws IOException {
         return read("docs/entry-points.md").lines().flatMap(line -> {
-            String row = line.replaceAll("\\bsearch\\b(?=[^|]*\\|$)", "C_FindObjectsInit, C_FindObjects, C_FindObjectsFinal");
+            String row = line.replaceAll("\\bsearch\\b(?=[^|]*\\|$)",
+                    "C_FindObjectsInit, C_FindObjects, C_FindObjectsFinal");
             String[] names = row.split(" (?=\\|)", 2)[0].split(", ");
             return names.length == 1 || !row.startsWith("| `") ? Stream.of(row) : Arrays.stream(names)
                     .map(name -> (name.startsWith("| ") ? "" : "| ") + name + row.substring(row.indexOf(" |")));
@@ -134,11 +136,12 @@ class DocsTest {
     }
 
     @Test
-    void entryPointsAreTheClasses() throws Exception {
+    void entryPointsMatchTheClass() throws Exception {
         String page = entryPoints();
         String source = read("java/com/calvenhor/vork/utils/Smartcard.java");
-        assertEquals(matches("native (\\S+) (\\w+)\\(([^)]*)\\);", source).stream().map(method -> "| `" + method.group(2)
-                + "` | `" + method.group(1) + "`").toList(), texts("^\\| `\\w+DLL` \\| `\\S+`", page));
+        assertEquals(matches("native (\\S+) (\\w+)\\([^)]*\\);", source).stream()
+                .map(method -> "| `" + method.group(2) + "` | `" + method.group(1) + "`").toList(),
+                texts("^\\| `\\w+DLL` \\| `\\S+`", page));
 
         Map<String, Set<String>> recorded = new HashMap<>();
         for (Path transcript : files("tests/transcripts")) {
@@ -146,8 +149,8 @@ class DocsTest {
                     .computeIfAbsent(call.group(1) + "DLL", name -> new HashSet<>())
                     .addAll(texts("\\bC_\\w+(?=\\()", call.group(2))));
         }
-        assertEquals(recorded, matches("^\\| `(\\w+DLL)` (?:[^|]*\\|){3}([^|]*)\\|$", page).stream().collect(Collectors.toMap(
-                row -> row.group(1), row -> Set.copyOf(texts("C_\\w+", row.group(2))))));
+        assertEquals(recorded, matches("^\\| `(\\w+DLL)` (?:[^|]*\\|){3}([^|]*)\\|$", page).stream().collect(
+                Collectors.toMap(row -> row.group(1), row -> Set.copyOf(texts("C_\\w+", row.group(2))))));
 
         String library = Files.readString(LIBRARY, StandardCharsets.ISO_8859_1);
         String prefix = matches("`(Java_\\w+_)`", page).get(0).group(1);
@@ -158,23 +161,23 @@ class DocsTest {
                 texts("^\\| 0x.*?`CKR_\\w+` \\|", page));
     }
 
-    /** Whichever call of the module fails, the answer is one that the method's row has under "failure". */
+    /** If a module call fails, the method returns a result that its row lists under "failure". */
     @Test
-    void failuresAreAsTold() throws Exception {
+    void failuresMatchTheTable() throws Exception {
         for (MatchResult row : matches("^\\| `(\\w+DLL)` \\|([^|]*)\\|([^|]*)\\|([^|]*)\\|$",
                 entryPoints())) {
             Method method = NATIVES.get(row.group(1));
             for (String function : texts("C_\\w+", row.group(4))) {
                 int nth = 1;
-                while (nth <= 4 && assertFailsAsTold(method, function, nth, row.group(2), row.group(3))) {
+                while (nth <= 4 && assertFailureIsListed(method, function, nth, row.group(2), row.group(3))) {
                     nth++;
                 }
             }
         }
     }
 
-    private static boolean assertFailsAsTold(Method method, String function, int nth, String success, String failure)
-            throws Exception {
+    private static boolean assertFailureIsListed(Method method, String function, int nth, String success,
+            String failure) throws Exception {
         MockTest.begin();
         if (method.getName().equals("initDLL")) {
             Smartcard.finalizeDLL();
@@ -185,31 +188,32 @@ class DocsTest {
         if (Collections.frequency(List.of(MockTest.takeCalls().split(" ")), function) < nth) {
             return false;
         }
-        List<Long> told = new ArrayList<>(matches("-?\\b(0x[0-9A-F]+|\\d+)\\b", failure).stream()
+        List<Long> listed = new ArrayList<>(matches("-?\\b(0x[0-9A-F]+|\\d+)\\b", failure).stream()
                 .map(number -> Long.decode(number.group())).toList());
-        if (success.contains("`long` 0") && !success.endsWith("0 ")) { // a success of something else
-            told.add(0L);
+        // The row explains the 0, so a module call may have failed.
+        if (success.contains("`long` 0") && !success.endsWith("0 ")) {
+            listed.add(0L);
         }
         boolean isStatus = result instanceof byte[] || result instanceof byte[][];
         String code = result instanceof byte[][] ? "\\{code" : isStatus ? "\\bstatus\\b(?! \\d)" : "\\bcode\\b";
         if (!matches(code, failure).isEmpty()) {
-            told.add(isStatus ? 0x23L : 0x10123L);
+            listed.add(isStatus ? 0x23L : 0x10123L);
         }
-        List<Long> answer = result instanceof Long number ? List.of(number)
+        List<Long> codes = result instanceof Long number ? List.of(number)
                 : result instanceof int[] numbers ? Arrays.stream(numbers).asLongStream().boxed().toList()
                 : List.of(head(result)[0] & 0xFFL);
-        // Of some failures one is told nothing, and reads what there is all the same.
+        // Some failures are not reported: the method returns the values that it read.
         boolean isRead = result instanceof Long number ? number > 0 && !success.contains("`long` 0")
                 : result instanceof byte[][] listing ? listing.length > 1 && head(result)[0] == 0
                 : result instanceof byte[] bytes && bytes.length != 1;
-        assertTrue(isRead || told.containsAll(answer),
-                () -> method.getName() + ", " + function + ": " + answer + ", told: " + told);
+        assertTrue(isRead || listed.containsAll(codes),
+                () -> method.getName() + ", " + function + ": " + codes + ", listed: " + listed);
         return true;
     }
 
-    /** What a status stands in: of a listing, the first array. */
-    private static byte[] head(Object answer) {
-        return answer instanceof byte[][] listing ? listing[0] : (byte[]) answer;
+    /** {@return the array that holds the status: element 0 of a listing} */
+    private static byte[] head(Object result) {
+        return result instanceof byte[][] listing ? listing[0] : (byte[]) result;
     }
 
     // ---- The recipes ----
@@ -220,11 +224,11 @@ class DocsTest {
         return SoftTokenTest.output(shell).strip();
     }
 
-    /** A command of a page, with the paths that are here. */
+    /** {@return the command that a page shows, with the paths of this build and machine} */
     private static String shown(String command, String page) throws IOException {
         String classes = "'" + System.getProperty("java.class.path") + "'";
         return matches("^    (" + command + " .*)", read(page).replaceAll("\\\\\n", "")).get(0).group(1)
-                .replace(DEBIANS_MODULE, MODULE)
+                .replace(DEBIAN_MODULE, MODULE)
                 .replace("java -cp", "java -Djava.library.path='" + LIBRARY.getParent() + "' -cp")
                 .replace("smartcard.jar:examples", classes)
                 .replaceAll("smartcard-[\\d.]+\\.jar", "'" + System.getProperty("jar") + "'");
@@ -238,8 +242,7 @@ class DocsTest {
         long slot = Recipes.newToken(MODULE, 0, "12345678", PIN);
         Recipes.logIn(slot, PIN);
         Path file = folder.resolve("identity.p12");
-        run("keytool -genkeypair -keyalg RSA -keysize 2048 -dname CN=Signer -alias signer -storepass changeit -keystore "
-                + file);
+        run("keytool -genkeypair -keyalg RSA -dname CN=Signer -alias signer -storepass changeit -keystore " + file);
         byte[] id = Recipes.importIdentity(slot, file, "changeit".toCharArray(), "signer", "Contracts".getBytes());
         Recipes.Entry signer = Recipes.certificates(slot).get(0);
         assertArrayEquals(id, signer.id());
@@ -249,21 +252,21 @@ class DocsTest {
         Path token = tokens.resolve(tokens.toFile().list()[0]);
         assertWatched(MODULE, serialNumber, PIN, () -> {
             Files.move(token, folder.resolve("away"));
-            assertAnswers(3);
+            assertResults(3);
         }, () -> Files.move(folder.resolve("away"), token), () -> { });
 
-        if (MODULE.equals(DEBIANS_MODULE)) { // which these two name
+        if (MODULE.equals(DEBIAN_MODULE)) { // the path in asKeyStore and fromJava
             assertArrayEquals(signature, Recipes.asKeyStore(PIN.toCharArray(), DOCUMENT));
             Smartcard.finalizeDLL();
             assertArrayEquals(signature, Recipes.fromJava(PIN, Recipes.digestInfo(DOCUMENT), id));
         }
-        assertTrue(read("docs/using.md").contains("\nprints " + run(shown("java", "docs/using.md")) + ","));
+        assertTrue(read("docs/using.md").contains("\nThis prints " + run(shown("java", "docs/using.md")) + ","));
         String signed = run("cd " + folder + " && jar --create --file contracts.jar identity.p12 && echo " + PIN + " | "
                 + shown("jarsigner", "README.md") + " && jarsigner -verify contracts.jar");
         assertTrue(signed.contains("jar verified."), signed);
     }
 
-    /** The table's columns that the software token does not show by itself. */
+    /** Also checks the columns of the table in using.md that need FaultyModule. */
     @Test
     void recipesWithAPinPad(@TempDir Path folder) throws Throwable {
         assertRecipesWork(Removal.STANDARD, 2, Files.createDirectory(folder.resolve("standard")));
@@ -278,7 +281,7 @@ class DocsTest {
             byte[] serialNumber = Smartcard.readCardSerialNumberDLL(0);
             module.pinPad(0, SoftTokenTest.PIN);
             module.remove(0, removal);
-            assertAnswers(column);
+            assertResults(column);
             module.insert(0);
             assertWatched(module.path(), serialNumber, "not asked for", () -> module.remove(0, removal), () -> {
                 module.insert(0);
@@ -360,7 +363,7 @@ class DocsTest {
 
             provider.logout();
             AtomicInteger tries = new AtomicInteger();
-            assertThrows(KeyStoreException.class, () -> KeyStoreRecipes.askFor(provider, callbacks -> {
+            assertThrows(KeyStoreException.class, () -> KeyStoreRecipes.builder(provider, callbacks -> {
                 tries.incrementAndGet();
                 ((PasswordCallback) callbacks[0]).setPassword("000000".toCharArray());
             }).getKeyStore());
@@ -380,22 +383,22 @@ class DocsTest {
         return context;
     }
 
-    /** What is answered while the card is out stands in a column of the table. */
-    private static void assertAnswers(int column) throws Exception {
+    /** While the card is removed, the results are those in a column of the table in using.md. */
+    private static void assertResults(int column) throws Exception {
         String table = matches("^\\| call \\|.*\n.*\n((?:\\|.*\n)+)", read("docs/using.md")).get(0).group(1);
         for (String line : table.split("\n")) {
             String[] cells = line.split("\\|");
             MatchResult row = matches("`(\\w+)(?:\\(slot\\) & (\\w+))?`", cells[1]).get(0);
             Method method = NATIVES.get(row.group(1));
-            Object answer = method.invoke(null, MockTest.arguments(method));
+            Object result = method.invoke(null, MockTest.arguments(method));
             long mask = row.group(2) == null ? -1 : Long.decode(row.group(2));
-            assertEquals(cells[column].strip(), answer instanceof Long code ? String.format("0x%02X", code & mask)
-                    : head(answer).length > 1 ? "the number" : String.format("{%02X}", head(answer)[0]), line);
+            assertEquals(cells[column].strip(), result instanceof Long code ? String.format("0x%02X", code & mask)
+                    : head(result).length > 1 ? "the number" : String.format("{%02X}", head(result)[0]), line);
         }
     }
 
-    private static void assertWatched(String module, byte[] serialNumber, String pin, Executable takeOut,
-            Executable putIn, Executable then) throws Throwable {
+    private static void assertWatched(String module, byte[] serialNumber, String pin, Executable remove,
+            Executable insert, Executable then) throws Throwable {
         BlockingQueue<Long> reports = new LinkedBlockingQueue<>();
         FutureTask<Void> watcher = new FutureTask<>(() -> {
             Recipes.watch(module, serialNumber, pin, reports::add);
@@ -403,11 +406,11 @@ class DocsTest {
         });
         Thread thread = new Thread(watcher);
         thread.start();
-        for (Executable step : List.<Executable>of(() -> { }, takeOut, putIn)) {
+        for (Executable step : List.<Executable>of(() -> { }, remove, insert)) {
             synchronized (Smartcard.class) {
                 step.execute();
             }
-            assertEquals(step == takeOut ? -1 : 0, reports.poll(20, TimeUnit.SECONDS));
+            assertEquals(step == remove ? -1 : 0, reports.poll(20, TimeUnit.SECONDS));
         }
         then.execute();
         assertEquals(3, Smartcard.getSessionInfoDLL(0)[0]); // CKS_RW_USER_FUNCTIONS
@@ -415,7 +418,7 @@ class DocsTest {
         assertThrows(ExecutionException.class, watcher::get);
     }
 
-    /** Another class loader with this library, as a web application that is deployed anew gets one. */
+    /** {@return a second class loader with the library, as a redeployed web application has} */
     private static URLClassLoader loader(Path library) {
         URL[] classes = {Smartcard.class.getProtectionDomain().getCodeSource().getLocation()};
         return new URLClassLoader(classes, null) {
@@ -436,7 +439,7 @@ class DocsTest {
         Smartcard.finalizeDLL();
         Path copy = Files.copy(LIBRARY, folder.resolve("copy.so"));
         Security.addProvider(new SmartcardProvider());
-        for (int i = 0; i < 2; i++) { // the second shows that the first has left no module bound
+        for (int i = 0; i < 2; i++) { // the second attempt shows that the first unbound the module
             assertTrue(assertThrows(IOException.class, () -> new Recipes.Binding(MOCK)).getMessage()
                     .startsWith("another provider Smartcard"));
         }
