@@ -9,10 +9,10 @@
 
 namespace {
 
-void* hModule = nullptr;
+void* boundModule = nullptr;
 
 constexpr jlong kNotLoadable = -1;
-constexpr jlong kNoFunctionList = -2;
+constexpr jlong kNotAPkcs11Module = -2;
 constexpr jlong kNoSlots = -3;
 
 /// A module loaded with dlopen. The destructor unloads it unless keep() was called. Traces are flushed first,
@@ -58,11 +58,12 @@ CK_RV initialise(CK_C_GetFunctionList getFunctionList, CK_FUNCTION_LIST_PTR& lis
 
 /// initDLL while bound. The binding stays as it is, whatever the module returns.
 CK_RV initialiseAgain(const LoadedModule& module, CK_C_GetFunctionList getFunctionList) {
-  if (module.handle() != hModule) return CKR_CRYPTOKI_ALREADY_INITIALIZED;
+  if (module.handle() != boundModule) return CKR_CRYPTOKI_ALREADY_INITIALIZED;
 
   CK_FUNCTION_LIST_PTR list = nullptr;
   const CK_RV result = initialise(getFunctionList, list);
-  // Some modules return a new list every time and initialise each separately. The library keeps the first.
+  // Some modules return a new list every time and initialise each separately. The library keeps the first
+  // list, so it finalises the new one.
   if (result == CKR_OK && list != p) call(list, &CK_FUNCTION_LIST::C_Finalize, nullptr);
   return result;
 }
@@ -72,8 +73,9 @@ void freeSlotList() {
   pSlotList = nullptr;
 }
 
-/// Undoes a binding after C_Initialize, because of `failure` or, if that is CKR_OK, because there are no
-/// slots. Each step is traced only if there are no slots. The code of C_Finalize stays in `rv`.
+/// Undoes a binding after C_Initialize. The reason is `failure`, or that there are no slots if `failure` is
+/// CKR_OK. C_Finalize is traced if `cause` is given, the other steps only if there are no slots. The code of
+/// C_Finalize stays in `rv`.
 jlong abandonBinding(LoadedModule& module, CK_RV failure, const char* cause = nullptr) {
   const bool noSlots = failure == CKR_OK;
   const auto traceStep = [noSlots](const char* step) {
@@ -104,7 +106,7 @@ JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_initDLL(JNIEnv* 
   trace("%s\n", path.characters());
 
   module.load(path.characters());
-  if (!isBound()) hModule = module.handle();
+  if (!isBound()) boundModule = module.handle();
   if (module.handle() == nullptr) {
     trace("Error: DLL not found");
     return kNotLoadable;
@@ -112,7 +114,7 @@ JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_initDLL(JNIEnv* 
   const CK_C_GetFunctionList getFunctionList = module.functionListGetter();
   if (getFunctionList == nullptr) {
     trace("Error: C_GetFunctionList not found in DLL ");
-    return kNoFunctionList;
+    return kNotAPkcs11Module;
   }
 
   if (isBound()) return asJava(initialiseAgain(module, getFunctionList));
@@ -125,15 +127,15 @@ JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_initDLL(JNIEnv* 
   if (ulSlotCount == 0) return abandonBinding(module, rv, "no slots");
 
   trace("Before slots malloc\n");
-  const CK_ULONG room = ulSlotCount;
-  pSlotList = tryZeroed<CK_SLOT_ID>(room).release();
+  const CK_ULONG capacity = ulSlotCount;
+  pSlotList = tryZeroed<CK_SLOT_ID>(capacity).release();
   if (pSlotList == nullptr) return abandonBinding(module, CKR_HOST_MEMORY);
   trace("After slots malloc\n");
 
   call(p, &CK_FUNCTION_LIST::C_GetSlotList, CK_FALSE, pSlotList, &ulSlotCount);
   trace("Get Slot List = 0x%x\n", hex32(rv));
   if (rv != CKR_OK) return abandonBinding(module, rv);
-  ulSlotCount = std::min(ulSlotCount, room);
+  ulSlotCount = std::min(ulSlotCount, capacity);
   if (ulSlotCount == 0) return abandonBinding(module, rv, "no slots");
 
   allSessions = tryZeroed<CK_SESSION_HANDLE>(ulSlotCount).release();
@@ -155,6 +157,6 @@ JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_finalizeDLL(JNIE
   allSessions = nullptr;
   call(p, &CK_FUNCTION_LIST::C_Finalize, nullptr);
   freeSlotList();
-  if (hModule != nullptr) dlclose(hModule);
+  if (boundModule != nullptr) dlclose(boundModule);
   return asJava(rv);
 }

@@ -59,14 +59,14 @@ JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_deleteCertificat
   if (!hasSession(slotIndex)) return kBadSlotIndex;
   if (anyNull(jSubject, jIssuer, jSerialNumber, jId, jLabel)) return CKR_ARGUMENTS_BAD;
   ByteInput id(env, jId);
-  CertificateNames names = {{env, jSubject}, {env, jIssuer}, {env, jSerialNumber}};
+  CertificateFields fields = {{env, jSubject}, {env, jIssuer}, {env, jSerialNumber}};
   ByteInput label(env, jLabel);
-  takeAll(label, id, names);
+  takeAll(label, id, fields);
 
-  const jlong result = destroyFirst(sessionAt(slotIndex), certificateSearch(names, id, label));
+  const jlong result = destroyFirst(sessionAt(slotIndex), certificateSearch(fields, id, label));
 
-  releaseAll(names, id, label);
-  discardAll(names, id, label);
+  releaseAll(fields, id, label);
+  discardAll(fields, id, label);
   return result;
 } catch (...) {
   return CKR_HOST_MEMORY;

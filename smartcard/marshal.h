@@ -16,8 +16,8 @@ inline constexpr CK_ULONG kLongestArray = std::numeric_limits<jsize>::max();
 /// Release functions may be called.
 struct JavaOutOfMemory {};
 
-/// Whether one of these Java references is null. Must be tested first, because JNI functions do not accept
-/// null.
+/// Whether any of these Java references is null. Call it before passing them to JNI, whose functions do not
+/// accept null.
 template <class... Reference>
 bool anyNull(Reference... references) {
   return (... || (references == nullptr));
@@ -35,11 +35,11 @@ class StringInput {
   const char* characters() const { return characters_; }
   CK_ULONG length() const;
 
-  /// The characters with the type that PKCS#11 has for a PIN. The module does not write to them.
+  /// The characters in PKCS#11's type for a PIN. The type is not const, although a PIN is only an input.
   CK_UTF8CHAR_PTR pin() const;
 
   /// Whether the string has at least `length` bytes. False for a negative length.
-  bool holds(jlong length) const { return static_cast<CK_ULONG>(length) <= this->length(); }
+  bool hasAtLeast(jlong length) const { return static_cast<CK_ULONG>(length) <= this->length(); }
 
  private:
   JNIEnv* env_;
@@ -96,7 +96,7 @@ void discardAll(Input&... inputs) {
 jbyteArray byteArray(JNIEnv* env, std::span<const CK_BYTE> bytes);
 jintArray intArray(JNIEnv* env, std::span<const jint> numbers);
 
-/// The low 32 bits, as an element of an int[].
+/// The low 32 bits, as a Java int.
 constexpr jint low32(CK_ULONG value) { return static_cast<jint>(value); }
 
 /// The status of a call: a byte[1] with the low 8 bits of a code.
@@ -120,9 +120,9 @@ class ListResult {
 
   void setStatus(jbyteArray status) { env_->SetObjectArrayElement(array_, 0, status); }
 
-  /// Stores a new array. In a large result its local reference is deleted, because JNI guarantees only 16.
-  /// Four of them are not elements: this list and its class, and another list and class if statusOnly()
-  /// follows.
+  /// Stores a new array. In a large list, also deletes the array's local reference, because JNI guarantees
+  /// only 16. Four of the 16 are kept for this list, its class, and the list and class of a later
+  /// statusOnly().
   void store(jsize index, jbyteArray element);
 
   jobjectArray array() const { return array_; }
@@ -136,8 +136,8 @@ class ListResult {
 /// A byte[][] with the status array as its only element.
 jobjectArray statusOnly(JNIEnv* env, jbyteArray status);
 
-// For the catch (...) of an entry point. They return null for JavaOutOfMemory, otherwise CKR_HOST_MEMORY in
-// the form in which the entry point reports a failure.
+// For the catch (...) of an entry point. These functions return null for JavaOutOfMemory. Otherwise they
+// return CKR_HOST_MEMORY as a status, an empty int[], or a list with only the status CKR_HOST_MEMORY.
 
 jbyteArray outOfMemoryStatus(JNIEnv* env);
 jintArray outOfMemoryNumbers(JNIEnv* env);

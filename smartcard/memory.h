@@ -16,8 +16,8 @@ template <class T>
 using Buffer = std::unique_ptr<T[], Free>;
 
 /// An array of `count` zeroed elements, or null if there is no memory. An empty array has an address too,
-/// because a null buffer asks a module for the length only. The count may be a false one from a module:
-/// calloc commits no memory for pages that are never written.
+/// because a null buffer asks a module for the length only. A false count from a module does little harm,
+/// because calloc commits no memory for pages that are never written.
 template <class T>
 Buffer<T> tryZeroed(std::size_t count) {
   return Buffer<T>(static_cast<T*>(std::calloc(count == 0 ? 1 : count, sizeof(T))));

@@ -32,9 +32,9 @@ bool isBound();
 bool inRange(jlong slotIndex);
 bool hasSession(jlong slotIndex);  // in range, and a session is recorded
 
-/// An entry of the slot list or of the session table. For an index beyond the table it has no value: call()
-/// then returns `Unknown`, as the module would, without calling the module.
-template <CK_RV Unknown>
+/// An entry of the slot list or of the session table. For an index beyond the table the entry has no value:
+/// call() then returns `CodeIfMissing`, as the module would, without calling the module.
+template <CK_RV CodeIfMissing>
 struct TableEntry {
   std::optional<CK_ULONG> value;
 };
@@ -49,8 +49,8 @@ void recordSession(jlong slotIndex, CK_SESSION_HANDLE session);
 template <class... Parameter>
 using Function = CK_RV (*CK_FUNCTION_LIST::*)(Parameter...);
 
-/// All calls through the module's function list go through here. Stores every code in `rv` and returns it.
-/// If the list or the function is missing, returns the code that a module would return.
+/// Calls a function of the module's list. Stores the code in `rv` and returns it. If the list or the function
+/// is missing, the code is the one that a module would return. The list is used here only.
 template <class... Parameter>
 CK_RV call(CK_FUNCTION_LIST_PTR list, Function<Parameter...> function,
            std::type_identity_t<Parameter>... arguments) {
@@ -60,16 +60,16 @@ CK_RV call(CK_FUNCTION_LIST_PTR list, Function<Parameter...> function,
   return rv = (list->*function)(arguments...);
 }
 
-/// The same for the bound module. `p` keeps its value after an unload, so a null test of it is not enough.
+/// The same for the bound module.
 template <class... Parameter>
 CK_RV call(Function<Parameter...> function, std::type_identity_t<Parameter>... arguments) {
   return call(isBound() ? p : nullptr, function, arguments...);
 }
 
 /// The same for a function whose first parameter is a slot ID or a session handle.
-template <CK_RV Unknown, class... Parameter>
-CK_RV call(Function<CK_ULONG, Parameter...> function, TableEntry<Unknown> entry,
+template <CK_RV CodeIfMissing, class... Parameter>
+CK_RV call(Function<CK_ULONG, Parameter...> function, TableEntry<CodeIfMissing> entry,
            std::type_identity_t<Parameter>... arguments) {
-  if (isBound() && !entry.value) return rv = Unknown;
+  if (isBound() && !entry.value) return rv = CodeIfMissing;
   return call(function, entry.value.value_or(0), arguments...);
 }

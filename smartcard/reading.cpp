@@ -13,32 +13,32 @@ namespace {
 constexpr jlong kCountFailed = -1;
 constexpr std::size_t kMaxCounted = 20;
 
-// The status codes of the functions that read a single value.
-constexpr CK_RV kSearchFailed = 0;
+// The statuses of failures, for the functions that read a single value.
+constexpr CK_RV kNoObject = 0;
 constexpr CK_RV kValueUnreadable = 1;
-constexpr CK_RV kNotExactlyOne = 2;
+constexpr CK_RV kNoneReported = 2;  // or a false count
 
-/// The value of the first object found.
+/// The value of the first object found, or a status. Unlike readIdOrLabel(), tests the module's count first.
 jbyteArray readValue(JNIEnv* env, jlong slotIndex, CK_ATTRIBUTE kind) {
   const Session session = sessionAt(slotIndex);
   const StatusArray status(env);
 
   Search search(session, std::array{kind});
   search.next();
-  if (search.count() != 1) return status.set(kNotExactlyOne);
-  if (!search.found()) return status.set(kSearchFailed);
+  if (search.count() != 1) return status.set(kNoneReported);
+  if (!search.found()) return status.set(kNoObject);
 
   AttributeRead<1> value(session, search.object(), {CKA_VALUE});
-  value.lengths();
-  if (value.values() != CKR_OK) return status.set(kValueUnreadable);
+  value.readLengths();
+  if (value.readValues() != CKR_OK) return status.set(kValueUnreadable);
   return byteArray(env, value[0]);
 }
 
 enum class OnFailure { kSilent, kTraced };
 
 /// The ID or the label of the first object found.
-jbyteArray readName(JNIEnv* env, jlong slotIndex, CK_ATTRIBUTE kind, CK_ATTRIBUTE_TYPE type,
-                    OnFailure onFailure = OnFailure::kSilent) {
+jbyteArray readIdOrLabel(JNIEnv* env, jlong slotIndex, CK_ATTRIBUTE kind, CK_ATTRIBUTE_TYPE type,
+                         OnFailure onFailure = OnFailure::kSilent) {
   const Session session = sessionAt(slotIndex);
   const StatusArray status(env);
 
@@ -46,17 +46,17 @@ jbyteArray readName(JNIEnv* env, jlong slotIndex, CK_ATTRIBUTE kind, CK_ATTRIBUT
   search.next();
   if (!search.found()) {
     search.end();
-    return status.set(kSearchFailed);
+    return status.set(kNoObject);
   }
 
-  AttributeRead<1> name(session, search.object(), {type});
-  name.lengths();
-  if (name.values() != CKR_OK) {
+  AttributeRead<1> attribute(session, search.object(), {type});
+  attribute.readLengths();
+  if (attribute.readValues() != CKR_OK) {
     const jbyteArray failure = status.set(kValueUnreadable);
     if (onFailure == OnFailure::kTraced) trace("2 %d\n", dec32(rv));
     return failure;
   }
-  return byteArray(env, name[0]);
+  return byteArray(env, attribute[0]);
 }
 
 /// One attribute of a listed object: its name in the size traces, and its position in the object's group of
@@ -112,8 +112,8 @@ void storeGroup(JNIEnv* env, ListResult& list, CK_ULONG k, const std::array<Colu
   for (std::size_t i = 0; i < N; ++i) list.store(first + static_cast<jsize>(i), group[i]);
 }
 
-/// Both key listings. The first search counts the keys, which fixes the size of the result; the second reads
-/// them.
+/// Lists the RSA keys of one class. A first search counts them, because the array needs its size; a second
+/// search reads them.
 template <CK_OBJECT_CLASS Class, std::size_t N>
 jobjectArray listRsaKeys(JNIEnv* env, jlong slotIndex, const char* className,
                          const std::array<Column, N>& columns) {
@@ -144,8 +144,8 @@ jobjectArray listRsaKeys(JNIEnv* env, jlong slotIndex, const char* className,
   for (CK_ULONG k = 1; k <= keyCount; ++k) {
     if (!search.found()) return fail(CKR_GENERAL_ERROR);  // fewer than were counted
     AttributeRead values(session, search.object(), typesOf(columns));
-    if (values.lengths() != CKR_OK) return fail(rv);
-    if (const CK_RV result = values.values(); result != CKR_OK) return fail(result);
+    if (values.readLengths() != CKR_OK) return fail(rv);
+    if (const CK_RV result = values.readValues(); result != CKR_OK) return fail(result);
     storeGroup(env, list, k, columns, values);
     if (search.next() != CKR_OK) return fail(rv);
   }
@@ -225,9 +225,9 @@ Java_com_calvenhor_vork_utils_Smartcard_readAllCertificatesDLL(JNIEnv* env, jcla
   for (CK_ULONG k = 1; k <= certificateCount; ++k) {
     if (!search.found()) return fail(CKR_GENERAL_ERROR);  // fewer than were counted
     AttributeRead values(session, search.object(), typesOf(kCertificate));
-    values.lengths();
+    values.readLengths();
     trace("C_GetAttributeValue1 = 0x%x\n", hex32(rv));
-    const CK_RV result = values.values();
+    const CK_RV result = values.readValues();
     trace("C_GetAttributeValue2 = 0x%x\n", hex32(rv));
     if (result != CKR_OK) return fail(result);
     storeGroup(env, list, k, kCertificate, values);
@@ -262,42 +262,42 @@ Java_com_calvenhor_vork_utils_Smartcard_readAllRSAPrivateKeysDLL(JNIEnv* env, jc
 JNIEXPORT jbyteArray JNICALL
 Java_com_calvenhor_vork_utils_Smartcard_readCertificateIDDLL(JNIEnv* env, jclass, jlong slotIndex) try {
   const TracedCall traced;
-  return readName(env, slotIndex, x509(), CKA_ID, OnFailure::kTraced);
+  return readIdOrLabel(env, slotIndex, x509(), CKA_ID, OnFailure::kTraced);
 } catch (...) {
   return outOfMemoryStatus(env);
 }
 
 JNIEXPORT jbyteArray JNICALL
 Java_com_calvenhor_vork_utils_Smartcard_readCertificateLabelDLL(JNIEnv* env, jclass, jlong slotIndex) try {
-  return readName(env, slotIndex, x509(), CKA_LABEL);
+  return readIdOrLabel(env, slotIndex, x509(), CKA_LABEL);
 } catch (...) {
   return outOfMemoryStatus(env);
 }
 
 JNIEXPORT jbyteArray JNICALL Java_com_calvenhor_vork_utils_Smartcard_readPublicKeyIDDLL(JNIEnv* env, jclass,
                                                                                         jlong slotIndex) try {
-  return readName(env, slotIndex, objectClass<CKO_PUBLIC_KEY>(), CKA_ID);
+  return readIdOrLabel(env, slotIndex, objectClass<CKO_PUBLIC_KEY>(), CKA_ID);
 } catch (...) {
   return outOfMemoryStatus(env);
 }
 
 JNIEXPORT jbyteArray JNICALL
 Java_com_calvenhor_vork_utils_Smartcard_readPublicKeyLabelDLL(JNIEnv* env, jclass, jlong slotIndex) try {
-  return readName(env, slotIndex, objectClass<CKO_PUBLIC_KEY>(), CKA_LABEL);
+  return readIdOrLabel(env, slotIndex, objectClass<CKO_PUBLIC_KEY>(), CKA_LABEL);
 } catch (...) {
   return outOfMemoryStatus(env);
 }
 
 JNIEXPORT jbyteArray JNICALL
 Java_com_calvenhor_vork_utils_Smartcard_readPrivateKeyIDDLL(JNIEnv* env, jclass, jlong slotIndex) try {
-  return readName(env, slotIndex, objectClass<CKO_PRIVATE_KEY>(), CKA_ID);
+  return readIdOrLabel(env, slotIndex, objectClass<CKO_PRIVATE_KEY>(), CKA_ID);
 } catch (...) {
   return outOfMemoryStatus(env);
 }
 
 JNIEXPORT jbyteArray JNICALL
 Java_com_calvenhor_vork_utils_Smartcard_readPrivateKeyLabelDLL(JNIEnv* env, jclass, jlong slotIndex) try {
-  return readName(env, slotIndex, objectClass<CKO_PRIVATE_KEY>(), CKA_LABEL);
+  return readIdOrLabel(env, slotIndex, objectClass<CKO_PRIVATE_KEY>(), CKA_LABEL);
 } catch (...) {
   return outOfMemoryStatus(env);
 }

@@ -11,18 +11,19 @@
 #include "memory.h"
 #include "module.h"
 
-/// A search in a session. The constructor begins it, and the destructor ends it if end() was not called: a
-/// session has one search at a time, and none may outlive the call. next() asks for `Room` handles.
+/// A search in a session. The constructor begins it. After next(), the destructor ends it unless end() was
+/// called: a session has one search at a time, and none may outlive the entry point. Call next() after every
+/// begin that succeeds. next() asks for `MaxObjects` handles.
 ///
 /// If hasBegun() is false, some entry points return without end(). The others do not test it: they call
 /// next(), which fails, and end().
-template <std::size_t Room = 1>
+template <std::size_t MaxObjects = 1>
 class Search {
  public:
   /// An empty template matches every object.
   template <std::size_t N = 0>
   explicit Search(Session session, std::array<CK_ATTRIBUTE, N> wanted = {}) : session_(session) {
-    begin_ = call(&CK_FUNCTION_LIST::C_FindObjectsInit, session_, N == 0 ? nullptr : wanted.data(), N);
+    beginCode_ = call(&CK_FUNCTION_LIST::C_FindObjectsInit, session_, N == 0 ? nullptr : wanted.data(), N);
   }
   Search(const Search&) = delete;
   Search& operator=(const Search&) = delete;
@@ -30,13 +31,13 @@ class Search {
     if (active_) end();
   }
 
-  bool hasBegun() const { return begin_ == CKR_OK; }
+  bool hasBegun() const { return beginCode_ == CKR_OK; }
 
   CK_RV next() {
     active_ = true;
     count_ = 0;  // some modules leave it unwritten when they fail
-    next_ = call(&CK_FUNCTION_LIST::C_FindObjects, session_, handles_.data(), Room, &count_);
-    return next_;
+    nextCode_ = call(&CK_FUNCTION_LIST::C_FindObjects, session_, handles_.data(), MaxObjects, &count_);
+    return nextCode_;
   }
 
   CK_RV end() {
@@ -49,29 +50,30 @@ class Search {
 
   /// The objects that the last next() found. Only these handles may be passed to the module.
   std::span<const CK_OBJECT_HANDLE> objects() const {
-    return std::span(handles_).first(hasBegun() && next_ == CKR_OK ? std::min<CK_ULONG>(count_, Room) : 0);
+    return std::span(handles_).first(
+        hasBegun() && nextCode_ == CKR_OK ? std::min<CK_ULONG>(count_, MaxObjects) : 0);
   }
 
   bool found() const { return !objects().empty(); }
   CK_OBJECT_HANDLE object() const { return objects().front(); }
 
   /// Why nothing was found: the code of the failed call, or CKR_OBJECT_HANDLE_INVALID if no object matches.
-  CK_RV whyNotFound() const {
-    if (!hasBegun()) return begin_;
-    return next_ != CKR_OK ? next_ : CKR_OBJECT_HANDLE_INVALID;
+  CK_RV notFoundCode() const {
+    if (!hasBegun()) return beginCode_;
+    return nextCode_ != CKR_OK ? nextCode_ : CKR_OBJECT_HANDLE_INVALID;
   }
 
  private:
   Session session_;
-  std::array<CK_OBJECT_HANDLE, Room> handles_ = {};
+  std::array<CK_OBJECT_HANDLE, MaxObjects> handles_ = {};
   CK_ULONG count_ = 0;
-  CK_RV begin_ = CKR_OK;
-  CK_RV next_ = CKR_OK;
-  bool active_ = false;  // set by next(), which follows every begin that succeeded
+  CK_RV beginCode_ = CKR_OK;
+  CK_RV nextCode_ = CKR_OK;
+  bool active_ = false;  // from next() to end()
 };
 
-/// Runs a new search to its end, for one object, and traces each step. `beginName` is the begin's name in the
-/// trace; its code must still be in `rv`.
+/// Asks a search that has just begun for one object, ends the search, and traces all three codes. The first
+/// must still be in `rv`; `beginName` is the name of C_FindObjectsInit in the trace.
 inline void runTraced(Search<>& search, const char* beginName) {
   trace("%s = %d", beginName, dec32(rv));
   search.next();
@@ -89,28 +91,28 @@ class AttributeRead {
     for (std::size_t i = 0; i < N; ++i) template_[i] = {types[i], nullptr, 0};
   }
 
-  CK_RV lengths() {
+  CK_RV readLengths() {
     return call(&CK_FUNCTION_LIST::C_GetAttributeValue, session_, object_, template_.data(), N);
   }
 
   /// Stores the module's code in `rv`. Returns it, or CKR_GENERAL_ERROR if the module claims to have copied a
-  /// value for which there was no room. A length beyond kLongestArray gets no buffer; a length of 0 gets one.
-  CK_RV values() {
+  /// value longer than its buffer. A length beyond kLongestArray gets no buffer; a length of 0 gets one.
+  CK_RV readValues() {
     for (std::size_t i = 0; i < N; ++i) {
       if (template_[i].ulValueLen > kLongestArray) continue;
       buffers_[i] = zeroed<CK_BYTE>(template_[i].ulValueLen);
       template_[i].pValue = buffers_[i].get();
-      rooms_[i] = template_[i].ulValueLen;
+      capacities_[i] = template_[i].ulValueLen;
     }
     if (call(&CK_FUNCTION_LIST::C_GetAttributeValue, session_, object_, template_.data(), N) != CKR_OK)
       return rv;
     for (std::size_t i = 0; i < N; ++i) {
-      if (buffers_[i] == nullptr || template_[i].ulValueLen > rooms_[i]) return CKR_GENERAL_ERROR;
+      if (buffers_[i] == nullptr || template_[i].ulValueLen > capacities_[i]) return CKR_GENERAL_ERROR;
     }
     return CKR_OK;
   }
 
-  /// The value of the i-th attribute, after values() returned CKR_OK.
+  /// The value of the i-th attribute, after readValues() returned CKR_OK.
   std::span<CK_BYTE> operator[](std::size_t i) const { return {buffers_[i].get(), template_[i].ulValueLen}; }
 
  private:
@@ -118,5 +120,5 @@ class AttributeRead {
   CK_OBJECT_HANDLE object_;
   std::array<CK_ATTRIBUTE, N> template_ = {};
   std::array<Buffer<CK_BYTE>, N> buffers_;
-  std::array<CK_ULONG, N> rooms_ = {};
+  std::array<CK_ULONG, N> capacities_ = {};
 };

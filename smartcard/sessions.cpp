@@ -7,7 +7,7 @@
 
 namespace {
 
-/// The label that initTokenDLL gives every token: 32 characters, padded with blanks as PKCS#11 requires, and
+/// The label that initTokenDLL gives every token: 32 characters, padded with spaces as PKCS#11 requires, and
 /// a NUL, because some modules read the label as a C string.
 using TokenLabel = std::array<CK_UTF8CHAR, 33>;
 
@@ -105,7 +105,7 @@ JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_changePINDLL(JNI
 
   const StringInput oldPin(env, jOldPin);
   const StringInput newPin(env, jNewPin);
-  if (!oldPin.holds(oldLength) || !newPin.holds(newLength)) return CKR_PIN_LEN_RANGE;
+  if (!oldPin.hasAtLeast(oldLength) || !newPin.hasAtLeast(newLength)) return CKR_PIN_LEN_RANGE;
   return asJava(call(&CK_FUNCTION_LIST::C_SetPIN, sessionAt(slotIndex), oldPin.pin(),
                      static_cast<CK_ULONG>(oldLength), newPin.pin(), static_cast<CK_ULONG>(newLength)));
 } catch (...) {
@@ -119,7 +119,7 @@ JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_initTokenDLL(JNI
   if (anyNull(jPin)) return CKR_ARGUMENTS_BAD;
 
   const StringInput pin(env, jPin);
-  if (!pin.holds(length)) return CKR_PIN_LEN_RANGE;
+  if (!pin.hasAtLeast(length)) return CKR_PIN_LEN_RANGE;
   TokenLabel label = tokenLabel();
   return asJava(call(&CK_FUNCTION_LIST::C_InitToken, slotAt(slotIndex), pin.pin(),
                      static_cast<CK_ULONG>(length), label.data()));
@@ -134,7 +134,7 @@ JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_initUserPINDLL(J
   if (anyNull(jPin)) return CKR_ARGUMENTS_BAD;
 
   const StringInput pin(env, jPin);
-  if (!pin.holds(length)) return CKR_PIN_LEN_RANGE;
+  if (!pin.hasAtLeast(length)) return CKR_PIN_LEN_RANGE;
   return asJava(
       call(&CK_FUNCTION_LIST::C_InitPIN, sessionAt(slotIndex), pin.pin(), static_cast<CK_ULONG>(length)));
 } catch (...) {

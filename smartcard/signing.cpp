@@ -8,8 +8,8 @@
 
 namespace {
 
-constexpr CK_ULONG kSignatureRoom = 1024;
-constexpr CK_ULONG kSignatureWithIdRoom = 1025;
+constexpr CK_ULONG kSignatureCapacity = 1024;
+constexpr CK_ULONG kSignatureWithIdCapacity = 1025;
 
 }  // namespace
 
@@ -28,7 +28,7 @@ JNIEXPORT jbyteArray JNICALL Java_com_calvenhor_vork_utils_Smartcard_signDLL(JNI
   search.end();
   if (!search.found()) return status.set(0);
 
-  std::array<CK_BYTE, kSignatureRoom> signature = {};
+  std::array<CK_BYTE, kSignatureCapacity> signature = {};
   CK_ULONG length = signature.size();
   CK_MECHANISM mechanism = {CKM_RSA_PKCS, nullptr, 0};
   if (call(&CK_FUNCTION_LIST::C_SignInit, session, &mechanism, search.object()) != CKR_OK) {
@@ -85,16 +85,16 @@ JNIEXPORT jbyteArray JNICALL Java_com_calvenhor_vork_utils_Smartcard_signWithIDD
   id.discard();
   if (!search.found()) return status.set(0);
 
-  Buffer<CK_BYTE> signature = tryZeroed<CK_BYTE>(kSignatureWithIdRoom);
+  Buffer<CK_BYTE> signature = tryZeroed<CK_BYTE>(kSignatureWithIdCapacity);
   trace("once result = 0x%x\n", hex32(reinterpret_cast<CK_ULONG>(signature.get())));
   if (signature == nullptr) {
-    signature = tryZeroed<CK_BYTE>(kSignatureWithIdRoom);
+    signature = tryZeroed<CK_BYTE>(kSignatureWithIdCapacity);
     if (signature == nullptr) trace("new for result returns null\n");
   }
   trace("sonra result = 0x%x\n", hex32(reinterpret_cast<CK_ULONG>(signature.get())));
   if (signature == nullptr) return status.set(CKR_HOST_MEMORY);
 
-  CK_ULONG length = kSignatureWithIdRoom;
+  CK_ULONG length = kSignatureWithIdCapacity;
   CK_MECHANISM mechanism = {CKM_RSA_PKCS, nullptr, 0};
   call(&CK_FUNCTION_LIST::C_SignInit, session, &mechanism, search.object());
   trace("C_SignInit = 0x%x\n", hex32(rv));
@@ -102,7 +102,7 @@ JNIEXPORT jbyteArray JNICALL Java_com_calvenhor_vork_utils_Smartcard_signWithIDD
   trace("C_Sign = 0x%x\n", hex32(rv));
   trace("resultLen = %d\n", dec32(length));
   if (rv != CKR_OK) return status.set(rv);
-  if (length > kSignatureWithIdRoom) return status.set(CKR_GENERAL_ERROR);
+  if (length > kSignatureWithIdCapacity) return status.set(CKR_GENERAL_ERROR);
 
   data.release();
   return byteArray(env, std::span(signature.get(), length));
@@ -156,8 +156,8 @@ JNIEXPORT jbyteArray JNICALL Java_com_calvenhor_vork_utils_Smartcard_generateKey
   }
 
   AttributeRead<1> modulus(session, publicKey, {CKA_MODULUS});
-  if (modulus.lengths() != CKR_OK) return StatusArray(env).set(rv);
-  if (const CK_RV result = modulus.values(); result != CKR_OK) return StatusArray(env).set(result);
+  if (modulus.readLengths() != CKR_OK) return StatusArray(env).set(rv);
+  if (const CK_RV result = modulus.readValues(); result != CKR_OK) return StatusArray(env).set(result);
   const jbyteArray result = byteArray(env, modulus[0]);
   releaseAll(id, label, publicExponent);
   return result;

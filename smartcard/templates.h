@@ -10,8 +10,8 @@
 // Attributes and templates can be copied freely: constants have static storage, and byte strings belong to
 // the inputs. A template with constants is sent only once, because the module may overwrite them.
 
-/// A CK_ULONG attribute with a fixed value: an object class, a key type or a certificate type. The module
-/// could write to it, so it is not const, and each new template sets it again.
+/// A CK_ULONG attribute with a fixed value: an object class, a key type or a certificate type. The variable
+/// is not const, because the module may write to it. Each new template sets the variable again.
 template <CK_ATTRIBUTE_TYPE Type, CK_ULONG Value>
 CK_ATTRIBUTE constant() {
   static CK_ULONG value;
@@ -26,7 +26,7 @@ CK_ATTRIBUTE objectClass() {
 inline CK_ATTRIBUTE rsa() { return constant<CKA_KEY_TYPE, CKK_RSA>(); }
 inline CK_ATTRIBUTE x509() { return constant<CKA_CERTIFICATE_TYPE, CKC_X_509>(); }
 
-/// A boolean attribute: `yes` or `no`, which each new template sets again for the same reason.
+/// A boolean attribute: `yes` or `no`. Each new template sets the variable again, as in constant().
 inline CK_ATTRIBUTE flag(CK_ATTRIBUTE_TYPE type, CK_BBOOL& value) {
   value = &value == &yes ? CK_TRUE : CK_FALSE;
   return {type, &value, sizeof value};
@@ -39,7 +39,7 @@ inline CK_ATTRIBUTE bytes(CK_ATTRIBUTE_TYPE type, const ByteInput& input) {
 // Inputs that belong together. Their functions process the members in order.
 
 /// The DER encodings that identify a certificate, besides its ID and label.
-struct CertificateNames {
+struct CertificateFields {
   ByteInput subject;
   ByteInput issuer;
   ByteInput serialNumber;
@@ -90,16 +90,16 @@ std::array<CK_ATTRIBUTE, 3> tokenKeySearch(const ByteInput& id) {
 }
 
 /// A certificate on the token, by every attribute except its value.
-inline std::array<CK_ATTRIBUTE, 8> certificateSearch(const CertificateNames& names, const ByteInput& id,
+inline std::array<CK_ATTRIBUTE, 8> certificateSearch(const CertificateFields& fields, const ByteInput& id,
                                                      const ByteInput& label) {
   return {
       objectClass<CKO_CERTIFICATE>(),
       x509(),
       flag(CKA_TOKEN, yes),
       bytes(CKA_LABEL, label),
-      bytes(CKA_SERIAL_NUMBER, names.serialNumber),
-      bytes(CKA_ISSUER, names.issuer),
-      bytes(CKA_SUBJECT, names.subject),
+      bytes(CKA_SERIAL_NUMBER, fields.serialNumber),
+      bytes(CKA_ISSUER, fields.issuer),
+      bytes(CKA_SUBJECT, fields.subject),
       bytes(CKA_ID, id),
   };
 }

@@ -12,9 +12,9 @@ namespace {
 bool hasUnflushed = false;
 bool brokenPipeKills;  // valid from the first unflushed trace to the end of its flush
 
-/// Called before each trace. The first one after a flush checks whether SIGPIPE kills this process. This one
-/// system call saves the guard's four at every write if it does not. The check is valid only until the flush,
-/// because the host or the module can change the handler afterwards.
+/// Called before each trace. The first trace after a flush checks whether SIGPIPE kills this process. If it
+/// does not, this one system call replaces the four that SigpipeBlocked makes at each write. The check is
+/// valid only until the flush, because the host or the module can change the handler afterwards.
 void beginTrace() noexcept {
   if (hasUnflushed) return;
   hasUnflushed = true;

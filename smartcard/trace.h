@@ -4,11 +4,11 @@
 
 #include <span>
 
-/// Prints a debug trace to standard output exactly as formatted. Adds no prefix and no line end.
+/// Prints a debug trace to standard output, without a prefix or a newline of its own.
 [[gnu::format(printf, 1, 2)]] void trace(const char* format, ...) noexcept;
 
-/// Prints `heading`, then each byte in hexadecimal without a leading zero and with a blank after it, then a
-/// line end.
+/// Prints `heading`, then each byte in hexadecimal without a leading zero and followed by a space, then a
+/// newline.
 void traceBytes(const char* heading, std::span<const CK_BYTE> bytes);
 
 /// Flushes the traces to the operating system. The last line then shows where a module hangs, waits for a PIN

@@ -11,10 +11,10 @@
 
 namespace {
 
-std::array<CK_ATTRIBUTE, 9> certificateTemplate(const ByteInput& certificate, const CertificateNames& names,
+std::array<CK_ATTRIBUTE, 9> certificateTemplate(const ByteInput& certificate, const CertificateFields& fields,
                                                 const ByteInput& id, const ByteInput& label) {
   std::array<CK_ATTRIBUTE, 9> object = {};
-  std::ranges::copy(certificateSearch(names, id, label), object.begin());
+  std::ranges::copy(certificateSearch(fields, id, label), object.begin());
   object.back() = bytes(CKA_VALUE, certificate);
   return object;
 }
@@ -36,10 +36,12 @@ void takeTraced(const char* heading, ByteInput& input) {
   traceBytes(heading, {input.data(), input.size()});
 }
 
-/// Sets the ID and label of the key that the search found.
-CK_RV update(Session session, const Search<>& key, std::array<CK_ATTRIBUTE, 2> names) {
-  if (!key.found()) return key.whyNotFound();
-  return call(&CK_FUNCTION_LIST::C_SetAttributeValue, session, key.object(), names.data(), names.size());
+/// Sets the ID and label of the key that the search found. Returns the code of C_SetAttributeValue, or the
+/// reason why no key was found.
+CK_RV update(Session session, const Search<>& search, std::array<CK_ATTRIBUTE, 2> idAndLabel) {
+  if (!search.found()) return search.notFoundCode();
+  return call(&CK_FUNCTION_LIST::C_SetAttributeValue, session, search.object(), idAndLabel.data(),
+              idAndLabel.size());
 }
 
 }  // namespace
@@ -50,15 +52,15 @@ JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_writeCertificate
   if (!hasSession(slotIndex)) return kBadSlotIndex;
   if (anyNull(jCertificate, jSubject, jIssuer, jSerialNumber, jId, jLabel)) return CKR_ARGUMENTS_BAD;
   ByteInput certificate(env, jCertificate);
-  CertificateNames names = {{env, jSubject}, {env, jIssuer}, {env, jSerialNumber}};
+  CertificateFields fields = {{env, jSubject}, {env, jIssuer}, {env, jSerialNumber}};
   ByteInput id(env, jId);
   ByteInput label(env, jLabel);
-  takeAll(label, id, certificate, names);
+  takeAll(label, id, certificate, fields);
 
-  auto object = certificateTemplate(certificate, names, id, label);
+  auto object = certificateTemplate(certificate, fields, id, label);
   create(sessionAt(slotIndex), object);
 
-  releaseAll(certificate, names, id, label);
+  releaseAll(certificate, fields, id, label);
   return asJava(rv);
 } catch (...) {
   return CKR_HOST_MEMORY;
@@ -163,8 +165,8 @@ JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_writeCertificate
   trace("sizeOfCoefficient = %d\n", key.coefficient.length());
 
   ByteInput certificate(env, jCertificate);
-  CertificateNames names = {{env, jSubject}, {env, jIssuer}, {env, jSerialNumber}};
-  trace("sizeOfSubject = %d\n", names.subject.length());
+  CertificateFields fields = {{env, jSubject}, {env, jIssuer}, {env, jSerialNumber}};
+  trace("sizeOfSubject = %d\n", fields.subject.length());
   trace("sizeOfCert = %d\n", certificate.length());
 
   ByteInput label(env, jLabel);
@@ -172,17 +174,17 @@ JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_writeCertificate
   key.take();
   takeTraced("id = ", id);
   takeTraced("cert = ", certificate);
-  names.take();
+  fields.take();
 
   auto privateKey = rsaPrivateKeyTemplate(key, id, label);
   createTraced(session, "Private Key", privateKey);
   auto publicKey = rsaPublicKeyTemplate(key.modulus, key.publicExponent, id, label);
   createTraced(session, "Public Key", publicKey);
-  auto object = certificateTemplate(certificate, names, id, label);
+  auto object = certificateTemplate(certificate, fields, id, label);
   std::swap(object[2], object[3]);  // here the label precedes CKA_TOKEN
   createTraced(session, "Cert", object);
 
-  releaseAll(certificate, names, key, id, label);
+  releaseAll(certificate, fields, key, id, label);
   return asJava(rv);
 } catch (...) {
   return CKR_HOST_MEMORY;
@@ -201,14 +203,14 @@ JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_updateKeyPairIDA
   ByteInput newId(env, jNewId);
   newId.take();
 
-  Search privateKey(session, tokenKeySearch<CKO_PRIVATE_KEY>(id));
-  runTraced(privateKey, "FindObjectsInit (Priv)");
-  Search publicKey(session, tokenKeySearch<CKO_PUBLIC_KEY>(id));
-  runTraced(publicKey, "FindObjectsInit (Public)");
+  Search privateKeySearch(session, tokenKeySearch<CKO_PRIVATE_KEY>(id));
+  runTraced(privateKeySearch, "FindObjectsInit (Priv)");
+  Search publicKeySearch(session, tokenKeySearch<CKO_PUBLIC_KEY>(id));
+  runTraced(publicKeySearch, "FindObjectsInit (Public)");
 
-  const std::array names = {bytes(CKA_ID, newId), bytes(CKA_LABEL, newLabel)};
-  trace("Private key update = %d", dec32(update(session, privateKey, names)));
-  const CK_RV result = update(session, publicKey, names);
+  const std::array idAndLabel = {bytes(CKA_ID, newId), bytes(CKA_LABEL, newLabel)};
+  trace("Private key update = %d", dec32(update(session, privateKeySearch, idAndLabel)));
+  const CK_RV result = update(session, publicKeySearch, idAndLabel);
   trace("Public key update = %d", dec32(result));
 
   releaseAll(id, newId, newLabel);
@@ -223,20 +225,20 @@ JNIEXPORT jlong JNICALL Java_com_calvenhor_vork_utils_Smartcard_setCertificateLa
   if (!hasSession(slotIndex)) return kBadSlotIndex;
   const Session session = sessionAt(slotIndex);
 
-  Search keys(session, std::array{objectClass<CKO_PUBLIC_KEY>()});
-  keys.next();
-  if (!keys.found()) return asJava(keys.whyNotFound());
-  AttributeRead<1> label(session, keys.object(), {CKA_LABEL});
-  if (label.lengths() != CKR_OK) return asJava(rv);
-  if (const CK_RV result = label.values(); result != CKR_OK) return asJava(result);
-  keys.end();
+  Search keySearch(session, std::array{objectClass<CKO_PUBLIC_KEY>()});
+  keySearch.next();
+  if (!keySearch.found()) return asJava(keySearch.notFoundCode());
+  AttributeRead<1> label(session, keySearch.object(), {CKA_LABEL});
+  if (label.readLengths() != CKR_OK) return asJava(rv);
+  if (const CK_RV result = label.readValues(); result != CKR_OK) return asJava(result);
+  keySearch.end();
 
-  Search certificates(session, std::array{x509()});
-  certificates.next();
-  if (!certificates.found()) return asJava(certificates.whyNotFound());
+  Search x509Search(session, std::array{x509()});
+  x509Search.next();
+  if (!x509Search.found()) return asJava(x509Search.notFoundCode());
   CK_ATTRIBUTE newLabel = {CKA_LABEL, label[0].data(), label[0].size()};
-  call(&CK_FUNCTION_LIST::C_SetAttributeValue, session, certificates.object(), &newLabel, 1);
-  return asJava(certificates.end());
+  call(&CK_FUNCTION_LIST::C_SetAttributeValue, session, x509Search.object(), &newLabel, 1);
+  return asJava(x509Search.end());
 } catch (...) {
   return CKR_HOST_MEMORY;
 }
