@@ -19,19 +19,19 @@ import java.util.TreeMap;
  * for the report, folder for temporary files, cheap module, SoftHSM2, then the JDKs, each as "HOME VERSION".
  */
 final class Bench {
-    private static final List<String> CONTESTANTS = List.of("C", "plain JNI", "library", "SunPKCS11");
+    private static final List<String> IMPLEMENTATIONS = List.of("C", "plain JNI", "library", "SunPKCS11");
 
     /** An operation on a token with one key and a number of certificates. */
     private record Case(boolean cheap, int operation, int certificates) {
         String title() {
-            String on = cheap ? "" : ", SoftHSM2";
+            String module = cheap ? "" : ", SoftHSM2";
             return switch (operation) {
-                case Plain.SIGN -> "signDLL, %,d objects%s".formatted(certificates + 1, on);
-                case Plain.SIGN_WITH_ID -> "signWithIDDLL, %,d objects%s".formatted(certificates + 1, on);
-                case Plain.LIST -> "readAllCertificatesDLL, %,d of them%s".formatted(certificates, on);
-                case Plain.QUERY -> "getSlotInfoDLL" + on;
-                case Worker.FIRST_SIGNATURE -> "first signature of a process" + on;
-                default -> "memory of readAllCertificatesDLL, %,d of them%s".formatted(certificates, on);
+                case Plain.SIGN -> "signDLL, %,d objects%s".formatted(certificates + 1, module);
+                case Plain.SIGN_WITH_ID -> "signWithIDDLL, %,d objects%s".formatted(certificates + 1, module);
+                case Plain.LIST -> "readAllCertificatesDLL, %,d certificates%s".formatted(certificates, module);
+                case Plain.QUERY -> "getSlotInfoDLL" + module;
+                case Worker.FIRST_SIGNATURE -> "first signature of a process" + module;
+                default -> "memory of readAllCertificatesDLL, %,d certificates%s".formatted(certificates, module);
             };
         }
 
@@ -39,19 +39,19 @@ final class Bench {
             return operation <= Plain.QUERY;
         }
 
-        /** {@return the contestants, in one list for each process} */
-        List<List<String>> contestants() {
+        /** {@return the implementations, grouped by process} */
+        List<List<String>> implementations() {
             List<String> together = isRepeated() ? List.of("C", "plain JNI", "library") : List.of("library");
             return cheap ? List.of(together) : List.of(together, List.of("SunPKCS11"));
         }
     }
 
-    private record Figure(Case of, String jdk, String contestant) {
+    private record Figure(Case benchmark, String jdk, String implementation) {
     }
 
     private final int rounds;
-    private final double sample;
-    private final int most;
+    private final double sampleNanos;
+    private final int maxCertificates;
     private final Path report;
     private final Path temporary;
     private final String[] modules;
@@ -61,8 +61,8 @@ final class Bench {
 
     private Bench(String[] arguments) {
         rounds = Integer.parseInt(arguments[0]);
-        sample = 1e6 * Double.parseDouble(arguments[1]);
-        most = Integer.parseInt(arguments[2]);
+        sampleNanos = 1e6 * Double.parseDouble(arguments[1]);
+        maxCertificates = Integer.parseInt(arguments[2]);
         report = Path.of(arguments[3]);
         temporary = Path.of(arguments[4]);
         modules = new String[] {arguments[5], arguments[6]};
@@ -75,7 +75,7 @@ final class Bench {
     public static void main(String[] arguments) throws IOException {
         Locale.setDefault(Locale.ROOT);
         Bench bench = new Bench(arguments);
-        for (int certificates = 1; certificates <= bench.most; certificates *= 10) {
+        for (int certificates = 1; certificates <= bench.maxCertificates; certificates *= 10) {
             bench.makeToken(certificates);
         }
         for (Case each : bench.cases()) {
@@ -92,12 +92,12 @@ final class Bench {
         }
         cases.add(new Case(true, Plain.LIST, 10));
         for (int operation : List.of(Plain.SIGN, Plain.LIST)) {
-            for (int certificates = 1; certificates <= most; certificates *= 10) {
+            for (int certificates = 1; certificates <= maxCertificates; certificates *= 10) {
                 cases.add(new Case(false, operation, certificates));
             }
         }
         cases.add(new Case(false, Worker.FIRST_SIGNATURE, 1));
-        cases.add(new Case(true, Worker.MEMORY, Math.min(10 * most, 10_000)));
+        cases.add(new Case(true, Worker.MEMORY, Math.min(10 * maxCertificates, 10_000)));
         return cases;
     }
 
@@ -105,18 +105,18 @@ final class Bench {
 
     /** A worker process: one for all rounds if the operation is repeated, otherwise a new one for each measurement. */
     private final class WorkerProcess {
-        final Case on;
+        final Case benchmark;
         final String jdk;
-        final List<String> contestants;
+        final List<String> implementations;
         private final Map<String, Long> repetitions = new HashMap<>();
         private Process process;
         private BufferedReader results;
         private PrintStream commands;
 
-        WorkerProcess(Case on, String jdk, List<String> contestants) {
-            this.on = on;
+        WorkerProcess(Case benchmark, String jdk, List<String> implementations) {
+            this.benchmark = benchmark;
             this.jdk = jdk;
-            this.contestants = new ArrayList<>(contestants);
+            this.implementations = new ArrayList<>(implementations);
         }
 
         private void start() throws IOException {
@@ -124,10 +124,11 @@ final class Bench {
             ProcessBuilder builder = new ProcessBuilder(jdks.get(jdk) + "/bin/java", "-XX:+UseSerialGC", "-Xms256m",
                     "-Xmx256m", "-XX:+AlwaysPreTouch", "--enable-native-access=ALL-UNNAMED",
                     "-Djava.library.path=" + System.getProperty("java.library.path"),
-                    "-cp", System.getProperty("java.class.path"), "Worker", modules[on.cheap ? 0 : 1],
-                    contestants.contains("SunPKCS11") ? "SunPKCS11" : "library", Integer.toString(on.operation));
-            builder.environment().put("BENCH_CERTIFICATES", Integer.toString(on.certificates));
-            builder.environment().put("SOFTHSM2_CONF", token(on.certificates) + ".conf");
+                    "-cp", System.getProperty("java.class.path"), "Worker", modules[benchmark.cheap ? 0 : 1],
+                    implementations.contains("SunPKCS11") ? "SunPKCS11" : "library",
+                    Integer.toString(benchmark.operation));
+            builder.environment().put("BENCH_CERTIFICATES", Integer.toString(benchmark.certificates));
+            builder.environment().put("SOFTHSM2_CONF", token(benchmark.certificates) + ".conf");
             process = builder.redirectOutput(ProcessBuilder.Redirect.DISCARD).start();
             results = new BufferedReader(new InputStreamReader(process.getErrorStream()));
             commands = new PrintStream(process.getOutputStream(), true);
@@ -145,27 +146,27 @@ final class Bench {
             return Double.parseDouble(line);
         }
 
-        private double repeat(String contestant, long times) throws IOException {
-            commands.println(times + " " + contestant);
+        private double repeat(String implementation, long times) throws IOException {
+            commands.println(times + " " + implementation);
             return readResult();
         }
 
         /** Finds how many repetitions fill one measurement. This also warms up the just-in-time compiler. */
         void prepare() throws IOException {
             start();
-            for (String contestant : contestants) {
+            for (String implementation : implementations) {
                 long times = 1;
-                while (repeat(contestant, times) < sample / 1.5) {
+                while (repeat(implementation, times) < sampleNanos / 1.5) {
                     times *= 2;
                 }
-                repetitions.put(contestant, times);
+                repetitions.put(implementation, times);
             }
         }
 
-        double measure(String contestant) throws IOException {
-            if (on.isRepeated()) {
-                long times = repetitions.get(contestant);
-                return repeat(contestant, times) / times;
+        double measure(String implementation) throws IOException {
+            if (benchmark.isRepeated()) {
+                long times = repetitions.get(implementation);
+                return repeat(implementation, times) / times;
             }
             start();
             double result = readResult();
@@ -184,29 +185,29 @@ final class Bench {
         new WorkerProcess(new Case(false, Worker.FILL, certificates), jdks.firstKey(), List.of("library")).measure("");
     }
 
-    private void measure(Case on) throws IOException {
+    private void measure(Case benchmark) throws IOException {
         List<WorkerProcess> processes = new ArrayList<>();
         for (String jdk : jdks.keySet()) {
-            on.contestants().forEach(together -> processes.add(new WorkerProcess(on, jdk, together)));
+            benchmark.implementations().forEach(together -> processes.add(new WorkerProcess(benchmark, jdk, together)));
         }
-        if (on.isRepeated()) {
+        if (benchmark.isRepeated()) {
             for (WorkerProcess process : processes) {
                 process.prepare();
             }
         }
         Random random = new Random(1);
         for (int round = 0; round < rounds; ++round) {
-            // In random order, because the previous contestant leaves its data in the processor's caches.
+            // In random order, because the previous implementation leaves its data in the processor's caches.
             Collections.shuffle(processes, random);
             for (WorkerProcess process : processes) {
-                Collections.shuffle(process.contestants, random);
-                for (String contestant : process.contestants) {
-                    double value = process.measure(contestant);
-                    figures.merge(new Figure(on, process.jdk, contestant), value, Math::min);
+                Collections.shuffle(process.implementations, random);
+                for (String implementation : process.implementations) {
+                    double value = process.measure(implementation);
+                    figures.merge(new Figure(benchmark, process.jdk, implementation), value, Math::min);
                 }
             }
         }
-        if (on.isRepeated()) {
+        if (benchmark.isRepeated()) {
             processes.forEach(WorkerProcess::stop);
         }
     }
@@ -214,20 +215,20 @@ final class Bench {
     // ---- Reporting ----
 
     /** {@return a figure, or NaN if it was not measured} */
-    private double figure(Case on, String jdk, String contestant) {
-        return figures.getOrDefault(new Figure(on, jdk, contestant), Double.NaN);
+    private double figure(Case benchmark, String jdk, String implementation) {
+        return figures.getOrDefault(new Figure(benchmark, jdk, implementation), Double.NaN);
     }
 
     private void writeReport() throws IOException {
         StringBuilder table = new StringBuilder();
-        appendRow(table, List.of("work", "JDK", "C", "plain JNI", "library", "SunPKCS11", "library / C",
+        appendRow(table, List.of("call", "JDK", "C", "plain JNI", "library", "SunPKCS11", "library / C",
                 "/ plain JNI", "/ SunPKCS11"));
         table.append("|---".repeat(9)).append("|\n");
         for (Case each : cases()) {
             for (String jdk : jdks.keySet()) {
                 List<String> cells = new ArrayList<>(List.of(each.title(), jdk));
-                for (String contestant : CONTESTANTS) {
-                    double value = figure(each, jdk, contestant);
+                for (String implementation : IMPLEMENTATIONS) {
+                    double value = figure(each, jdk, implementation);
                     cells.add(each.operation == Worker.MEMORY ? format("%.1f MB", value / 1e6) : time(value));
                 }
                 for (String other : List.of("C", "plain JNI", "SunPKCS11")) {
@@ -256,15 +257,15 @@ final class Bench {
         return format((value < 10 ? "%.2f " : value < 100 ? "%.1f " : "%.0f ") + unit, value);
     }
 
-    /** {@return data for the picture: milliseconds of listing and of signing, on SoftHSM2 and the first JDK} */
+    /** {@return data of the graph: the time of a listing and of a signature in ms, on SoftHSM2 and the first JDK} */
     private String growth() {
         StringBuilder out = new StringBuilder();
-        for (int certificates = 1; certificates <= most; certificates *= 10) {
+        for (int certificates = 1; certificates <= maxCertificates; certificates *= 10) {
             out.append(certificates);
             for (int operation : List.of(Plain.LIST, Plain.SIGN)) {
-                for (String contestant : List.of("C", "library", "SunPKCS11")) {
-                    Case on = new Case(false, operation, certificates);
-                    out.append(' ').append(figure(on, jdks.firstKey(), contestant) / 1e6);
+                for (String implementation : List.of("C", "library", "SunPKCS11")) {
+                    Case benchmark = new Case(false, operation, certificates);
+                    out.append(' ').append(figure(benchmark, jdks.firstKey(), implementation) / 1e6);
                 }
             }
             out.append('\n');

@@ -15,7 +15,8 @@ import java.util.Objects;
 
 /**
  * A JVM that runs operations for {@link Bench}. It reports on standard error, because the library writes traces to
- * standard output. The library and SunPKCS11 cannot use a module in the same process, so each has its own.
+ * standard output. The library and SunPKCS11 cannot use the same module in one process, so each has its own
+ * process.
  */
 final class Worker {
     // Operations in addition to those of Plain. Each runs once, in its own process.
@@ -38,12 +39,12 @@ final class Worker {
     /** Arguments: a module, {@code library} or {@code SunPKCS11}, and an operation. */
     public static void main(String[] arguments) throws Exception {
         String module = arguments[0];
-        String contestant = arguments[1];
+        String implementation = arguments[1];
         int operation = Integer.parseInt(arguments[2]);
         long start = System.nanoTime();
         if (operation == FILL) {
             fill(module, Integer.parseInt(System.getenv("BENCH_CERTIFICATES")));
-        } else if (contestant.equals("library")) {
+        } else if (implementation.equals("library")) {
             bindLibrary(module);
         } else {
             bindSunPkcs11(module);
@@ -52,18 +53,19 @@ final class Worker {
             case FILL -> System.err.println("0");
             case MEMORY -> System.err.println(memory());
             case FIRST_SIGNATURE -> {
-                run(contestant, Plain.SIGN, 1);
+                run(implementation, Plain.SIGN, 1);
                 System.err.println(System.nanoTime() - start);
             }
-            default -> serve(module, contestant, operation);
+            default -> serve(module, implementation, operation);
         }
     }
 
-    /** Reads lines with a number of repetitions and a contestant. Prints the nanoseconds for each line. */
-    private static void serve(String module, String contestant, int operation) throws Exception {
-        if (contestant.equals("library")) {
+    /** Reads lines with a number of repetitions and an implementation. Prints the nanoseconds for each line. */
+    private static void serve(String module, String implementation, int operation) throws Exception {
+        if (implementation.equals("library")) {
             Plain.bind(module);
-            require(Objects.deepEquals(run("library", operation, 1), run("plain JNI", operation, 1)), "same results");
+            require(Objects.deepEquals(run("library", operation, 1), run("plain JNI", operation, 1)),
+                    "the library and plain JNI returned different results");
         }
         BufferedReader commands = new BufferedReader(new InputStreamReader(System.in, StandardCharsets.US_ASCII));
         for (String line = commands.readLine(); line != null; line = commands.readLine()) {
@@ -78,22 +80,23 @@ final class Worker {
         }
     }
 
-    private static void require(boolean condition, String what) {
+    private static void require(boolean condition, String failure) {
         if (!condition) {
-            System.err.println("failed: " + what);
+            System.err.println(failure);
             Runtime.getRuntime().halt(1);
         }
     }
 
     /** Repeats an operation. Returns the last result. */
-    private static Object run(String contestant, int operation, long times) throws Exception {
+    private static Object run(String implementation, int operation, long times) throws Exception {
         Object last = null;
-        switch (contestant) {
+        switch (implementation) {
             case "C" -> Plain.repeatInC(operation, times);
             case "SunPKCS11" -> last = runSunPkcs11(operation, times);
-            default -> last = runNatives(operation, contestant.equals("plain JNI"), times);
+            default -> last = runNatives(operation, implementation.equals("plain JNI"), times);
         }
-        require(!(last instanceof byte[] signature) || signature.length == 256, "a signature");
+        require(!(last instanceof byte[] signature) || signature.length == 256,
+                "the signature does not have 256 bytes");
         return last;
     }
 
@@ -101,7 +104,7 @@ final class Worker {
 
     private static void bindLibrary(String module) {
         require(Smartcard.initDLL(module) == 0 && Smartcard.openSessionDLL(SLOT) == 0
-                && Smartcard.loginDLL(SLOT, PIN, 1) == 0, "binding");
+                && Smartcard.loginDLL(SLOT, PIN, 1) == 0, "the module cannot be bound");
     }
 
     private static Object runNatives(int operation, boolean plain, long times) {
@@ -167,23 +170,24 @@ final class Worker {
 
     // ---- Creating a SoftHSM2 token ----
 
-    /** Creates a token with a private key and certificates, which differ in ID, label and serial number. */
+    /** Creates a token with a private key and certificates. Their IDs, labels, subjects, issuers and numbers differ. */
     private static void fill(String module, int certificates) throws Exception {
         require(Smartcard.initDLL(module) == 0 && Smartcard.initTokenDLL(SLOT, PIN, 4) == 0
                 && Smartcard.finalizeDLL() == 0 && Smartcard.initDLL(module) == 0
                 && Smartcard.openSessionDLL(SLOT) == 0 && Smartcard.loginDLL(SLOT, PIN, 0) == 0
                 && Smartcard.initUserPINDLL(SLOT, PIN, 4) == 0 && Smartcard.logoutDLL(SLOT) == 0
-                && Smartcard.loginDLL(SLOT, PIN, 1) == 0, "the token");
+                && Smartcard.loginDLL(SLOT, PIN, 1) == 0, "the token cannot be created");
         require(Smartcard.generateKeyPairDLL(SLOT, 2048, new byte[] {1, 0, 1}, ID, ID).length == 256
-                && Smartcard.deletePublicKeyDLL(SLOT, ID) == 0, "the key");
+                && Smartcard.deletePublicKeyDLL(SLOT, ID) == 0, "the key cannot be generated");
         byte[] certificate = Files.readAllBytes(Path.of(System.getenv("BENCH_CERTIFICATE")));
         for (int number = 1; number <= certificates; ++number) {
             for (int i = 0; i < 4; ++i) {
-                certificate[16 + i] = (byte) (number >> 8 * i); // the serial number
+                certificate[16 + i] = (byte) (number >> 8 * i); // the serial number; the rest of the DER is the same
             }
             byte[] id = String.format("%05d", number).getBytes(StandardCharsets.US_ASCII);
             byte[] label = String.format("certificate %05d", number).getBytes(StandardCharsets.US_ASCII);
-            require(Smartcard.writeCertificateDLL(SLOT, certificate, id, id, id, id, label) == 0, "a certificate");
+            require(Smartcard.writeCertificateDLL(SLOT, certificate, id, id, id, id, label) == 0,
+                    "a certificate cannot be written");
         }
     }
 }

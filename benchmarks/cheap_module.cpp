@@ -16,7 +16,7 @@ constexpr CK_ULONG kSignatureLength = 256;
 
 CK_OBJECT_HANDLE lastObject = 0;
 
-// One search at a time is enough, because the contestants take turns.
+// One search at a time is enough, because the implementations take turns.
 CK_OBJECT_HANDLE nextFound = 0;
 CK_OBJECT_HANDLE lastFound = 0;
 
@@ -32,8 +32,8 @@ CK_RV findObjectsInit(CK_SESSION_HANDLE, CK_ATTRIBUTE* wanted, CK_ULONG) {
   return CKR_OK;
 }
 
-CK_RV findObjects(CK_SESSION_HANDLE, CK_OBJECT_HANDLE* objects, CK_ULONG room, CK_ULONG* count) {
-  for (*count = 0; *count < room && nextFound <= lastFound; ++*count) objects[*count] = nextFound++;
+CK_RV findObjects(CK_SESSION_HANDLE, CK_OBJECT_HANDLE* objects, CK_ULONG capacity, CK_ULONG* count) {
+  for (*count = 0; *count < capacity && nextFound <= lastFound; ++*count) objects[*count] = nextFound++;
   return CKR_OK;
 }
 

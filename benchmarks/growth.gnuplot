@@ -1,4 +1,5 @@
-# Plots the times of listing and signing over the number of certificates on the token. Needs `data` and an output.
+# Plots the time of a listing and of a signature against the number of certificates on the token. The caller sets the
+# variable `data` (a path) and the output file.
 set terminal svg size 900,400 dynamic font "sans-serif,13" background "white"
 set multiplot layout 1,2
 set logscale xy

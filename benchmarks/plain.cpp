@@ -1,6 +1,6 @@
-// The alternatives that the benchmark compares with the library, on the module that the library has bound:
-// plain C (`Silent`) makes the same calls of the module. Plain JNI (`Printing`) also makes the library's JNI
-// calls, prints and flushes, and nothing else.
+// The implementations that the benchmark compares with the library, on the module that the library has bound.
+// Plain C (`Silent`) makes the same module calls. Plain JNI (`Printing`) also makes the same JNI calls,
+// prints the same traces and flushes them at the same points.
 
 #include "Plain.h"
 
@@ -37,13 +37,13 @@ struct Printing {
     va_start(values, format);
     std::vprintf(format, values);
     va_end(values);
-    waiting = true;
+    hasUnflushed = true;
   }
   static void flush() {
-    if (waiting) std::fflush(stdout);
-    waiting = false;
+    if (hasUnflushed) std::fflush(stdout);
+    hasUnflushed = false;
   }
-  static inline bool waiting = false;
+  static inline bool hasUnflushed = false;
 };
 
 template <class Output, class... Parameter>
@@ -75,20 +75,20 @@ const CK_ATTRIBUTE isPrivateKey = {CKA_CLASS, &privateKey, sizeof privateKey};
 const CK_ATTRIBUTE isCertificate = {CKA_CERTIFICATE_TYPE, &x509, sizeof x509};
 
 using Input = std::span<jbyte>;
-/// A buffer for any value. It is reused, so that no allocation is measured.
-std::array<CK_BYTE, 65536> room;
+/// The buffer for all values. It is reused, so that no allocation is measured.
+std::array<CK_BYTE, 65536> buffer;
 
 template <class Output>
-unsigned signIntoRoom(Input data, CK_ULONG* length) {
-  *length = room.size();
+unsigned signIntoBuffer(Input data, CK_ULONG* length) {
+  *length = buffer.size();
   const unsigned result =
       call<Output>(&CK_FUNCTION_LIST::C_Sign, session, reinterpret_cast<CK_BYTE*>(data.data()), data.size(),
-                   room.data(), length);
+                   buffer.data(), length);
   require(result == CKR_OK, "C_Sign");
   return result;
 }
 
-/// Signs with the first private key. Returns the length of the signature, which is in `room`.
+/// Signs with the first private key. Returns the length of the signature, which is in `buffer`.
 template <class Output>
 CK_ULONG sign(Input data) {
   CK_OBJECT_HANDLE key = 0;
@@ -98,7 +98,7 @@ CK_ULONG sign(Input data) {
   endSearch<Output>();
   call<Output>(&CK_FUNCTION_LIST::C_SignInit, session, &mechanism, key);
   CK_ULONG length = 0;
-  const unsigned result = signIntoRoom<Output>(data, &length);
+  const unsigned result = signIntoBuffer<Output>(data, &length);
   Output::print("*** JNI *** C_Sign = %d\n", static_cast<int>(result));
   Output::print("*** JNI *** resultLen = %ld\n", static_cast<long>(length));
   return length;
@@ -118,11 +118,11 @@ CK_OBJECT_HANDLE findKey(Input id) {
 
 template <class Output>
 CK_ULONG signWithKey(CK_OBJECT_HANDLE key, Input data) {
-  Output::print("once result = 0x%x\n", static_cast<unsigned>(reinterpret_cast<CK_ULONG>(room.data())));
-  Output::print("sonra result = 0x%x\n", static_cast<unsigned>(reinterpret_cast<CK_ULONG>(room.data())));
+  Output::print("once result = 0x%x\n", static_cast<unsigned>(reinterpret_cast<CK_ULONG>(buffer.data())));
+  Output::print("sonra result = 0x%x\n", static_cast<unsigned>(reinterpret_cast<CK_ULONG>(buffer.data())));
   Output::print("C_SignInit = 0x%x\n", call<Output>(&CK_FUNCTION_LIST::C_SignInit, session, &mechanism, key));
   CK_ULONG length = 0;
-  Output::print("C_Sign = 0x%x\n", signIntoRoom<Output>(data, &length));
+  Output::print("C_Sign = 0x%x\n", signIntoBuffer<Output>(data, &length));
   Output::print("resultLen = %d\n", static_cast<int>(length));
   return length;
 }
@@ -142,7 +142,8 @@ int countCertificates() {
   return total;
 }
 
-/// Reads the certificates. Calls `store` with each number and the values CKA_VALUE, CKA_ID and CKA_LABEL.
+/// Reads the certificates. Calls `store` for each, with its number from 1 and its CKA_VALUE, CKA_ID and
+/// CKA_LABEL.
 template <class Output, class Store>
 void readCertificates(int total, Store store) {
   CK_OBJECT_HANDLE certificate = 0;
@@ -155,7 +156,7 @@ void readCertificates(int total, Store store) {
     Output::print("C_GetAttributeValue1 = 0x%x\n",
                   call<Output>(&CK_FUNCTION_LIST::C_GetAttributeValue, session, certificate, values.data(),
                                values.size()));
-    CK_BYTE* end = room.data();
+    CK_BYTE* end = buffer.data();
     for (CK_ATTRIBUTE& value : values) {
       value.pValue = end;
       end += value.ulValueLen;
@@ -233,7 +234,7 @@ JNIEXPORT jbyteArray JNICALL Java_Plain_sign(JNIEnv* env, jclass, jlong, jbyteAr
   const CK_ULONG length = sign<Printing>(data);
   env->ReleaseByteArrayElements(jData, data.data(), 0);
   Printing::print("*** JNI ***  dataTemp released\n");
-  const jbyteArray result = byteArray(env, room.data(), length);
+  const jbyteArray result = byteArray(env, buffer.data(), length);
   Printing::print("*** JNI ***  Result set to environment\n");
   Printing::print("*** JNI ***  data deleted\n");
   Printing::flush();
@@ -250,7 +251,7 @@ JNIEXPORT jbyteArray JNICALL Java_Plain_signWithID(JNIEnv* env, jclass, jlong, j
   env->ReleaseByteArrayElements(jId, id.data(), 0);
   const CK_ULONG length = signWithKey<Printing>(key, data);
   env->ReleaseByteArrayElements(jData, data.data(), 0);
-  const jbyteArray result = byteArray(env, room.data(), length);
+  const jbyteArray result = byteArray(env, buffer.data(), length);
   Printing::flush();
   return result;
 }

@@ -1,6 +1,6 @@
-# add_library_jar(TARGET NAME CLASSES LIBRARY FOLDER) creates NAME-VERSION.jar in the build folder. It contains the jar
-# target CLASSES and, in FOLDER/linux-ARCHITECTURE, the stripped shared object of the target LIBRARY. It also contains
-# the files of the jar with the same name in SMARTCARD_OTHER_BUILD, if that is set.
+# add_library_jar(TARGET NAME CLASSES LIBRARY FOLDER) creates NAME-VERSION.jar in the build folder. The jar contains the
+# files of the jar target CLASSES and, in FOLDER/linux-ARCHITECTURE, the stripped shared object of the target LIBRARY.
+# It also contains the files of the jar with the same name in SMARTCARD_OTHER_BUILD, if that is set.
 set(SMARTCARD_OTHER_BUILD "" CACHE PATH "Build folder of another architecture, whose libraries the jars contain too")
 
 function(add_library_jar target name classes library folder)

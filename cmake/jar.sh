@@ -10,5 +10,5 @@ for other; do "$tool" --extract --file "$other"; done
 set --
 if [ -f META-INF/MANIFEST.MF ]; then set -- --manifest META-INF/MANIFEST.MF; fi
 if [ "${SOURCE_DATE_EPOCH:-}" ]; then set -- "$@" --date="$(date --utc --date="@$SOURCE_DATE_EPOCH" +%FT%TZ)"; fi
-# For a folder as its argument, jar would use the order of the file system, which differs between machines.
+# Given a folder, jar would add the files in the order of the file system, which differs between machines.
 find . -type f | LC_ALL=C sort | xargs "$tool" --create --file "$jar" "$@"

@@ -1,6 +1,6 @@
 #!/bin/sh
-# Prints the path and the version of each JDK from 17 up: first JAVA_HOME, then the JDK of the javac on the PATH, then
-# the JDKs in Debian's folder.
+# Prints the path and the version of each JDK, 17 or later: first JAVA_HOME, then the JDK of the javac on the PATH, then
+# the JDKs in /usr/lib/jvm.
 for javac in "${JAVA_HOME:-}/bin/javac" "$(command -v javac)" /usr/lib/jvm/*/bin/javac; do
   home=$(readlink -f "$javac")
   home=${home%/bin/javac}

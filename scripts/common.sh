@@ -12,12 +12,12 @@ usage_error() {
 # Each command lists the Debian packages that it needs. `need` looks for one file of each package. If it is missing,
 # `need` installs the package on Debian, and prints its name on other systems.
 
-# Prints a command, header or file that shows whether a Debian package is needed.
+# Prints a command, header or file: if it is found, the Debian package is not needed.
 probe() {
   case $1 in
     binutils) echo objdump ;;
     clang-tools) echo clang-apply-replacements ;;
-    default-jdk-headless) echo 'a JDK from 17 up' ;;
+    default-jdk-headless) echo 'a JDK, 17 or later' ;;
     dpkg-dev) echo dpkg-shlibdeps ;;
     g++-aarch64-linux-gnu) echo aarch64-linux-gnu-g++ ;;
     gnuplot-nox) echo gnuplot ;;

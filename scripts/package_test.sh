@@ -10,7 +10,7 @@ mkdir -p "$tests/libraries" "$tests/tokens"
 export SOFTHSM2_CONF=$tests/softhsm2.conf
 printf 'directories.tokendir = %s\nlog.level = ERROR\n' "$tests/tokens" >"$SOFTHSM2_CONF"
 
-# Runs a command, and prints the last lines of its output, or 200 lines if it fails.
+# Runs a command, and prints the last lines of its output, or the last 200 lines if it fails.
 run_and_tail() { # number of lines, command...
   local lines=$1
   shift
@@ -57,7 +57,7 @@ for arch in "${!debian[@]}"; do
     "$headers/java/CMakeFiles/smartcard_jar.dir/native_headers/${module//./_}_Smartcard.h" "$glibc"
   sh tests/binary_test.sh "$tests/libraries/${module//.//}/testing/linux-$arch/libfaulty_pkcs11.so" \
     "$headers/testing/CMakeFiles/testing_classes.dir/native_headers/${module//./_}_testing_FaultyModule.h" \
-    "$glibc" "C_GetFunctionList faultyModuleBefore"
+    "$glibc" "C_GetFunctionList wrapModule"
   dpkg-deb --fsys-tarfile "dist/libsmartcard-jni_${version}_${debian[$arch]}.deb" |
     tar --extract --to-stdout "./usr/lib/$arch-linux-gnu/jni/libsmartcard.so" | cmp - "$library"
   tar --extract --to-stdout --file "dist/smartcard-$version-linux-$arch.tar.gz" \
@@ -104,7 +104,7 @@ chroot "\$1" java -cp /usr/share/java/smartcard.jar:/tmp/examples.jar \\
 TEXT
 run_and_tail 0 as_root mmdebstrap --variant=apt --customize-hook="sh '$tests/in_debian12' \"\$1\"" bookworm /dev/null \
   http://deb.debian.org/debian
-expect_output "Debian 12, without options" "The file verifies."
+expect_output "Debian 12, java without options" "The file verifies."
 
 if [ "$own_libc" ]; then
   echo "Skipped without Debian 11: the tests with an older libc, and those in a JVM for aarch64."

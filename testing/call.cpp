@@ -82,16 +82,17 @@ Call::~Call() {
   --session_->calls;
 }
 
-CK_RV Call::refusal() const {
+CK_RV Call::checkRemoval() const {
   if (!slot_) return CKR_OK;
   const std::lock_guard lock(state.mutex);
   const bool isGetSlotInfo = function_ == kC_GetSlotInfo;
-  if (isGetSlotInfo && card().removal == Removal::kCached) state.loseSessions(*slot_);
-  if (session_ && session_->isLost) return card().hasCard ? CKR_SESSION_HANDLE_INVALID : CKR_DEVICE_REMOVED;
+  if (isGetSlotInfo && settings().removal == Removal::kCached) state.loseSessions(*slot_);
+  if (session_ && session_->isLost)
+    return settings().hasCard ? CKR_SESSION_HANDLE_INVALID : CKR_DEVICE_REMOVED;
   if (isTreatedAsEmpty()) return kRows[function_].codeWhenEmpty;
   const bool needsCard = (kRows[function_].traits & kCard) != 0;
-  if (card().removal == Removal::kCached) return needsCard ? CKR_DEVICE_REMOVED : CKR_OK;
-  return card().isReportedEmpty() && !isGetSlotInfo ? CKR_TOKEN_NOT_PRESENT : CKR_OK;
+  if (settings().removal == Removal::kCached) return needsCard ? CKR_DEVICE_REMOVED : CKR_OK;
+  return settings().isReportedEmpty() && !isGetSlotInfo ? CKR_TOKEN_NOT_PRESENT : CKR_OK;
 }
 
 bool Call::hasLostSession() const {

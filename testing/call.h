@@ -1,4 +1,4 @@
-// One call of this module, up to the point where it may go to the genuine module.
+// One call to this module: the steps before the genuine module is called.
 #pragma once
 
 #include "faulty_module.h"
@@ -16,7 +16,8 @@ void closeLostSessions();
 
 CK_RV listSlots(CK_BBOOL tokenPresent, std::vector<CK_SLOT_ID>& ids);
 
-/// The ID that the application sees for a genuine slot, which may have another index. Needs the mutex.
+/// The ID by which the application knows the genuine slot with this ID. They differ if the test has reordered
+/// the slots. Needs the mutex.
 CK_SLOT_ID applicationId(CK_SLOT_ID id);
 
 /// A call that has begun, with its slot (as an index of the genuine module) and its session, if it has them.
@@ -29,16 +30,17 @@ class Call {
   Call& operator=(const Call&) = delete;
   ~Call();
 
-  /// The code that the call returns because the card was removed; CKR_OK otherwise.
-  CK_RV refusal() const;
+  /// Returns the code for a call whose card was removed, otherwise CKR_OK. In C_GetSlotInfo, first lets a
+  /// module that caches notice the removal.
+  CK_RV checkRemoval() const;
   /// Whether the card of the session was removed. Another thread may be closing the session.
   bool hasLostSession() const;
   CK_SLOT_ID genuineId(CK_SLOT_ID id) const;
 
   // These need the mutex.
   const std::optional<std::size_t>& slot() const { return slot_; }
-  Slot& card() const { return state.slots[*slot_]; }
-  bool isTreatedAsEmpty() const { return slot_ && card().removal == Removal::kEmpty; }
+  Slot& settings() const { return state.slots[*slot_]; }
+  bool isTreatedAsEmpty() const { return slot_ && settings().removal == Removal::kEmpty; }
 
  private:
   Function function_;

@@ -43,10 +43,9 @@ NATIVE(jlong, open)(JNIEnv* env, jclass, jstring copy, jstring genuine) {
   if (library == nullptr) {
     problem = dlerror();
   } else {
-    const auto moduleBefore =
-        reinterpret_cast<decltype(&faultyModuleBefore)>(dlsym(library, "faultyModuleBefore"));
+    const auto wrap = reinterpret_cast<decltype(&wrapModule)>(dlsym(library, "wrapModule"));
     const char* loadError = nullptr;
-    if (State* const state = moduleBefore(text(env, genuine).c_str(), &loadError)) {
+    if (State* const state = wrap(text(env, genuine).c_str(), &loadError)) {
       state->library = library;
       return __builtin_bit_cast(jlong, state);
     }

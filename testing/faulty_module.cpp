@@ -63,9 +63,9 @@ CK_RV invoke(Of<kC_GetSlotList>, const Call&, CK_BBOOL tokenPresent, CK_SLOT_ID*
     if (slot >= all.size() || !contains(listed, all[slot])) continue;
     if (tokenPresent == CK_FALSE || !state.slots[slot].isReportedEmpty()) visible.push_back(all[index]);
   }
-  const CK_ULONG room = std::exchange(*count, visible.size());
+  const CK_ULONG capacity = std::exchange(*count, visible.size());
   if (ids == nullptr) return CKR_OK;
-  if (room < visible.size()) return CKR_BUFFER_TOO_SMALL;
+  if (capacity < visible.size()) return CKR_BUFFER_TOO_SMALL;
   std::ranges::copy(visible, ids);
   return CKR_OK;
 }
@@ -81,8 +81,8 @@ CK_RV invoke(Of<kC_GetSlotInfo>, const Call& call, CK_SLOT_ID id, CK_SLOT_INFO* 
   const CK_RV result = state.genuine->C_GetSlotInfo(id, info);
   const std::lock_guard lock(state.mutex);
   if (result != CKR_OK || !call.slot()) return result;
-  if (call.card().isRemovable) info->flags |= CKF_REMOVABLE_DEVICE;
-  if (call.card().isReportedEmpty()) info->flags &= ~CKF_TOKEN_PRESENT;
+  if (call.settings().isRemovable) info->flags |= CKF_REMOVABLE_DEVICE;
+  if (call.settings().isReportedEmpty()) info->flags &= ~CKF_TOKEN_PRESENT;
   return result;
 }
 
@@ -90,7 +90,7 @@ CK_RV invoke(Of<kC_GetTokenInfo>, const Call& call, CK_SLOT_ID id, CK_TOKEN_INFO
   const CK_RV result = state.genuine->C_GetTokenInfo(id, info);
   const std::lock_guard lock(state.mutex);
   if (result != CKR_OK || !call.slot()) return result;
-  const Slot& slot = call.card();
+  const Slot& slot = call.settings();
   if (slot.hasPinPad) info->flags |= CKF_PROTECTED_AUTHENTICATION_PATH;
   if (slot.tries > 0) {
     info->flags &= ~(CKF_USER_PIN_COUNT_LOW | CKF_USER_PIN_FINAL_TRY | CKF_USER_PIN_LOCKED);
@@ -105,7 +105,7 @@ CK_RV invoke(Of<kC_InitToken>, const Call& call, CK_SLOT_ID id, CK_UTF8CHAR* pin
              CK_UTF8CHAR* label) {
   const CK_RV result = state.genuine->C_InitToken(id, pin, length, label);
   const std::lock_guard lock(state.mutex);
-  if (result == CKR_OK && call.slot()) call.card().wrongPins = 0;
+  if (result == CKR_OK && call.slot()) call.settings().wrongPins = 0;
   return result;
 }
 
@@ -115,7 +115,7 @@ CK_RV invoke(Of<kC_OpenSession>, const Call& call, CK_SLOT_ID id, CK_FLAGS flags
   const std::lock_guard lock(state.mutex);
   if (result == CKR_OK && call.slot())
     state.sessions[*session] =
-        std::make_shared<Session>(Session{*call.slot(), call.card().isReportedEmpty()});
+        std::make_shared<Session>(Session{*call.slot(), call.settings().isReportedEmpty()});
   return result;
 }
 
@@ -146,7 +146,8 @@ CK_RV invoke(Of<kC_Login>, const Call& call, CK_SESSION_HANDLE session, CK_USER_
   const bool isUser = user != CKU_SO;
   std::string entered;
   std::unique_lock lock(state.mutex);
-  if (call.slot() && call.card().removal != Removal::kStandard) {  // a second login never reaches the card
+  if (call.slot() && call.settings().removal != Removal::kStandard) {
+    // A second login never reaches the card.
     const CK_RV refusal = call.isTreatedAsEmpty() ? CKR_GENERAL_ERROR : CKR_DEVICE_REMOVED;
     lock.unlock();
     CK_SESSION_INFO info{};
@@ -155,7 +156,7 @@ CK_RV invoke(Of<kC_Login>, const Call& call, CK_SESSION_HANDLE session, CK_USER_
     return isPublic ? refusal : CKR_USER_ALREADY_LOGGED_IN;
   }
   if (call.slot()) {
-    const Slot& slot = call.card();
+    const Slot& slot = call.settings();
     if (isUser && slot.isLocked()) return CKR_PIN_LOCKED;
     if (pin == nullptr && slot.hasPinPad) {
       if (!slot.padPin) return CKR_FUNCTION_CANCELED;
@@ -167,21 +168,21 @@ CK_RV invoke(Of<kC_Login>, const Call& call, CK_SESSION_HANDLE session, CK_USER_
   lock.unlock();
   const CK_RV result = state.genuine->C_Login(session, user, pin, length);
   lock.lock();
-  if (isUser && call.slot() && result == CKR_OK) call.card().wrongPins = 0;
-  if (isUser && call.slot() && result == CKR_PIN_INCORRECT) ++call.card().wrongPins;
+  if (isUser && call.slot() && result == CKR_OK) call.settings().wrongPins = 0;
+  if (isUser && call.slot() && result == CKR_PIN_INCORRECT) ++call.settings().wrongPins;
   return result;
 }
 
 CK_RV invoke(Of<kC_InitPIN>, const Call& call, CK_SESSION_HANDLE session, CK_UTF8CHAR* pin, CK_ULONG length) {
   const CK_RV result = state.genuine->C_InitPIN(session, pin, length);
   const std::lock_guard lock(state.mutex);
-  if (result == CKR_OK && call.slot()) call.card().wrongPins = 0;
+  if (result == CKR_OK && call.slot()) call.settings().wrongPins = 0;
   return result;
 }
 
 CK_RV invoke(Of<kC_FindObjects>, const Call& call, CK_SESSION_HANDLE session, CK_OBJECT_HANDLE* objects,
-             CK_ULONG room, CK_ULONG* count) {
-  const CK_RV result = state.genuine->C_FindObjects(session, objects, room, count);
+             CK_ULONG capacity, CK_ULONG* count) {
+  const CK_RV result = state.genuine->C_FindObjects(session, objects, capacity, count);
   const std::lock_guard lock(state.mutex);
   if (result == CKR_OK && call.isTreatedAsEmpty()) *count = 0;
   return result;
@@ -189,17 +190,17 @@ CK_RV invoke(Of<kC_FindObjects>, const Call& call, CK_SESSION_HANDLE session, CK
 
 // ---- The functions of the function list ----
 
-/// Converts to any argument after the session: no data, and a buffer for a result.
+/// Stands for every argument after the session: input data of length 0, and an output buffer.
 struct AnyArgument {
   CK_BYTE bytes[65536];
-  CK_ULONG room = sizeof bytes;
+  CK_ULONG capacity = sizeof bytes;
 
   operator CK_BYTE*() { return bytes; }
   operator CK_ULONG() const { return 0; }
-  operator CK_ULONG*() { return &room; }
+  operator CK_ULONG*() { return &capacity; }
 };
 
-/// Ends the operation in the genuine module, which has not seen the failing call.
+/// Ends an operation in the genuine module, which has not seen the failing call.
 template <class... P>
 void endOperation(CK_RV (*ender)(CK_SESSION_HANDLE, P...), CK_SESSION_HANDLE session) {
   if (ender == nullptr) return;
@@ -207,7 +208,7 @@ void endOperation(CK_RV (*ender)(CK_SESSION_HANDLE, P...), CK_SESSION_HANDLE ses
   ender(session, static_cast<P>(*argument)...);
 }
 
-/// Ends the operation that a failed F ends, if any.
+/// If a failing call of F ends an operation, ends it in the genuine module too.
 #define FAULTY_NO_ENDING(name, ...)
 #define FAULTY_ENDING(name, traits, ender) \
   if constexpr (F == k##name) endOperation(state.genuine->ender, session);
@@ -224,12 +225,12 @@ struct Forward<F, Member> {
   static CK_RV function(First first, Rest... rest) try {
     CK_RV failure = begin(F);
     closeLostSessions();
-    CK_ULONG named = 0;
-    if constexpr ((kRows[F].traits & (kSlot | kSession)) != 0) named = first;
-    const Call call(F, named);
-    if (failure == CKR_OK) failure = call.refusal();
+    CK_ULONG slotOrSession = 0;
+    if constexpr ((kRows[F].traits & (kSlot | kSession)) != 0) slotOrSession = first;
+    const Call call(F, slotOrSession);
+    if (failure == CKR_OK) failure = call.checkRemoval();
     if (failure != CKR_OK) {
-      if (failure != CKR_BUFFER_TOO_SMALL && !call.hasLostSession()) endOperationOf<F>(named);
+      if (failure != CKR_BUFFER_TOO_SMALL && !call.hasLostSession()) endOperationOf<F>(slotOrSession);
       return failure;
     }
     if constexpr ((kRows[F].traits & kSlot) != 0) first = call.genuineId(first);
@@ -238,7 +239,7 @@ struct Forward<F, Member> {
       result = invoke(Of<F>(), call, first, rest...);
     else
       result = (state.genuine->*Member)(first, rest...);
-    failure = call.refusal();  // the card may have been removed during the call
+    failure = call.checkRemoval();  // the card may have been removed during the call
     return failure != CKR_OK ? failure : result;
   } catch (...) {
     return CKR_HOST_MEMORY;
@@ -248,7 +249,7 @@ struct Forward<F, Member> {
 }  // namespace
 }  // namespace faulty
 
-faulty::State* faultyModuleBefore(const char* path, const char** loadError) {
+faulty::State* wrapModule(const char* path, const char** loadError) {
   using namespace faulty;
   void* const module = dlopen(path, RTLD_LAZY | RTLD_LOCAL);
   if (module == nullptr) {

@@ -22,8 +22,9 @@ constexpr unsigned kCard = 1;     // needs the card, even if the module caches t
 constexpr unsigned kSlot = 2;     // its first argument is a slot
 constexpr unsigned kSession = 4;  // its first argument is a session
 
-/// All functions. F(name, traits, code while a removed card is treated as empty; CKR_OK: the call goes to the
-/// genuine module). E(name, traits, ender): if this function fails, its operation ends; the ender does that.
+/// All functions. F(name, traits, code): the code that the function returns while a removed card is treated
+/// as empty; CKR_OK calls the genuine module. E(name, traits, ender): a function whose failure ends its
+/// operation; `ender` is the function that ends the operation in the genuine module.
 #define FAULTY_FUNCTIONS(F, E)                                        \
   F(C_Initialize, 0, CKR_OK)                                          \
   F(C_Finalize, 0, CKR_OK)                                            \
@@ -109,14 +110,15 @@ constexpr Row kRows[] = {FAULTY_FUNCTIONS(FAULTY_ROW, FAULTY_ENDING_ROW)};
 #undef FAULTY_ROW
 #undef FAULTY_ENDING_ROW
 
-/// How the module behaves until it notices a removal, in the order of FaultyModule.Removal.
+/// How the module behaves after a removal. Java passes the ordinal of FaultyModule.Removal, so the order must
+/// be the same.
 enum class Removal { kStandard, kEmpty, kCached };
 
 /// The settings of a slot of the genuine module.
 struct Slot {
   bool hasCard = true;
   bool isRemovable = false;
-  Removal removal = Removal::kStandard;  // other values: not noticed yet
+  Removal removal = Removal::kStandard;  // other values while their behaviour lasts
   bool hasPinPad = false;
   std::optional<std::string> padPin;
   unsigned tries = 0;  // 0: no limit
@@ -128,9 +130,9 @@ struct Slot {
 
 struct Session {
   std::size_t slot;
-  bool isLost = false;    // its card was removed
-  bool isClosed = false;  // in the genuine module
-  unsigned calls = 0;     // that have not returned
+  bool isLost = false;    // the card was removed
+  bool isClosed = false;  // the genuine module has closed it
+  unsigned calls = 0;     // calls in progress
 };
 
 /// The requested faults of one function.
@@ -142,12 +144,12 @@ struct Faults {
   bool crashes = false;
 };
 
-/// Each copy of the library has one. The mutex guards all members except the genuine function list. It is
-/// never held during a call of the genuine module.
+/// Each copy of the library has one. The mutex guards the members below it. The mutex is never held during a
+/// call to the genuine module.
 struct State {
   CK_FUNCTION_LIST* genuine = nullptr;
   CK_FUNCTION_LIST list{};
-  void* library = nullptr;  // this copy, loaded by the copy that has the natives
+  void* library = nullptr;  // this copy, loaded by the copy whose native methods the JVM calls
   void* genuineLibrary = nullptr;
 
   std::mutex mutex;
@@ -186,7 +188,7 @@ struct State {
 
 }  // namespace faulty
 
-/// Puts this copy of the library in front of the module at a path. Returns null if the module cannot be
-/// loaded, with the reason in `loadError`, or if it is not a PKCS#11 module.
-extern "C" __attribute__((visibility("default"))) faulty::State* faultyModuleBefore(const char* path,
-                                                                                    const char** loadError);
+/// Makes this copy of the library wrap the module at a path. Returns null if the module cannot be loaded,
+/// with the reason in `loadError`, or if it is not a PKCS#11 module.
+extern "C" __attribute__((visibility("default"))) faulty::State* wrapModule(const char* path,
+                                                                            const char** loadError);

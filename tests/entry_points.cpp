@@ -7,7 +7,8 @@
 
 #include "com_calvenhor_vork_utils_Smartcard.h"
 
-/// Options for the address sanitizer: an allocation of a false length fails, as it does without a sanitizer.
+/// Options for AddressSanitizer: an allocation of more than 512 MB returns null instead of ending the
+/// process.
 extern "C" const char* __asan_default_options() {
   return "allocator_may_return_null=1:max_allocation_size_mb=512";
 }
@@ -34,14 +35,14 @@ constexpr const char* kForm = std::is_same_v<Result, jlong>          ? "%"
 template <class Result, class... Parameter>
 EntryPoint entry(const char* name, Result (*function)(JNIEnv*, jclass, Parameter...), Arguments arguments,
                  State state = State::kUser, const std::set<std::string>& swallowed = {},
-                 bool nullsAllowed = false) {
+                 bool mayTakeNull = false) {
   const auto call = [function](FakeJni& java, const Arguments& values) {
     [[maybe_unused]] auto value = values.begin();
     const std::tuple<JNIEnv*, jclass, Parameter...> all{java.env(), nullptr,
                                                         convert<Parameter>(java, *value++)...};
     return java.format(std::apply(function, all));
   };
-  return {name, state, std::move(arguments), swallowed, nullsAllowed, kForm<Result>, call};
+  return {name, state, std::move(arguments), swallowed, mayTakeNull, kForm<Result>, call};
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// All entry points as data: arguments with which each succeeds on a populated token, and the module's
-// failures that it does not report. Tests of all entry points derive their cases from this table.
+// All entry points as data: arguments with which each succeeds on a populated token, and the failing module
+// calls that it does not report. Tests of all entry points derive their cases from this table.
 #pragma once
 
 #include <concepts>
@@ -36,10 +36,12 @@ struct EntryPoint {
   std::string name;
   State state;
   Arguments arguments;
-  /// Calls of the module whose failure does not change the result: `C_Sign`, or only its second, `C_Sign#2`.
+  /// Module calls whose failure does not change the result: `C_Sign` for all calls of the function,
+  /// `C_Sign#2` for the second only.
   std::set<std::string> swallowed;
-  bool nullsAllowed;
-  std::string form;  // of a result that is only a code, which replaces %: `%`, `{%}`, `{{%}}`, `[]`
+  bool mayTakeNull;
+  /// The format of a result that consists of a code, which replaces %: `%`, `{%}` or `{{%}}`. `[]` has none.
+  std::string form;
 
   /// Returns the result as FakeJni formats it.
   std::function<std::string(FakeJni&, const Arguments&)> call;

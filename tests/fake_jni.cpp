@@ -64,7 +64,7 @@ void FakeJni::clear() {
     if (value.state == kLocal) value.state = kDeleted;
   acquired_.clear();
   log.clear();
-  faults.clear();
+  violations.clear();
   hasError_ = false;
   locals_ = 0;
   allocations_ = refuseAt_ = 0;

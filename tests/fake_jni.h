@@ -1,5 +1,5 @@
-// A JNIEnv without a JVM. Its table has only the twelve functions that the library uses and DeleteLocalRef;
-// all others are null. Each breach of JNI's rules is recorded as a fault, even if a JVM would accept it.
+// A JNIEnv without a JVM. Its table has only the thirteen functions that the library uses; all others are
+// null. Each breach of JNI's rules is recorded as a violation, even if a JVM would accept it.
 #pragma once
 
 #include <jni.h>
@@ -32,8 +32,8 @@ class FakeJni : JNIEnv {
   std::string format(jlong number) const { return std::to_string(number); }
   std::string format(jobject reference) const;
 
-  std::vector<std::string> log;     // every call in order: `GetArrayLength(label)`, `NewByteArray(1)`
-  std::vector<std::string> faults;  // the rules of JNI that the library broke
+  std::vector<std::string> log;         // every call in order: `GetArrayLength(label)`, `NewByteArray(1)`
+  std::vector<std::string> violations;  // the rules of JNI that the library broke
   std::function<void(const std::string& line)> onCall;  // runs at each call, after it is logged
 
   /// Whether all acquired elements and strings have been released.
@@ -46,7 +46,7 @@ class FakeJni : JNIEnv {
   std::size_t allocations() const { return allocations_; }
 
   /// Ends a native call: drops its local references, the pending error and all records. The test can still
-  /// use the values that it passed in and the results.
+  /// pass the values that it created, and format the results.
   void clear();
 
  private:
@@ -61,7 +61,7 @@ class FakeJni : JNIEnv {
     Content content;
   };
 
-  /// Defines a function that logs its call and runs the body. It returns null after a fault or a refused
+  /// Defines a function that logs its call and runs the body. It returns null after a violation or a refused
   /// allocation. The body is a lambda without captures, so its type is enough to create it.
   template <class Result, class... Argument, class Body>
   static void define(Result (*&function)(JNIEnv*, Argument...), const char* functionName, Body) {
@@ -72,8 +72,8 @@ class FakeJni : JNIEnv {
       try {
         jni.enter(name, {jni.text(arguments)...});
         return static_cast<Result>(Body{}(jni, arguments...));
-      } catch (const char* fault) {
-        if (fault != nullptr) jni.faults.push_back(jni.log.back() + ": " + fault);
+      } catch (const char* violation) {
+        if (violation != nullptr) jni.violations.push_back(jni.log.back() + ": " + violation);
         return Result();
       }
     };
@@ -93,8 +93,8 @@ class FakeJni : JNIEnv {
     return values_.contains(reference) ? values_.at(reference).name : reference == nullptr ? "" : "foreign";
   }
 
-  static void require(bool holds, const char* fault) {
-    if (!holds) throw fault;
+  static void require(bool holds, const char* violation) {
+    if (!holds) throw violation;
   }
   bool isRefused() { return ++allocations_ == refuseAt_; }
   /// A reference is not a valid address, so dereferencing it crashes.
@@ -116,7 +116,7 @@ class FakeJni : JNIEnv {
   template <class Element>
   jobject create(const std::string& before, jsize length, const std::string& after) {
     require(length >= 0, "a negative length");
-    const bool isTooLong = length > 1 << 26;  // more than the heap of a JVM holds
+    const bool isTooLong = length > 1 << 26;  // treated as more than the heap holds
     hasError_ = isRefused() || isTooLong;
     require(!hasError_, nullptr);
     return add(before + text(length) + after, kLocal, Array<Element>(static_cast<std::size_t>(length)));
@@ -124,8 +124,8 @@ class FakeJni : JNIEnv {
   template <class Element>
   void setRegion(jobject array, jsize start, jsize count, const Element* source) {
     auto& content = use<Element>(array);
-    const auto room = static_cast<std::int64_t>(content.size()) - start;
-    require(start >= 0 && count >= 0 && count <= room, "outside the array");
+    const auto left = static_cast<std::int64_t>(content.size()) - start;
+    require(start >= 0 && count >= 0 && count <= left, "outside the array");
     require(source != nullptr || count == 0, "from a null pointer");
     std::copy_n(source, count, content.begin() + start);
   }

@@ -19,7 +19,7 @@ char buffer[1 << 16];
   for (auto& byte : dirt) byte = 0x55;
 }
 
-/// The loader's function that one of ours replaces.
+/// The loader's function that a function of this file replaces.
 template <class Function>
 Function* original(Function*, const char* name) {
   return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
@@ -79,7 +79,7 @@ std::string Fixture::call(const std::string& name, const Arguments& arguments,
                           std::size_t refusedAllocation) {
   java.clear();
   module.log.clear();
-  module.yielded.clear();
+  module.returnedHandles.clear();
   module.codes.clear();
   module.violations.clear();
   record.clear();
@@ -90,10 +90,10 @@ std::string Fixture::call(const std::string& name, const Arguments& arguments,
   };
   const auto onCall = module.onCall;
   module.onCall = [&](const std::string& line) {
-    addExit(line);
+    addLeaving(line);
     if (onCall) onCall(line);
   };
-  onLoad = [this](const std::string& line) { addExit(line); };
+  onLoad = [this](const std::string& line) { addLeaving(line); };
   if (refusedAllocation != 0) java.refuse(refusedAllocation);
 
   std::fflush(stdout);
@@ -103,14 +103,14 @@ std::string Fixture::call(const std::string& name, const Arguments& arguments,
   traced_ = static_cast<std::size_t>(lseek(output_, 0, SEEK_SET));
   dirtyStack();
   const std::string result = entryPoint(name).call(java, arguments);
-  addExit("");
+  addLeaving("");
   dup2(before, STDOUT_FILENO);
   close(before);
 
   onLoad = nullptr;
   module.onCall = onCall;
   java.onCall = nullptr;
-  EXPECT_EQ(java.faults, std::vector<std::string>{});
+  EXPECT_EQ(java.violations, std::vector<std::string>{});
   EXPECT_TRUE(java.hasReleasedAll()) << "an input was not released";
   EXPECT_EQ(module.violations, std::vector<std::string>{});
   EXPECT_TRUE(module.searches.empty()) << "a search was not ended";
@@ -146,8 +146,9 @@ void Fixture::addTraces() {
   }
 }
 
-/// Records that the library calls the module or the loader, or returns to Java. All traces must be flushed.
-void Fixture::addExit(const std::string& line) {
+/// Records that control leaves the library: a call to the module or the loader, or the return to Java. All
+/// traces must be flushed.
+void Fixture::addLeaving(const std::string& line) {
   addTraces();
   EXPECT_EQ(__fpending(stdout), 0U) << "a trace is not flushed: " << record.back();
   if (!line.empty()) add(line);

@@ -30,20 +30,21 @@ class Fixture : public testing::Test {
     return call(entry.name, entry.arguments, refusedAllocation);
   }
 
-  /// The events of the last call, in order: calls of the module, the loader and JNI, and traced lines in
+  /// The events of the last call, in order: calls to the module, the loader and JNI, and traced lines in
   /// quotes. S is the session of slot 0; O1, O2, … are the objects in the order of their creation.
   std::vector<std::string> record;
 
-  /// The last call's calls of the module: the function, and its number among the calls of that function.
+  /// The module calls of the last entry point: the function, and the number of the call among those of that
+  /// function, from 1.
   std::vector<std::pair<std::string, std::size_t>> moduleCalls() const;
 
-  /// Whether the last call made a call of the module whose log line contains this text.
+  /// Whether the log line of a module call of the last entry point contains this text.
   bool called(const std::string& text) const;
 
  private:
   void add(std::string line);
   void addTraces();
-  void addExit(const std::string& line);
+  void addLeaving(const std::string& line);
 
   int output_;          // receives standard output during a call
   std::size_t traced_;  // the length of the part that is in the record

@@ -1,5 +1,5 @@
-// The library's memory: each of its allocations fails once, and each of its buffers is searched for secrets
-// when it is freed, in all tests. The malloc, calloc and free of an executable replace libc's in the whole
+// Makes each allocation of the library fail once. In all native tests, searches each buffer of the library
+// for secrets when it is freed. This file defines malloc, calloc and free, which replace libc's in the whole
 // process. The sanitizers have their own allocator, so these tests run without them.
 
 #include <dlfcn.h>
@@ -24,8 +24,8 @@ std::size_t lastRefused = 0;
 std::size_t freedSecrets = 0;
 std::pair<std::size_t, std::size_t> lastSizes;  // of the last two blocks requested with calloc
 
-// The blocks that the library has from calloc. Those from malloc are C++ exceptions, whose addresses may look
-// like a secret.
+// The blocks that the library got from calloc: its buffers. Blocks from malloc are not searched: they are C++
+// exceptions, which may contain an address that looks like a secret.
 std::array<void*, 64> blocks{};
 
 bool isLibrary(const void* caller) {
@@ -72,7 +72,7 @@ void free(void* memory) noexcept {
 
 namespace {
 
-/// Checks after all tests that the library wiped every secret, also after failures and lack of memory.
+/// Checks after all tests that the library wiped every secret, even after failures and refused allocations.
 class NoSecretIsFreed : public testing::Environment {
   void TearDown() override { EXPECT_EQ(freedSecrets, 0U); }
 };
@@ -93,7 +93,7 @@ class Memory : public Fixture {
   }
 };
 
-TEST_F(Memory, EveryAllocationIsRefused) {
+TEST_F(Memory, FailingAllocationsAreReported) {
   int secretsPassed = 0;
   for (const auto& entry : entryPoints()) {
     SCOPED_TRACE(entry.name);
@@ -115,7 +115,8 @@ TEST_F(Memory, EveryAllocationIsRefused) {
 
 TEST_F(Memory, SignWithIdAllocatesItsBufferAtMostTwice) {
   begin(State::kUser, true);
-  EXPECT_EQ("{02}", watch(entryPoint("signWithID"), 3, 2)) << "after the copies of the ID and the data";
+  // The first two allocations are the copies of the ID and the data.
+  EXPECT_EQ("{02}", watch(entryPoint("signWithID"), 3, 2)) << "both buffers were refused";
   EXPECT_EQ(1, std::ranges::count(record, "\"new for result returns null\\n\""));
   EXPECT_EQ(std::pair(1025UL, 1025UL), lastSizes);
 }

@@ -1,5 +1,5 @@
-// The mock PKCS#11 module: tokens in memory, as strict as the strictest real modules, so that calls which it
-// accepts work there too.
+// The mock PKCS#11 module: tokens in memory. It is strict, so that calls which it accepts also work with real
+// modules.
 #include "mock_module.h"
 
 #include <array>
@@ -41,8 +41,8 @@ std::string describe(std::string_view form, const CK_ULONG* words) {
     form.remove_prefix(at + 2);
     if (kind == 'x' || kind == 'o') out << "0x" << std::hex << first;
     if (kind == 'a') out << "0x" << std::hex << (first & 0xffff'ffff);
-    if (kind == 'o' && !state.yielded.contains(first))
-      state.violations.push_back(out.str() + ": an object that was not reported to the caller");
+    if (kind == 'o' && !state.returnedHandles.contains(first))
+      state.violations.push_back(out.str() + ": an object that was not returned to the caller");
     if (kind == 'u') out << std::dec << first;
     if (kind == 'p') out << (first == 0 ? "null" : "not null");
     if (kind == 'l') out << '"' << view(pointer, 32) << (view(pointer, 33).back() == 0 ? "\\0\"" : "\"");
@@ -109,17 +109,17 @@ void closeSessions(Member member, Value value) {
 
 using Words = std::array<CK_ULONG, 8>;  // the arguments of a call
 
-/// Updates the state after a call, by the code that was reported to the caller. A call that ends an operation
-/// ends it even if the call failed.
-void updateState(const std::string& name, const Words& words, CK_RV actual, CK_RV reported,
+/// Updates the state after a call, according to the code that the caller got. C_FindObjectsFinal, C_Finalize
+/// and C_Sign end their operation even if they failed, but see failAt() for C_Sign.
+void updateState(const std::string& name, const Words& words, CK_RV actual, CK_RV returned,
                  const Numbers& numbers) {
-  if (name == "C_FindObjectsInit" && reported == CKR_OK) state.searches.try_emplace(words[0]);
-  const bool isRevoked = name == "C_FindObjectsInit" && actual == CKR_OK && reported != CKR_OK;
+  if (name == "C_FindObjectsInit" && returned == CKR_OK) state.searches.try_emplace(words[0]);
+  const bool isRevoked = name == "C_FindObjectsInit" && actual == CKR_OK && returned != CKR_OK;
   if (isRevoked || name == "C_FindObjectsFinal") state.searches.erase(words[0]);
-  if (name == "C_FindObjects" && reported == CKR_OK && state.searches.contains(words[0]))
-    state.yielded.insert(numbers[0], numbers[0] + std::min(words[2], *numbers[1]));
-  if (name == "C_GenerateKeyPair" && reported == CKR_OK) state.yielded.insert(*numbers[0]);
-  if (name == "C_Sign" && reported != CKR_BUFFER_TOO_SMALL && reported != CKR_ARGUMENTS_BAD)
+  if (name == "C_FindObjects" && returned == CKR_OK && state.searches.contains(words[0]))
+    state.returnedHandles.insert(numbers[0], numbers[0] + std::min(words[2], *numbers[1]));
+  if (name == "C_GenerateKeyPair" && returned == CKR_OK) state.returnedHandles.insert(*numbers[0]);
+  if (name == "C_Sign" && returned != CKR_BUFFER_TOO_SMALL && returned != CKR_ARGUMENTS_BAD)
     for (auto& session : state.sessions)
       if (session.handle == words[0]) session.signingKey.reset();
   if (name == "C_Finalize" && state.initializations > 0 && --state.initializations == 0)
@@ -127,8 +127,8 @@ void updateState(const std::string& name, const Words& words, CK_RV actual, CK_R
 }
 
 /// Defines a function: it logs the call, fails if failAt() says so or before C_Initialize, otherwise runs the
-/// body, then lets onReturn change the results. The body is a lambda without captures, so its type is enough
-/// to create it.
+/// body, then lets onReturn change the results. The body is a lambda without captures, as in
+/// FakeJni::define().
 template <class First, class... Rest, class Body>
 void define(CK_RV (*&function)(First, Rest...), const char* text, Body) {
   static const char* form;
@@ -157,11 +157,11 @@ void define(CK_RV (*&function)(First, Rest...), const char* text, Body) {
     (..., collect(rest));
     for (CK_ULONG i = 0; name == "C_GetAttributeValue" && i < words[3]; ++i)
       collect(&reinterpret_cast<CK_ATTRIBUTE*>(words[2])[i].ulValueLen);
-    CK_RV reported = actual;
-    if (state.onReturn) state.onReturn(call, reported, numbers);
-    updateState(name, words, actual, reported, numbers);
-    if (reported != CKR_OK) state.codes.insert(reported);
-    return state.lastCode = reported;
+    CK_RV returned = actual;
+    if (state.onReturn) state.onReturn(call, returned, numbers);
+    updateState(name, words, actual, returned, numbers);
+    if (returned != CKR_OK) state.codes.insert(returned);
+    return state.lastCode = returned;
   };
 }
 
@@ -186,7 +186,8 @@ CK_OBJECT_HANDLE create(const Session& session, const Attributes& attributes) {
   return state.addObject(*session.slot, attributes);
 }
 
-/// Copies a result of unknown length: without a buffer only its length, otherwise all of it or nothing.
+/// Returns a result of variable length: only the length if there is no buffer, otherwise the whole result or
+/// CKR_BUFFER_TOO_SMALL.
 template <class Range, class T, class Member = std::identity>
 void copyOut(const Range& range, T* buffer, CK_ULONG* length, Member member = {}) {
   const CK_ULONG room = std::exchange(*length, range.size());

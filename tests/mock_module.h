@@ -56,7 +56,7 @@ struct Slot {
       {CKM_VENDOR_DEFINED | 0x7, {0, 0, CKF_HW}}};
   std::string userPin = "1234";
   std::string soPin = "12345678";
-  std::vector<Object> objects;  // searches yield them in this order
+  std::vector<Object> objects;  // searches return them in this order
   std::optional<CK_USER_TYPE> login;
 
   explicit Slot(CK_SLOT_ID number = 0, CK_FLAGS flags = 0)
@@ -74,7 +74,7 @@ struct Session {
   std::optional<CK_OBJECT_HANDLE> signingKey = {};
 };
 
-/// The numbers that a call returns through pointers: counts, lengths and handles; of an array the first
+/// The numbers that a call returns through pointers: counts, lengths and handles; for an array, its first
 /// element.
 using Numbers = std::vector<CK_ULONG*>;
 
@@ -105,16 +105,17 @@ struct Module {
                              Slot(0x22, CKF_REMOVABLE_DEVICE)};
   std::vector<Session> sessions;
 
-  // What was reported to the caller. onReturn may make it differ from what the module did.
+  // The results that the caller got. onReturn may make them differ from what the module did.
   std::map<CK_SESSION_HANDLE, std::deque<CK_OBJECT_HANDLE>> searches;  // active ones, with the objects left
   CK_RV lastCode = CKR_OK;                                             // of any call
-  std::set<CK_RV> codes;               // of failed calls, until a test clears it
-  std::set<CK_OBJECT_HANDLE> yielded;  // by searches and key generation, until a test clears it
+  std::set<CK_RV> codes;  // of failed calls, since a test last cleared the set
+  /// By searches and key generation, since a test last cleared the set.
+  std::set<CK_OBJECT_HANDLE> returnedHandles;
 
   /// Every call in order, as text with its arguments. Bytes are hexadecimal; PINs and labels are in quotes; a
   /// null pointer is `null`. `CKA_ID/16` in a template is a buffer of 16 bytes, `CKA_ID/null` a length query.
   std::vector<std::string> log;
-  std::vector<std::string> violations;  // an object that was not yielded, or a search during a search
+  std::vector<std::string> violations;  // an object that was not returned, or a search during a search
   std::function<void(const std::string& line)> onCall;  // runs at each call, after it is logged
   /// Runs after each call, and may change what it returns.
   std::function<void(const std::string& line, CK_RV& result, const Numbers& numbers)> onReturn;
@@ -125,9 +126,9 @@ struct Module {
   CK_SESSION_HANDLE nextSession = 0x7e0000000501;
   CK_OBJECT_HANDLE nextObject = 0x7f0000000010;
 
-  /// Makes the nth call of the function from now, counted from 1, return `code` and do nothing. The code may
-  /// be CKR_OK. C_FindObjectsFinal, C_Finalize and C_Sign still end their operation, but C_Sign not if the
-  /// code is CKR_BUFFER_TOO_SMALL or CKR_ARGUMENTS_BAD.
+  /// Makes the nth call of the function from now, counted from 1, return `code` without running the function.
+  /// The code may be CKR_OK. C_FindObjectsFinal, C_Finalize and C_Sign end their operation nevertheless.
+  /// C_Sign does not if the code is CKR_BUFFER_TOO_SMALL or CKR_ARGUMENTS_BAD.
   void failAt(const std::string& name, std::size_t nth, CK_RV code) {
     faults[{name, calls[name] + nth}] = code;
   }
@@ -152,5 +153,4 @@ struct Module {
 
 }  // namespace mock
 
-/// Exported by the module; found with dlsym.
 extern "C" mock::Module* mockModule();

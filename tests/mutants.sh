@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Applies each fault of mutants.txt to a copy of the project and prints the first test that notices it: a native test
-# for the library, a test on the first JDK for the classes. The exit status is the number of faults that no test
-# notices. If a fault can no longer be applied, correct its row.
+# Applies each fault of mutants.txt to a copy of the project and prints the first test that detects it: a native test
+# for a fault in the library, a test on the first JDK for one in the classes. The exit status is the number of faults
+# that no test detects, that cannot be applied, or that do not compile. If a fault cannot be applied, correct its row.
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 copy=$root/build/mutants
@@ -21,17 +21,17 @@ while IFS=$'\t' read -r file change what; do
   esac
   sed -i "$change" "$copy/$folder/$file"
   if cmp --silent "$root/$folder/$file" "$copy/$folder/$file"; then
-    noticed="CANNOT BE APPLIED"
+    detected_by="CANNOT BE APPLIED"
   elif ! cmake --build "$copy/build" --parallel >"$copy/log" 2>&1; then
-    noticed="DOES NOT COMPILE"
-  else # ctest runs each native test in its own process
+    detected_by="DOES NOT COMPILE"
+  else # ctest, so that a test that crashes does not stop the other native tests
     ctest --test-dir "$copy/build" "${tests[@]}" --parallel "$(nproc)" --timeout 300 >"$copy/log" 2>&1 </dev/null ||
       true
-    noticed=$(sed -n 's/.*Test *#\([0-9]*\): \([^ ]*\) .*\*\*\*.*/\1 \2/p' "$copy/log" | sort -n | sed 's/.* //;q')
+    detected_by=$(sed -n 's/.*Test *#\([0-9]*\): \([^ ]*\) .*\*\*\*.*/\1 \2/p' "$copy/log" | sort -n | sed 's/.* //;q')
   fi
-  case ${noticed:=NO TEST} in CANNOT* | DOES* | NO\ TEST) survivors=$((survivors + 1)) ;; esac
-  printf '%-60s %s\n' "$what" "$noticed"
+  case ${detected_by:=NO TEST} in CANNOT* | DOES* | NO\ TEST) survivors=$((survivors + 1)) ;; esac
+  printf '%-63s %s\n' "$what" "$detected_by"
   cp "$root/$folder/$file" "$copy/$folder/$file"
 done <"$root/tests/mutants.txt"
-echo "$survivors not noticed"
+echo "$survivors faults not detected"
 exit "$survivors"

@@ -15,7 +15,7 @@ class Output : public Fixture, public testing::WithParamInterface<int> {
     if (GetParam() == _IONBF) std::setvbuf(stdout, nullptr, _IONBF, 0);
   }
 
-  /// Runs before each call and during each call of the module or the loader.
+  /// Runs before each entry point, and during each call to the module or the loader.
   std::function<void()> interfere = [] {};
 
   /// The results of some entry points that trace, while standard output is this file, or closed if it is -1.

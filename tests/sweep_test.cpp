@@ -7,12 +7,13 @@
 
 namespace {
 
-/// Whether the result contains the code of the failed call. The other entry points have their own codes.
+/// Whether the result contains the code of the failed module call. The other entry points return their own
+/// numbers or an array on failure.
 bool reportsCode(const EntryPoint& entry) {
-  static const std::regex withOwnCodes(
+  static const std::regex withOwnResults(
       "get(Slot|Token|Mechanism)Info|getSlotCount|getObjectCountInTheToken|isCardEmpty|sign|decrypt|"
       "read(Attribute)?Certificate|read(Certificate|PublicKey|PrivateKey)(ID|Label)");
-  return entry.form != "[]" && !std::regex_match(entry.name, withOwnCodes);
+  return entry.form != "[]" && !std::regex_match(entry.name, withOwnResults);
 }
 
 bool isGuarded(const EntryPoint& entry) {
@@ -34,8 +35,8 @@ class Sweep : public Fixture {
     return call(entry);
   }
 
-  /// Expects the library to work after the call. `rv` is the module's last code, which a guard does not
-  /// change. A session that the call does not end can search, and so can one after a rebind.
+  /// Expects the library to work after the call. `rv` is the module's last code, and a refused call does not
+  /// change it. The session still works, unless the call has ended it. After a rebind, a new session works.
   void expectUsable(const EntryPoint& entry) {
     const CK_RV last = module.lastCode;
     EXPECT_EQ("-1", call("logout", {99}));
@@ -46,12 +47,13 @@ class Sweep : public Fixture {
     EXPECT_EQ("0", call("isCardEmpty", {0}));
   }
 
+  /// readSlotDescription returns `rv` as its status if the slot index is out of range.
   void expectRv(CK_RV code) {
     EXPECT_EQ(entryPoint("readSlotDescription").formatCode(code), call("readSlotDescription", {99}));
   }
 
-  /// Expects a refusal without a call of the module: -1 from a guard that returns a number, otherwise this
-  /// code.
+  /// Expects that the module was not called. The result must be -1 if the entry point has a guard and returns
+  /// a number, or this code if the entry point has no guard and reports codes.
   void expectRefusal(const EntryPoint& entry, const std::string& result, CK_RV code) {
     EXPECT_FALSE(called("C_"));
     EXPECT_TRUE(isGuarded(entry) ? entry.form != "%" || result == "-1"
@@ -62,7 +64,7 @@ class Sweep : public Fixture {
   bool usesSession() const { return called("(session"); }
 };
 
-TEST_F(Sweep, EveryCallOfTheModuleFails) {
+TEST_F(Sweep, FailingModuleCallsAreReported) {
   for (const auto& entry : entryPoints()) {
     const std::string success = succeed(entry);
     EXPECT_NE(success, entry.formatCode(CKR_GENERAL_ERROR)) << entry.name;
@@ -77,7 +79,7 @@ TEST_F(Sweep, EveryCallOfTheModuleFails) {
         const std::string result = call(entry);
         // A complete listing with a status byte of 0 looks like success.
         EXPECT_TRUE(isSwallowed == (result == success) || (entry.form == "{{%}}" && (code & 0xffU) == 0));
-        // If the begin of a search fails, the result may be the code of a later call.
+        // If C_FindObjectsInit fails, the result may be the code of a later call.
         EXPECT_TRUE(
             isSwallowed || !reportsCode(entry) ||
             std::ranges::any_of(module.codes, [&](CK_RV each) { return hasCode(entry, result, each); }))
@@ -88,7 +90,7 @@ TEST_F(Sweep, EveryCallOfTheModuleFails) {
   }
 }
 
-TEST_F(Sweep, EveryAllocationOfTheVirtualMachineIsRefused) {
+TEST_F(Sweep, FailingJniAllocationsAreReported) {
   for (const auto& entry : entryPoints()) {
     succeed(entry);
     const std::size_t allocations = java.allocations();
@@ -101,7 +103,7 @@ TEST_F(Sweep, EveryAllocationOfTheVirtualMachineIsRefused) {
   }
 }
 
-TEST_F(Sweep, EveryReferenceIsNull) {
+TEST_F(Sweep, NullsAreRefused) {
   for (const auto& entry : entryPoints()) {
     std::vector<Arguments> cases;
     Arguments all = entry.arguments;
@@ -110,7 +112,7 @@ TEST_F(Sweep, EveryReferenceIsNull) {
       cases.push_back(entry.arguments);
       cases.back()[i].content = all[i].content = std::nullopt;
     }
-    if (cases.empty() || entry.nullsAllowed) continue;
+    if (cases.empty() || entry.mayTakeNull) continue;
     cases.push_back(all);
     for (const auto& arguments : cases) {
       begin(entry.state, true);
@@ -119,11 +121,12 @@ TEST_F(Sweep, EveryReferenceIsNull) {
     }
     if (entry.form != "%" || !all[0].isSlot) continue;
     all[0].number = 2;
-    EXPECT_EQ("-1", call(entry.name, all)) << entry.name << ": the slot index is tested first";
+    EXPECT_EQ("-1", call(entry.name, all))
+        << entry.name << ": the slot index must be tested before the references";
   }
 }
 
-TEST_F(Sweep, EverySlotIndexIsOutOfRange) {
+TEST_F(Sweep, SlotIndexesOutOfRangeAreRefused) {
   for (const auto& entry : entryPoints()) {
     Arguments arguments = entry.arguments;
     const auto slot =
@@ -143,7 +146,7 @@ TEST_F(Sweep, EverySlotIndexIsOutOfRange) {
   }
 }
 
-TEST_F(Sweep, EveryStateIsWrong) {
+TEST_F(Sweep, CallsDependOnTheState) {
   for (const auto& entry : entryPoints()) {
     if (entry.state == State::kUnbound) continue;
     SCOPED_TRACE(entry.name);
@@ -169,7 +172,7 @@ TEST_F(Sweep, EveryStateIsWrong) {
   }
 }
 
-TEST_F(Sweep, EveryConstantIsOverwrittenByTheModule) {
+TEST_F(Sweep, OverwrittenConstantsAreSetAgain) {
   std::map<std::string, std::vector<std::string>> records;
   for (const auto& entry : entryPoints()) {
     succeed(entry);

@@ -1,7 +1,7 @@
 // Runs the scripts in transcripts/ and compares the events of each call, in order, with the record there:
-// calls of the module with their templates, calls of JNI, traces and the result.
+// module calls with their templates, JNI calls, traces and the result.
 //
-// A script consists of calls (`> sign 0 data`), directions (`! fail C_Sign 1 0x30`), comments and blank
+// A script consists of calls (`> sign 0 data`), directives (`! fail C_Sign 1 0x30`), comments and blank
 // lines. An argument is a number, `null`, a text, or `name=text` to give the text a name in the record.
 // `#0aff` is a text in hexadecimal, `*9` is nine asterisks. The indented lines are the record of the call
 // above them. A record that resembles an earlier one of the same entry point shows only the difference: `.. 5
@@ -42,7 +42,7 @@ std::string join(const Words& words, const char* between) {
   return all;
 }
 
-/// Replaces each word that is repeated in a row, `least` times or more, by one with the number of times.
+/// Replaces each run of `least` or more equal words by the word and the length of the run.
 Words countRepeats(const Words& words, std::ptrdiff_t least) {
   Words all;
   for (auto word = words.begin(); word != words.end();) {
@@ -73,8 +73,8 @@ Argument argument(const std::string& word) {
 
 class Transcript : public Fixture, public testing::WithParamInterface<const char*> {
  protected:
-  /// Makes a function succeed from now on and claim the first length or count in odd calls, the second in
-  /// even ones. C_FindObjects claims the first count in every call and returns the second number as its code.
+  /// Makes a function return CKR_OK from now on, with `first` as its length or count in odd calls and
+  /// `second` in even calls. C_FindObjects always returns the count `first` and the code `second`.
   void claim(const std::string& function, CK_ULONG first, CK_ULONG second) {
     module.onReturn = [=, isOdd = true](const std::string& line, CK_RV& result,
                                         const mock::Numbers& numbers) mutable {
@@ -91,7 +91,7 @@ class Transcript : public Fixture, public testing::WithParamInterface<const char
   void follow(const Words& words) {
     const auto text = [&](std::size_t i) { return content(words.at(i)); };
     const auto number = [&](std::size_t i) { return std::stoul(words.at(i), nullptr, 0); };
-    const std::map<std::string, std::function<void()>> directions = {
+    const std::map<std::string, std::function<void()>> directives = {
         {"unbound", [&] { begin(State::kUnbound); }},
         {"bound", [&] { begin(State::kBound); }},
         {"open", [&] { begin(State::kOpen); }},
@@ -114,7 +114,7 @@ class Transcript : public Fixture, public testing::WithParamInterface<const char
         {"acceptsSecondInitialize", [&] { module.acceptsSecondInitialize = true; }},
         {"noFunctions", [&] { module.functions = {}; }},
         {"claims", [&] { claim(words.at(1), number(2), number(3)); }},
-        // Follows another direction when the second search of a call begins.
+        // Follows another directive when the second search of a call begins.
         {"later",
          [&] {
            const std::size_t begun = module.calls["C_FindObjectsInit"];
@@ -125,13 +125,14 @@ class Transcript : public Fixture, public testing::WithParamInterface<const char
            };
          }},
     };
-    ASSERT_TRUE(directions.contains(words.at(0))) << "no such direction: " << words.at(0);
-    directions.at(words.at(0))();
+    ASSERT_TRUE(directives.contains(words.at(0))) << "unknown directive: " << words.at(0);
+    directives.at(words.at(0))();
   }
 
-  /// The record as a script shows it. The line of a call also has the traces after it, the further calls of
-  /// its search or read, an unloading, and further JNI calls, without the name if it is the same. A new array
-  /// and its filling are one event. Repeated lines are counted.
+  /// The record as a script shows it. A line begins with a call and continues with traces, the further calls
+  /// of the search or attribute read, dlclose, and further JNI calls. The name of a JNI call is left
+  /// out if it repeats the previous one. A new array and its filling are one event. Repeated lines are
+  /// counted.
   Words recordLines(const std::string& result) const {
     Words lines;
     std::string last;

@@ -1,7 +1,7 @@
-// Calls entry points at random on a module that returns false results. The input chooses the entry points and
-// their arguments, which allocations by JNI fail, and how each result of the module is falsified. The
-// sanitizers must find nothing. Each call must release its inputs, end its searches, and pass only object
-// handles that the module reported during the call.
+// Calls entry points on a module that returns false results. The input chooses the entry points and their
+// arguments, which allocations by JNI fail, and how each result of the module is falsified. The sanitizers
+// must find nothing. Each call must release its inputs, end its searches, and pass only object handles that
+// the module returned during the call.
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -58,10 +58,10 @@ void callOne(FakeJni& java, const EntryPoint& entry) {
   }
   java.clear();
   module->log.clear();
-  module->yielded.clear();
+  module->returnedHandles.clear();
   if (const std::size_t nth = choose(64); nth > 48) java.refuse(nth - 48);
   entry.call(java, arguments);
-  for (const auto& fault : java.faults) require(false, fault);
+  for (const auto& violation : java.violations) require(false, violation);
   for (const auto& violation : module->violations) require(false, violation);
   require(java.hasReleasedAll(), "an input was not released");
   require(module->searches.empty() || !module->functions.C_FindObjectsFinal, "a search was not ended");

@@ -35,6 +35,6 @@ JNIEXPORT jstring JNICALL Java_MockTest_takeCalls(JNIEnv* env, jclass) {
   std::string names;
   for (const auto& line : mockModule()->log) names += (names.empty() ? "" : " ") + mock::nameOf(line);
   mockModule()->log.clear();
-  mockModule()->yielded.clear();
+  mockModule()->returnedHandles.clear();
   return env->NewStringUTF(names.c_str());
 }
