@@ -170,7 +170,7 @@ final class Worker {
 
     // ---- Creating a SoftHSM2 token ----
 
-    /** Creates a token with a private key and certificates. Their IDs, labels, subjects, issuers and numbers differ. */
+    /** Creates a token with a private key and certificates, each with its own ID, label, names and serial number. */
     private static void fill(String module, int certificates) throws Exception {
         require(Smartcard.initDLL(module) == 0 && Smartcard.initTokenDLL(SLOT, PIN, 4) == 0
                 && Smartcard.finalizeDLL() == 0 && Smartcard.initDLL(module) == 0

@@ -92,10 +92,10 @@ JNIEXPORT jintArray JNICALL Java_com_calvenhor_vork_utils_Smartcard_getSupported
   if (call(&CK_FUNCTION_LIST::C_GetMechanismList, slot, nullptr, &count) != CKR_OK) return intArray(env, {});
   if (count > kLongestArray) return intArray(env, {});
 
-  const CK_ULONG room = count;
-  const auto types = zeroed<CK_MECHANISM_TYPE>(room);
+  const CK_ULONG capacity = count;
+  const auto types = zeroed<CK_MECHANISM_TYPE>(capacity);
   call(&CK_FUNCTION_LIST::C_GetMechanismList, slot, types.get(), &count);
-  count = std::min(count, room);
+  count = std::min(count, capacity);
 
   const auto numbers = zeroed<jint>(count);
   for (CK_ULONG k = 0; k < count; ++k) {

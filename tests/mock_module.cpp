@@ -190,8 +190,8 @@ CK_OBJECT_HANDLE create(const Session& session, const Attributes& attributes) {
 /// CKR_BUFFER_TOO_SMALL.
 template <class Range, class T, class Member = std::identity>
 void copyOut(const Range& range, T* buffer, CK_ULONG* length, Member member = {}) {
-  const CK_ULONG room = std::exchange(*length, range.size());
-  require(buffer == nullptr || room >= range.size(), CKR_BUFFER_TOO_SMALL);
+  const CK_ULONG capacity = std::exchange(*length, range.size());
+  require(buffer == nullptr || capacity >= range.size(), CKR_BUFFER_TOO_SMALL);
   if (buffer != nullptr) std::ranges::transform(range, buffer, member);
 }
 
@@ -306,11 +306,11 @@ CK_FUNCTION_LIST functions() {
       if (session.slot->isVisible(object) && std::ranges::includes(object.attributes, wanted))
         matches.push_back(object.handle);
   });
-  SESSION(FindObjects, ", room %-%u", [](Session& session, auto* objects, auto room, auto* count) {
+  SESSION(FindObjects, ", room %-%u", [](Session& session, auto* objects, auto capacity, auto* count) {
     const auto search = state.searches.find(session.handle);
     require(search != state.searches.end(), CKR_OPERATION_NOT_INITIALIZED);
     auto& left = search->second;
-    for (*count = 0; *count < room && !left.empty(); left.pop_front()) objects[(*count)++] = left.front();
+    for (*count = 0; *count < capacity && !left.empty(); left.pop_front()) objects[(*count)++] = left.front();
   });
   SESSION(FindObjectsFinal, "", [](Session& session) {
     require(state.searches.contains(session.handle), CKR_OPERATION_NOT_INITIALIZED);
@@ -321,12 +321,12 @@ CK_FUNCTION_LIST functions() {
     session.signingKey = objectOf(session, key).handle;
   });
   SESSION(Sign, ", data %B, at %a, room %r",
-          [](Session& session, auto* data, auto length, auto* signature, auto* room) {
+          [](Session& session, auto* data, auto length, auto* signature, auto* capacity) {
             require(session.signingKey.has_value(), CKR_OPERATION_NOT_INITIALIZED);
             require(data != nullptr, CKR_ARGUMENTS_BAD);
             const Bytes value = objectOf(session, *session.signingKey).sign(Bytes(view(data, length)));
             require(length + 11 <= value.size(), CKR_DATA_LEN_RANGE);  // the shortest padding
-            copyOut(value, signature, room);
+            copyOut(value, signature, capacity);
           });
   SESSION(GenerateKeyPair, ", mechanism %m, public %T, private %T",
           [](Session& session, auto*, auto* publicTemplate, auto publicCount, auto* privateTemplate,
