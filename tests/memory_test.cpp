@@ -55,7 +55,11 @@ void* calloc(std::size_t count, std::size_t size) noexcept {
   // Returns null for no elements, as the C standard allows.
   if (count == 0 || isRefused(__builtin_return_address(0))) return nullptr;
   void* const block = __libc_calloc(count, size);
-  if (byLibrary) *std::ranges::find(blocks, nullptr) = block;
+  if (byLibrary) {
+    auto* const entry = std::ranges::find(blocks, nullptr);
+    if (entry == blocks.end()) std::abort();
+    *entry = block;
+  }
   return block;
 }
 
