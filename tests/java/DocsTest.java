@@ -313,7 +313,7 @@ class DocsTest {
 
             List<KeyStoreRecipes.Token> tokens = KeyStoreRecipes.tokens(module.path());
             assertEquals(List.of("YENIKART"), tokens.stream().map(KeyStoreRecipes.Token::label).toList());
-            SmartcardProvider provider = (SmartcardProvider) new SmartcardProvider().configure(tokens.get(0).name());
+            SmartcardProvider provider = new SmartcardProvider().configure(tokens.get(0).name());
             KeyStore store = KeyStore.getInstance("Smartcard", provider);
             store.load(null, SoftTokenTest.PIN.toCharArray());
             X509Certificate certificate = (X509Certificate) store.getCertificate("Contracts");

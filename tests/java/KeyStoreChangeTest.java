@@ -433,7 +433,7 @@ class KeyStoreChangeTest {
         store = begin();
         write((X509Certificate) chain("a-by-ca")[0], new byte[0], new byte[] {7}, "a");
         tool("--write-object " + folder.resolve("a.key") + " --type privkey --id 07");
-        assertFails("have a copy of the certificate", CHANGES.get("delete key"), store);
+        assertFails("under the IDs of several private keys", CHANGES.get("delete key"), store);
         assertFails("the entry of another key", CHANGES.get("renew"), store);
 
         for (String name : List.of("a-by-ca", "b-by-ca")) {
@@ -529,7 +529,7 @@ class KeyStoreChangeTest {
     @Test
     void logins() throws Exception {
         begin();
-        SmartcardProvider provider = (SmartcardProvider) new SmartcardProvider().configure(module.path());
+        SmartcardProvider provider = new SmartcardProvider().configure(module.path());
         KeyStore store = KeyStore.getInstance("Smartcard", provider);
         List<String> pins = new ArrayList<>(List.of("4321", "1234", "1234", "1234"));
         CallbackHandler handler = callbacks -> {
@@ -568,8 +568,7 @@ class KeyStoreChangeTest {
         String path = "?module-path=" + module.path();
         String serial = new String(Smartcard.readCardSerialNumberDLL(0)).strip();
         for (String name : List.of("", "token=First", "token=F%69rst;serial=" + serial + ";model=any")) {
-            Provider provider = new SmartcardProvider().configure("pkcs11:" + name + path);
-            assertEquals(0, ((SmartcardProvider) provider).slotIndex());
+            assertEquals(0, new SmartcardProvider().configure("pkcs11:" + name + path).slotIndex());
         }
         for (String name : List.of("token=Second", "token=Firs", "serial=0")) {
             Provider provider = new SmartcardProvider().configure("pkcs11:" + name + path);

@@ -407,7 +407,7 @@ class KeyStoreTest {
         module.fail("C_Login", 1, 0xA2);
         assertWrongPin(0xA2, first, "1234");
         module.tries(slot, 3);
-        for (String advice : List.of("a wrong PIN was entered before", "one try is left", "the PIN is locked")) {
+        for (String advice : List.of("the token counts wrong PINs", "one try is left", "the PIN is locked")) {
             assertCode(0xA0, advice, () -> load(first, "4321"));
         }
         assertNull(assertThrows(SmartcardException.class, () -> load(first, "1234")).getCause()); // locked, not wrong
@@ -447,7 +447,7 @@ class KeyStoreTest {
         Smartcard.initDLL(MODULE);
         Smartcard.openSessionDLL(slot);
         for (String argument : List.of(module.path(), first)) {
-            assertFails(IOException.class, "another module", () -> load(argument, "1234"));
+            assertFails(IOException.class, "a module other than", () -> load(argument, "1234"));
         }
         assertEquals(2, Smartcard.getSessionInfoDLL(slot)[0]); // public: the PIN was not sent
         load("" + slot, "1234");
@@ -480,7 +480,7 @@ class KeyStoreTest {
     }
 
     private static void assertTokenIsMissing(String argument) {
-        assertFails(SmartcardException.class, "insert the card; if it is in, call Smartcard.finalizeDLL and load again",
+        assertFails(SmartcardException.class, "insert the card; if it is inserted, call Smartcard.finalizeDLL and load again",
                 () -> load(argument, "1234"));
     }
 
@@ -489,7 +489,7 @@ class KeyStoreTest {
         KeyStore store = load(first, "1234");
         PrivateKey old = key(store, "Köy");
         Map<String, Executable> losses = Map.of("(0xb3); insert the card", () -> Smartcard.closeSessionDLL(slot),
-                "(0x190); no module is bound", Smartcard::finalizeDLL, "(0xb3); the module was bound again",
+                "(0x190); no module is bound", Smartcard::finalizeDLL, "(0xb3); the module was rebound",
                 () -> { Smartcard.finalizeDLL(); Smartcard.initDLL(module.path()); });
         for (String message : losses.keySet()) {
             losses.get(message).execute();
@@ -517,7 +517,7 @@ class KeyStoreTest {
                 for (boolean isTried : new boolean[] {false, true}) {
                     assertTrue(signs(store, "Köy"));
                     module.remove(slot, removal);
-                    assertCode(isEmpty ? 0x82 : 0x32, isEmpty ? "" : "insert the card if it is out",
+                    assertCode(isEmpty ? 0x82 : 0x32, isEmpty ? "" : "insert the card if it was removed",
                             () -> sign(store, "Köy"));
                     if (isTried) {
                         Smartcard.logoutDLL(slot); // so that a load needs the PIN
@@ -594,15 +594,15 @@ class KeyStoreTest {
                 load C_GetFunctionList 1 30 30
                 load C_Initialize 1 191 191 other code in this process has initialised the module
                 load C_OpenSession 1 180000123 180000123
-                load C_OpenSession 1 32 32 insert the card; if it is in
-                load C_OpenSession 1 e1 e1 insert the card; if it is in
+                load C_OpenSession 1 32 32 insert the card; if it is inserted
+                load C_OpenSession 1 e1 e1 insert the card; if it is inserted
                 load C_Login 1 100 100
                 load C_FindObjectsInit 1 101 101 the token refused although the user is logged in
                 load C_FindObjectsInit 2 5 5
                 load C_GetAttributeValue 2 200 200
                 load C_GetAttributeValue 20 200 200
                 sign C_Sign 1 101 101 the token refused although the user is logged in
-                sign C_Sign 1 e0 e0 insert the card if it is out
+                sign C_Sign 1 e0 e0 insert the card if it was removed
                 sign C_SignInit 1 68 91 the module did not start the operation
                 sign C_FindObjects 1 30 30
                 sign C_FindObjects 1 100 82
@@ -618,7 +618,7 @@ class KeyStoreTest {
         KeyStore store = load(first, "1234");
         module.fail("C_Sign", 1, 5);
         module.fail("C_GetSessionInfo", 1, 0x1_8000_0123L);
-        assertCode(0x1_8000_0123L, "insert the card if it is out", () -> sign(store, "Köy"));
+        assertCode(0x1_8000_0123L, "insert the card if it was removed", () -> sign(store, "Köy"));
         Smartcard.logoutDLL(slot);
         assertCode(0x101, "load the KeyStore with the PIN", () -> sign(store, "Köy"));
         assertEquals("CKR_PIN_INCORRECT", SmartcardException.nameOf(0xA0));

@@ -85,7 +85,7 @@ class LoaderTest {
         }
         Files.copy(Path.of(LIBRARY), inJar(), StandardCopyOption.REPLACE_EXISTING);
         String message = load("-Dsmartcard.library=/nowhere/mine.so", ON_LIBRARY_PATH);
-        assertFailed(message, "-Dsmartcard.library=PATH", "smartcard.library=/nowhere/mine.so: ");
+        assertFailed(message, "correct the system property", "smartcard.library=/nowhere/mine.so: ");
         assertFalse(message.contains("jar:") || message.contains("java.library.path"), message);
     }
 

@@ -21,14 +21,16 @@ final class NativeLibrary {
     }
 
     private final List<String> failures = new ArrayList<>();
-    private String advice = "set its path with -Dsmartcard.library=PATH";
+    private String advice;
 
-    private NativeLibrary() {
+    private NativeLibrary(String advice) {
+        this.advice = advice;
     }
 
     static void load() {
-        NativeLibrary library = new NativeLibrary();
         String path = System.getProperty("smartcard.library");
+        NativeLibrary library = new NativeLibrary(path != null ? "correct the system property smartcard.library"
+                : "set its path with -Dsmartcard.library=PATH");
         boolean loaded = path != null
                 ? library.tryLoad("smartcard.library=" + path, () -> System.load(new File(path).getAbsolutePath()))
                 : library.tryLoad("the jar", NativeLibrary::loadFromJar)
@@ -67,7 +69,7 @@ final class NativeLibrary {
             Path copy = Files.createTempFile("libsmartcard", ".so",
                     PosixFilePermissions.asFileAttribute(PosixFilePermissions.fromString("rw-------")));
             try {
-                // Files.copy would replace the file by one that is readable to all.
+                // Files.copy would replace the file with one that all users can read.
                 try (OutputStream file = Files.newOutputStream(copy)) {
                     library.transferTo(file);
                 }

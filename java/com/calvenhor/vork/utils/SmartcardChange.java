@@ -22,43 +22,47 @@ import java.util.regex.Pattern;
 import java.util.stream.Stream;
 
 /**
- * A change of the entries of one token. It makes all checks before it writes, and writes new objects before it deletes
- * old ones. It relies on listings only: a native method often reports one object of several, and a deletion that finds
- * nothing succeeds. The caller holds the lock on {@link Smartcard} from the constructor on.
+ * A change of the entries of one token, as {@link SmartcardProvider} describes it. It relies on listings, not on codes:
+ * a native method often reports the code of only one of several objects, and a deletion that finds nothing succeeds.
+ * The caller holds the lock on {@link Smartcard} from the constructor on.
  */
 final class SmartcardChange {
+    private static final String NOT_SET = "the entry was not changed: ";
+    private static final String NOT_DELETED = "the entry was not deleted: ";
+
     private final SmartcardSlot slot;
     private final SmartcardWriter writer;
-    private SmartcardContents now; // as of the last listing
-    private boolean isListed; // whether the last listing succeeded
+    private SmartcardContents listed; // by the last listing that succeeded
+    private boolean isCurrent; // whether the last listing succeeded
 
-    /** @param known the contents that the KeyStore shows: with another token in the slot, the change is refused */
+    /** @param known the contents that the KeyStore shows; the change is refused if another token is in the slot */
     SmartcardChange(SmartcardContents known) throws IOException, GeneralSecurityException {
         slot = known.slot();
         writer = new SmartcardWriter(slot);
         slot.openSession(); // makes some modules look for the card
         slot.requireLogin();
         list();
-        require(known.token().equals(now.token()), "the token has changed: the KeyStore was loaded from slot "
-                + known.token() + "; now it is slot " + now.token() + "; load the KeyStore again");
+        require(known.tokenDescription().equals(listed.tokenDescription()), "another token is in slot "
+                + listed.tokenDescription() + "; the KeyStore was loaded from slot " + known.tokenDescription()
+                + "; load it again");
     }
 
-    /** {@return the contents of the token now, or as of the last listing that succeeded} */
+    /** {@return the current contents of the token, or those of the last listing that succeeded} */
     SmartcardContents contents() {
         try {
-            if (!isListed) {
+            if (!isCurrent) {
                 list();
             }
         } catch (IOException | GeneralSecurityException e) {
             // The caller gets the exception of the change, not this one.
         }
-        return now;
+        return listed;
     }
 
     private void list() throws IOException, GeneralSecurityException {
-        isListed = false;
-        now = SmartcardContents.of(slot);
-        isListed = true;
+        isCurrent = false;
+        listed = SmartcardContents.of(slot);
+        isCurrent = true;
     }
 
     // ---- Setting ----
@@ -81,18 +85,20 @@ final class SmartcardChange {
         }
         SmartcardKey entryKey = new SmartcardKey(slot, tokenKey != null ? tokenKey.id() : SmartcardWriter.idOf(modulus),
                 publicKey);
-        require(now.keys(alias).allMatch(entryKey::equals),
-                "\"" + alias + "\" is the entry of another key; delete it first");
-        int count = now.keyCount(entryKey.id());
-        require(count < 2, "several private keys have the same ID: " + entryKey);
-        require(count == 1 || imported != null, "the key is no longer on the token: " + entryKey);
-        // Renaming changes the first private and the first public key.
+        require(listed.keys(alias).allMatch(entryKey::equals),
+                "\"" + alias + "\" belongs to the entry of another key; delete that entry first");
+        int count = listed.keyCount(entryKey.id());
+        String sameId = entryKey.describeId() + "; delete the other keys, or change their IDs";
+        require(count < 2, NOT_SET + "several private keys have " + sameId);
+        require(count == 1 || imported != null,
+                NOT_SET + "the token no longer has the " + entryKey + "; load the KeyStore again");
+        // updateKeyPair changes the first private key and the first public key.
         require(tokenKey == null || slot.publicKeys(entryKey.id()).size() < 2,
-                "several public keys have the same ID: " + entryKey);
+                NOT_SET + "several public keys have " + sameId);
         if (count == 1) {
             entryKey.requireValidSignature();
         } else {
-            require(!slot.hasPrivateKey(entryKey.id()), "a private key that is not RSA has the same ID: " + entryKey);
+            require(!slot.hasPrivateKey(entryKey.id()), NOT_SET + "a private key that is not RSA has " + sameId);
         }
         Item item = item(entryKey.id(), alias, certificates.get(0));
         set(alias, item, certificates.subList(1, certificates.size()), entryKey, count == 0 ? imported : null);
@@ -103,9 +109,10 @@ final class SmartcardChange {
 
     void setCertificateEntry(String alias, Certificate certificate) throws IOException, GeneralSecurityException {
         X509Certificate x509 = x509(certificate).get(0);
-        require(now.keys(alias).findAny().isEmpty(), "\"" + alias + "\" is the entry of a key; delete it first");
-        // The same certificate keeps its ID, by which other programs may find its key.
-        if (!x509.equals(now.entry(alias).certificate())) {
+        require(listed.keys(alias).findAny().isEmpty(),
+                "\"" + alias + "\" belongs to the entry of a key; delete that entry first");
+        // A certificate that the alias already has keeps its ID: other programs may find its key by this ID.
+        if (!x509.equals(listed.entry(alias).certificate())) {
             set(alias, item(SmartcardWriter.sha1(x509.getEncoded()), alias, x509), List.of(), null, null);
         }
     }
@@ -118,11 +125,11 @@ final class SmartcardChange {
      */
     private void set(String alias, Item item, List<X509Certificate> issuers, SmartcardKey key,
             RSAPrivateCrtKey imported) throws IOException, GeneralSecurityException {
-        SmartcardContents before = now;
-        List<Item> old = new ArrayList<>(before.objects(alias));
+        SmartcardContents before = listed;
+        List<Item> old = new ArrayList<>(before.items(alias));
         List<Item> added = new ArrayList<>();
         if (!old.removeIf(item::equals) || imported != null) {
-            added.add(item); // with an imported key, perhaps as a copy
+            added.add(item); // with an imported key also if the token has the certificate, as a copy
         }
         byte[] newKeyId = imported == null ? null : key.id();
         for (X509Certificate issuer : issuers) {
@@ -134,8 +141,11 @@ final class SmartcardChange {
         SmartcardContents after = before.after(old, added, newKeyId);
         require(alias.equals(after.alias(item)), "the alias would read back as \"" + after.alias(item) + "\", not as \""
                 + alias + "\"; choose another one");
-        require((key == null) == (after.key(item) == null), "with the ID " + HexFormat.of().formatHex(item.id().array())
-                + ", this certificate would " + (key == null ? "become a key entry" : "not become a key entry"));
+        require((key == null) == (after.key(item) == null), NOT_SET + (key == null
+                ? "it would become a key entry, because a private key has the ID "
+                + HexFormat.of().formatHex(item.id().array())
+                : "it would not become a key entry, because the algorithm of its certificate's key is "
+                + item.certificate().getPublicKey().getAlgorithm() + ", not RSA"));
         for (Item each : old) {
             requireDeletable(each, Stream.concat(before.items().stream(), added.stream()).toList());
         }
@@ -151,11 +161,11 @@ final class SmartcardChange {
             }
             list();
             for (Item each : added) {
-                require(now.count(each) > before.count(each),
+                require(listed.count(each) > before.count(each),
                         "the token does not list the written certificate: " + describe(each));
             }
             if (imported != null) {
-                require(now.keyCount(newKeyId) == 1, "the token does not list the written private key");
+                require(listed.keyCount(newKeyId) == 1, "the token does not list the written private key");
                 key.requireValidSignature();
             }
             for (Item each : old) {
@@ -172,13 +182,13 @@ final class SmartcardChange {
         List<String> left = new ArrayList<>();
         try {
             list();
-            if (old.stream().anyMatch(each -> now.count(each) < before.count(each))) {
-                old.stream().filter(each -> now.count(each) > 0).map(SmartcardChange::describe).forEach(left::add);
+            if (old.stream().anyMatch(each -> listed.count(each) < before.count(each))) {
+                old.stream().filter(each -> listed.count(each) > 0).map(SmartcardChange::describe).forEach(left::add);
                 return new KeyStoreException("the entry is set, but a later step failed: "
-                        + failure.getMessage() + suffix(left), failure);
+                        + failure.getMessage() + describeLeft(left), failure);
             }
             for (Item each : added) {
-                if (now.count(each) > before.count(each)) {
+                if (listed.count(each) > before.count(each)) {
                     try {
                         deleteCertificate(each);
                     } catch (IOException | GeneralSecurityException e) {
@@ -190,15 +200,15 @@ final class SmartcardChange {
                 left.addAll(writer.deleteKeyPair(newKeyId, !hadPublicKey));
             }
             list();
-            added.stream().filter(each -> now.count(each) > before.count(each)).map(SmartcardChange::describe)
+            added.stream().filter(each -> listed.count(each) > before.count(each)).map(SmartcardChange::describe)
                     .forEach(left::add);
         } catch (IOException | GeneralSecurityException e) {
             left.add("unknown, because the token cannot be listed");
         }
-        return new KeyStoreException(failure.getMessage() + suffix(left), failure);
+        return new KeyStoreException(failure.getMessage() + describeLeft(left), failure);
     }
 
-    static String suffix(List<String> left) {
+    static String describeLeft(List<String> left) {
         return left.isEmpty() ? "" : "; left on the token: " + String.join("; ", left);
     }
 
@@ -206,9 +216,9 @@ final class SmartcardChange {
     private void setKeyLabel(SmartcardKey key, byte[] label) throws KeyStoreException {
         try {
             if (!slot.allKeysHaveLabel(key.id(), label)) {
-                long code = writer.renameKeyPair(key.id(), key.id(), label);
+                long code = writer.updateKeyPair(key.id(), key.id(), label);
                 require(slot.allKeysHaveLabel(key.id(), label), "updateKeyPairIDAndLabelDLL returned "
-                        + SmartcardException.nameOf(code) + ", which is the code for the public key alone");
+                        + (code == -1 ? "-1" : SmartcardException.nameOf(code)) + ", and reports only the public key");
             }
         } catch (IOException | KeyStoreException e) {
             throw new KeyStoreException("the entry is set, but its keys may still have the old label: "
@@ -220,39 +230,41 @@ final class SmartcardChange {
 
     /** Deletes an entry, and its keys if no other certificate has their ID. */
     void deleteEntry(String alias) throws IOException, GeneralSecurityException {
-        List<Item> objects = now.objects(alias);
-        if (objects.isEmpty()) {
+        List<Item> items = listed.items(alias);
+        if (items.isEmpty()) {
             return;
         }
-        for (Item each : objects) {
-            requireDeletable(each, now.items());
+        for (Item each : items) {
+            requireDeletable(each, listed.items());
         }
-        Entry entry = now.entry(alias);
+        Entry entry = listed.entry(alias);
         SmartcardKey key = entry.key();
-        require(now.keys(alias).distinct().count() < 2,
-                "several private keys have a copy of the certificate of \"" + alias + "\"");
-        boolean areKeysShared = now.items().stream().anyMatch(other -> other.id().equals(entry.item().id())
-                && other.certificate() != null && !objects.contains(other));
+        require(listed.keys(alias).distinct().count() < 2, NOT_DELETED + "the certificate of \"" + alias
+                + "\" is on the token under the IDs of several private keys; delete the other keys first");
+        boolean areKeysShared = listed.items().stream().anyMatch(other -> other.id().equals(entry.item().id())
+                && other.certificate() != null && !items.contains(other));
         if (key != null && !areKeysShared) {
-            require(now.keyCount(key.id()) == 1, "several private keys have the same ID: " + key);
+            String sameId = key.describeId() + "; delete the other keys, or change their IDs";
+            require(listed.keyCount(key.id()) == 1, NOT_DELETED + "several private keys have " + sameId);
             require(slot.publicKeys(key.id()).stream().allMatch(each -> each.isSameKeyAs(key.publicKey())),
-                    "the public key of another key pair has the same ID: " + key);
-            key.requireValidSignature(); // the deletion takes the key that signs: the first of the ID, of any type
+                    NOT_DELETED + "the public key of another key pair has " + sameId);
+            // deletePrivateKeyDLL finds the key as signWithIDDLL does: the first with the ID, of any type.
+            key.requireValidSignature();
             writer.deletePrivateKey(key.id());
             list();
-            require(now.keyCount(key.id()) == 0, "the token still lists the deleted private key: " + key);
+            require(listed.keyCount(key.id()) == 0, "the token still lists the deleted private key: " + key);
         }
         if (!areKeysShared) {
             deletePublicKeys(entry);
         }
-        for (Item each : objects) {
+        for (Item each : items) {
             deleteCertificate(each);
         }
     }
 
     /**
-     * Called after the private key was deleted. A certificate entry may be the rest of a key entry that was deleted in
-     * part. If a private key that is not RSA has the ID, the first public key may belong to it.
+     * Deletes the public keys of an entry whose RSA private key was deleted, now or by an earlier deletion that failed.
+     * Deletes none if a private key that is not RSA has the ID: the first public key may belong to it.
      */
     private void deletePublicKeys(Entry entry) throws IOException, KeyStoreException {
         byte[] id = entry.item().id().array();
@@ -261,13 +273,13 @@ final class SmartcardChange {
                 || !(entry.certificate().getPublicKey() instanceof RSAPublicKey publicKey)) {
             return;
         }
-        boolean isShared = slot.hasPrivateKey(id);
-        require(!isShared || entry.key() == null, "only the private key was deleted, because a key that "
+        boolean hasOtherKey = slot.hasPrivateKey(id);
+        require(!hasOtherKey || entry.key() == null, "only the private key was deleted, because a key that "
                 + "is not RSA has the same ID; left on the token: the public key and the certificate of "
                 + entry.key());
-        boolean belongToEntry = !isShared && keys.stream().allMatch(each -> each.isSameKeyAs(publicKey)
+        boolean areKeysOfEntry = !hasOtherKey && keys.stream().allMatch(each -> each.isSameKeyAs(publicKey)
                 && (entry.key() != null || each.label().equals(entry.item().label())));
-        for (int count = keys.size(); belongToEntry && count > 0; count--) {
+        for (int count = keys.size(); areKeysOfEntry && count > 0; count--) {
             writer.deletePublicKey(id);
             require(slot.publicKeys(id).size() < count, "the token still lists the deleted public key of "
                     + describe(entry.item()));
@@ -275,30 +287,31 @@ final class SmartcardChange {
     }
 
     private void deleteCertificate(Item item) throws IOException, GeneralSecurityException {
-        int count = now.count(item);
+        int count = listed.count(item);
         IOException failure = null;
         for (byte[] serialNumber : serialNumbers(item)) {
-            if (now.items().stream().noneMatch(other -> mayMatch(other, item, serialNumber))) {
+            if (listed.items().stream().noneMatch(other -> mayMatch(other, item, serialNumber))) {
                 try {
                     writer.deleteCertificate(item, serialNumber);
                 } catch (IOException e) {
                     failure = e;
                 }
                 list();
-                if (now.count(item) < count) {
+                if (listed.count(item) < count) {
                     return;
                 }
             }
         }
-        throw failure != null ? failure : new IOException("the token does not find the certificate that it lists: "
-                + describe(item));
+        throw failure != null ? failure : new IOException("a certificate was not deleted, because the token does not"
+                + " find it by its names, serial number, ID and label; delete it with another tool: " + describe(item));
     }
 
     /** A deletion finds a certificate by all attributes but its value, so it could delete another one instead. */
     private static void requireDeletable(Item item, List<Item> among) throws KeyStoreException {
         byte[] serialNumber = serialNumbers(item).get(0);
         require(among.stream().noneMatch(other -> mayMatch(other, item, serialNumber)),
-                "a deletion could delete another certificate with the same label and ID: " + describe(item));
+                "nothing was changed, because the token could delete another certificate with the same label and ID"
+                + " instead; delete one of the two with another tool: " + describe(item));
     }
 
     /** {@return whether a deletion of the item, by this form of its serial number, could find the other one} */
@@ -312,7 +325,7 @@ final class SmartcardChange {
                 && serialNumbers(other).stream().anyMatch(each -> Arrays.equals(each, serialNumber));
     }
 
-    /** {@return the values of CKA_SERIAL_NUMBER in use: DER, as PKCS#11 requires, the plain number, and empty} */
+    /** {@return the values of CKA_SERIAL_NUMBER in use: DER (as PKCS#11 requires), the number without tag, or empty} */
     private static List<byte[]> serialNumbers(Item item) {
         BigInteger number = item.certificate().getSerialNumber();
         return List.of(SmartcardWriter.der(number), number.toByteArray(), new byte[0]);
@@ -324,7 +337,7 @@ final class SmartcardChange {
         return new Item(ByteBuffer.wrap(id), ByteBuffer.wrap(SmartcardWriter.label(label)), certificate);
     }
 
-    /** {@return an entry whose alias is the first free one of common name, organisation and whole name} */
+    /** {@return an item for an issuer: its label is the first free alias of four, the last of which has a digest} */
     private static Item issuerItem(X509Certificate certificate, SmartcardContents contents)
             throws GeneralSecurityException {
         String name = certificate.getSubjectX500Principal().getName();

@@ -24,7 +24,7 @@ import java.util.stream.Collectors;
 import java.util.stream.Stream;
 import javax.security.auth.x500.X500Principal;
 
-/** The objects on a token when it was listed. It is immutable: after each change the token is listed again. */
+/** The certificates and RSA private keys on a token when it was listed. Immutable: a change lists the token again. */
 final class SmartcardContents {
     /**
      * A certificate object. Equal items are copies.
@@ -48,17 +48,17 @@ final class SmartcardContents {
     private static final Entry NONE = new Entry(new Item(null, null, null), null);
 
     private final SmartcardSlot slot;
-    private final String token;
+    private final String tokenDescription;
     private final List<Item> items;
     private final List<ByteBuffer> keyIds;
     private final Map<String, Set<X509Certificate>> byLabel;
     private final Map<X500Principal, Set<X509Certificate>> bySubject;
     private final Map<String, Entry> entries = new LinkedHashMap<>();
 
-    private SmartcardContents(SmartcardSlot slot, String token, List<Item> items, List<ByteBuffer> keyIds)
+    private SmartcardContents(SmartcardSlot slot, String tokenDescription, List<Item> items, List<ByteBuffer> keyIds)
             throws NoSuchAlgorithmException, CertificateException {
         this.slot = slot;
-        this.token = token;
+        this.tokenDescription = tokenDescription;
         this.items = items;
         this.keyIds = keyIds;
         List<Item> parsed = items.stream().filter(item -> item.certificate != null).toList();
@@ -66,34 +66,34 @@ final class SmartcardContents {
                 Collectors.mapping(Item::certificate, Collectors.toSet())));
         bySubject = parsed.stream().map(Item::certificate).collect(
                 Collectors.groupingBy(X509Certificate::getSubjectX500Principal, Collectors.toSet()));
-        // Copies of a certificate with the same label are one entry: the first, which has a key if any has.
+        // Copies of a certificate with one alias are one entry, under any IDs. Those with a key come first.
         for (Entry entry : parsed.stream().map(item -> new Entry(item, key(item)))
                 .sorted(Comparator.comparing(entry -> entry.key == null)).toList()) {
             entries.putIfAbsent(alias(entry.item), entry);
         }
     }
 
-    /** Lists the token, and checks that it is still present: some modules list nothing for a removed token. */
+    /** Lists the token, and requires that it is still present. */
     static SmartcardContents of(SmartcardSlot slot) throws IOException, NoSuchAlgorithmException, CertificateException {
         List<byte[][]> privateKeys;
         List<byte[][]> certificates;
-        String token;
+        String tokenDescription;
         synchronized (Smartcard.class) {
             privateKeys = slot.privateKeys();
             certificates = slot.certificates();
             slot.requireToken();
-            token = slot.description();
+            tokenDescription = slot.description();
         }
         CertificateFactory factory = CertificateFactory.getInstance("X.509");
         List<Item> items = new ArrayList<>();
         for (byte[][] row : certificates) {
             items.add(new Item(ByteBuffer.wrap(row[0]), ByteBuffer.wrap(row[1]), parse(factory, row[2])));
         }
-        return new SmartcardContents(slot, token, items,
+        return new SmartcardContents(slot, tokenDescription, items,
                 privateKeys.stream().map(row -> ByteBuffer.wrap(row[0])).toList());
     }
 
-    /** {@return null for a certificate that cannot be parsed, which must not hide the others} */
+    /** {@return the certificate; null if it cannot be parsed, because one bad certificate must not hide the others} */
     private static X509Certificate parse(CertificateFactory factory, byte[] der) {
         try {
             if (factory.generateCertificate(new ByteArrayInputStream(der)) instanceof X509Certificate certificate) {
@@ -102,13 +102,13 @@ final class SmartcardContents {
                 return certificate;
             }
         } catch (CertificateException | RuntimeException e) {
-            // The same as null, which some factories return for an empty value.
+            // Treated like null, which some factories return for an empty value.
         }
         return null;
     }
 
     /**
-     * {@return the contents after a change}
+     * {@return the contents as a change would leave them}
      *
      * @param newKeyId the ID of a private key that the change adds; null for none
      */
@@ -121,10 +121,10 @@ final class SmartcardContents {
         if (newKeyId != null) {
             ids.add(ByteBuffer.wrap(newKeyId));
         }
-        return new SmartcardContents(slot, token, remaining, ids);
+        return new SmartcardContents(slot, tokenDescription, remaining, ids);
     }
 
-    /** {@return the key that has the certificate's ID; null if there is none or the ID is empty} */
+    /** {@return the key with the item's ID; null if there is none, the ID is empty, or the certificate is not RSA} */
     SmartcardKey key(Item item) {
         return item.id.hasRemaining() && keyIds.contains(item.id)
                 && item.certificate.getPublicKey() instanceof RSAPublicKey publicKey
@@ -136,9 +136,9 @@ final class SmartcardContents {
         return slot;
     }
 
-    /** {@return the token's slot, label and serial number; some tokens have the same serial number} */
-    String token() {
-        return token;
+    /** {@return slot, label and serial number: some tokens have the same serial number} */
+    String tokenDescription() {
+        return tokenDescription;
     }
 
     List<Item> items() {
@@ -164,23 +164,23 @@ final class SmartcardContents {
         return entries.getOrDefault(alias, NONE);
     }
 
-    /** {@return all certificate objects of the alias} */
-    List<Item> objects(String alias) throws NoSuchAlgorithmException, CertificateException {
-        List<Item> objects = new ArrayList<>();
+    /** {@return all items with the alias} */
+    List<Item> items(String alias) throws NoSuchAlgorithmException, CertificateException {
+        List<Item> found = new ArrayList<>();
         for (Item item : items) {
             if (item.certificate != null && alias.equals(alias(item))) {
-                objects.add(item);
+                found.add(item);
             }
         }
-        return objects;
+        return found;
     }
 
-    /** {@return the keys of these objects} */
+    /** {@return the keys of the items with the alias} */
     Stream<SmartcardKey> keys(String alias) throws NoSuchAlgorithmException, CertificateException {
-        return objects(alias).stream().map(this::key).filter(Objects::nonNull);
+        return items(alias).stream().map(this::key).filter(Objects::nonNull);
     }
 
-    /** {@return the label; followed by a digest of the certificate if the label is empty or not unique} */
+    /** {@return the label, with a suffix in the cases that SmartcardProvider lists} */
     String alias(Item item) throws NoSuchAlgorithmException, CertificateException {
         String label = text(item);
         // A label that looks like an alias with a digest could be the alias of another certificate.

@@ -5,8 +5,8 @@ import java.util.HashMap;
 import java.util.Map;
 
 /**
- * A call of the module failed with a PKCS#11 code. A {@link java.security.Signature Signature} has it as the cause of
- * its {@link java.security.SignatureException}.
+ * A failure with a PKCS#11 code, which a call of the module returned or this library found. {@code Signature.sign}
+ * throws a {@link java.security.SignatureException} with this exception as its cause.
  */
 public final class SmartcardException extends IOException {
     private static final long serialVersionUID = 1;
@@ -24,8 +24,8 @@ public final class SmartcardException extends IOException {
     static final long CRYPTOKI_ALREADY_INITIALIZED = 0x191;
     static final long FUNCTION_REJECTED = 0x200;
 
-    // Many modules, such as SoftHSM2, find a new token only after they are bound again.
-    static final String INSERT = "; insert the card; if it is in, call Smartcard.finalizeDLL and load again";
+    static final String INSERT_OR_REBIND = "; insert the card; if it is inserted, call Smartcard.finalizeDLL and load"
+            + " again";
 
     private static final Map<Long, String> NAMES = new HashMap<>();
 
@@ -57,13 +57,17 @@ public final class SmartcardException extends IOException {
         this.code = code;
     }
 
-    /** {@return the code (CK_RV) of the call that failed} */
+    /**
+     * {@return the code (CK_RV) of the failure} If a method returned a status, the code is derived from the status and
+     * the session.
+     */
     public long code() {
         return code;
     }
 
     /**
-     * {@return the PKCS#11 name of a code, such as CKR_PIN_INCORRECT; the code in hexadecimal if it is not known here}
+     * {@return the PKCS#11 name of a code, such as CKR_PIN_INCORRECT; the code in hexadecimal if this class has no name
+     * for it}
      *
      * @param code a CK_RV
      */

@@ -12,7 +12,7 @@ import java.util.HexFormat;
 /**
  * A private key on the token, identified by slot and ID. It has no object handle, so it stays valid in a later session.
  *
- * @param publicKey the public key of its certificate: it verifies each signature, and its size selects algorithms
+ * @param publicKey the public key of its certificate, which verifies each signature and gives the JDK the key size
  */
 record SmartcardKey(SmartcardSlot slot, byte[] id, RSAPublicKey publicKey) implements PrivateKey, RSAKey {
     @Override
@@ -35,13 +35,13 @@ record SmartcardKey(SmartcardSlot slot, byte[] id, RSAPublicKey publicKey) imple
         return publicKey.getModulus();
     }
 
-    /** From JDK 22 on, both interfaces have a default for it: without this method a call fails. */
+    /** On JDK 22 or later, PrivateKey and RSAKey both have a default getParams: without this override a call fails. */
     @Override
     public AlgorithmParameterSpec getParams() {
         return null;
     }
 
-    /** The default of a record compares the array by identity: keys of two loads would never be equal. */
+    /** The equals of a record would compare the IDs by reference, so keys of two loads would never be equal. */
     @Override
     public boolean equals(Object other) {
         return other instanceof SmartcardKey key && slot.equals(key.slot) && Arrays.equals(id, key.id);
@@ -54,7 +54,11 @@ record SmartcardKey(SmartcardSlot slot, byte[] id, RSAPublicKey publicKey) imple
 
     @Override
     public String toString() {
-        return "RSA key with the ID " + HexFormat.of().formatHex(id) + " in slot " + slot.index();
+        return "RSA key with " + describeId();
+    }
+
+    String describeId() {
+        return "the ID " + HexFormat.of().formatHex(id) + " in slot " + slot.index();
     }
 
     /** Throws unless the token signs with this key and the public key verifies the signature. */

@@ -19,7 +19,7 @@ import java.util.ArrayList;
 import java.util.HexFormat;
 import java.util.List;
 
-/** Generates RSA key pairs on the token. Their ID is that of an imported key: the SHA-1 of the modulus. */
+/** Generates RSA key pairs on the token, with the IDs of {@link SmartcardWriter#idOf}. */
 final class SmartcardKeyPairGenerator extends KeyPairGeneratorSpi {
     private static final int ID_LENGTH = 20; // of a SHA-1
 
@@ -54,7 +54,7 @@ final class SmartcardKeyPairGenerator extends KeyPairGeneratorSpi {
     @Override
     public KeyPair generateKeyPair() {
         try {
-            provider.logIn(provider.callbackHandler());
+            provider.logInWith(provider.callbackHandler());
             synchronized (Smartcard.class) {
                 SmartcardSlot slot = provider.open(null);
                 slot.requireLogin();
@@ -77,7 +77,7 @@ final class SmartcardKeyPairGenerator extends KeyPairGeneratorSpi {
                     .generatePublic(new RSAPublicKeySpec(modulus, exponent));
             SmartcardKey key = new SmartcardKey(slot, SmartcardWriter.idOf(modulus), publicKey);
             ids.add(key.id());
-            writer.renameKeyPair(interimId, key.id(), SmartcardWriter.label(HexFormat.of().formatHex(key.id())));
+            writer.updateKeyPair(interimId, key.id(), SmartcardWriter.label(HexFormat.of().formatHex(key.id())));
             List<PublicKey> publicKeys = slot.publicKeys(key.id());
             if (publicKeys.size() != 1 || !publicKeys.get(0).isSameKeyAs(publicKey)) {
                 throw new IOException("the token did not change the ID of the public key");
@@ -99,6 +99,6 @@ final class SmartcardKeyPairGenerator extends KeyPairGeneratorSpi {
                 left.add("unknown, because the token cannot be listed");
             }
         }
-        return SmartcardChange.suffix(left);
+        return SmartcardChange.describeLeft(left);
     }
 }

@@ -18,8 +18,8 @@ import java.util.Enumeration;
 
 /** The entries of a token as of the last load or change through this KeyStore. Key entries come first. */
 final class SmartcardKeyStore extends KeyStoreSpi {
-    private interface Change {
-        void make(SmartcardChange change) throws IOException, GeneralSecurityException;
+    private interface Step {
+        void run(SmartcardChange change) throws IOException, GeneralSecurityException;
     }
 
     private final SmartcardProvider provider;
@@ -38,7 +38,7 @@ final class SmartcardKeyStore extends KeyStoreSpi {
             throw new IOException("the entries are on the token; pass null as the stream");
         }
         if (pin == null || pin.length == 0) {
-            provider.logIn(provider.callbackHandler());
+            provider.logInWith(provider.callbackHandler());
         }
         load(pin);
     }
@@ -49,7 +49,7 @@ final class SmartcardKeyStore extends KeyStoreSpi {
             throws IOException, NoSuchAlgorithmException, CertificateException {
         if (parameter != null
                 && parameter.getProtectionParameter() instanceof KeyStore.CallbackHandlerProtection protection) {
-            provider.logIn(protection.getCallbackHandler());
+            provider.logInWith(protection.getCallbackHandler());
             load(null);
         } else {
             super.engineLoad(parameter);
@@ -130,12 +130,12 @@ final class SmartcardKeyStore extends KeyStoreSpi {
 
     // ---- Changes ----
 
-    private void change(Change step) throws KeyStoreException {
+    private void change(Step step) throws KeyStoreException {
         synchronized (Smartcard.class) {
             try {
                 SmartcardChange change = new SmartcardChange(contents);
                 try {
-                    step.make(change);
+                    step.run(change);
                 } finally {
                     contents = change.contents();
                 }
@@ -150,7 +150,7 @@ final class SmartcardKeyStore extends KeyStoreSpi {
     @Override
     public void engineSetKeyEntry(String alias, Key key, char[] password, Certificate[] chain)
             throws KeyStoreException {
-        change(token -> token.setKeyEntry(alias, key, chain));
+        change(change -> change.setKeyEntry(alias, key, chain));
     }
 
     @Override
@@ -160,7 +160,7 @@ final class SmartcardKeyStore extends KeyStoreSpi {
 
     @Override
     public void engineSetCertificateEntry(String alias, Certificate certificate) throws KeyStoreException {
-        change(token -> token.setCertificateEntry(alias, certificate));
+        change(change -> change.setCertificateEntry(alias, certificate));
     }
 
     /** The inherited method requires a password for a key. */
@@ -178,10 +178,10 @@ final class SmartcardKeyStore extends KeyStoreSpi {
 
     @Override
     public void engineDeleteEntry(String alias) throws KeyStoreException {
-        change(token -> token.deleteEntry(alias));
+        change(change -> change.deleteEntry(alias));
     }
 
-    /** Does nothing: each change is written to the token at once. */
+    /** Does nothing without a stream: each change is written to the token at once. */
     @Override
     public void engineStore(OutputStream stream, char[] password) throws IOException {
         if (stream != null) {

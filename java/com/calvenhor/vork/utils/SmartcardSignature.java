@@ -16,7 +16,7 @@ import java.util.Arrays;
 import java.util.HexFormat;
 import java.util.List;
 
-/** RSA signatures of PKCS #1 v1.5. The token signs; this class verifies. */
+/** RSA signatures with PKCS #1 v1.5. The token signs; this class verifies. */
 final class SmartcardSignature extends SignatureSpi {
     /** Each algorithm has its OID, its digest and the part of the DER DigestInfo before the digest. */
     enum Algorithm {
@@ -129,13 +129,13 @@ final class SmartcardSignature extends SignatureSpi {
         return isSignatureOf(signature, pad(takeDigestInfo()));
     }
 
-    /** {@return the padded block, as long as the modulus, that RSA turns a signature into} */
+    /** {@return the padded DigestInfo, as long as the modulus: the result of RSA on a valid signature} */
     private byte[] pad(byte[] digestInfo) throws SignatureException {
         byte[] block = new byte[(publicKey.getModulus().bitLength() + 7) / 8];
         int start = block.length - digestInfo.length;
         if (start < 11) {
             throw new SignatureException("a key of this size signs at most " + (block.length - 11) + " bytes, not "
-                    + digestInfo.length);
+                    + digestInfo.length + (digest == null ? "; sign a DigestInfo" : "; choose a shorter digest"));
         }
         Arrays.fill(block, 2, start - 1, (byte) 0xFF);
         block[1] = 1;

@@ -16,7 +16,8 @@ import java.util.stream.IntStream;
 import java.util.stream.LongStream;
 
 /**
- * A slot of the bound module, with its session. Steps that belong together hold the lock on {@link Smartcard}.
+ * A slot of the bound module, with its session. Callers hold the lock on {@link Smartcard} during steps that belong
+ * together.
  */
 record SmartcardSlot(long index) {
     private static final long TOKEN_PRESENT = 1;
@@ -43,20 +44,21 @@ record SmartcardSlot(long index) {
 
     /** Opens a session unless this slot has one of its own. */
     void openSession() throws IOException {
-        Smartcard.getSlotInfoDLL(index); // only then OpenSC notices a removed card and closes its session
+        Smartcard.getSlotInfoDLL(index); // OpenSC notices a removed card, and ends its sessions, only in this call
         if (Smartcard.isSessionOpenDLL(index) == 0 && !mayBelongToAnotherSlot()) {
             return;
         }
         long code = Smartcard.openSessionDLL(index);
         require(code != -1, "there is no slot " + index + ": the last slot is " + (Smartcard.getSlotCountDLL() - 1)
                 + "; if a slot was added later, call Smartcard.finalizeDLL and load again");
-        check(code, "openSessionDLL in slot " + index, hasNoToken(code) ? INSERT : "");
+        check(code, "openSessionDLL in slot " + index, hasNoToken(code) ? INSERT_OR_REBIND : "");
     }
 
     /**
-     * {@return whether the session may belong to another slot} A module may reuse a closed handle, which is still
-     * recorded for this slot, for a session of another one. Both slots then report the same slot ID. This method opens
-     * a new session in each such slot, so that no two share a handle. A slot without a token cannot own the session.
+     * {@return whether the session recorded for this slot may belong to another slot} A module may reuse the handle of
+     * a closed session for a session of another slot. Two slots with the same handle report the same slot ID. This
+     * method opens a new session in each other slot that does so; the caller opens one in this slot. A slot without a
+     * token cannot own the session.
      */
     private boolean mayBelongToAnotherSlot() {
         int slotId = Smartcard.getSessionInfoDLL(index)[2];
@@ -69,18 +71,21 @@ record SmartcardSlot(long index) {
         return code == TOKEN_NOT_PRESENT || code == TOKEN_NOT_RECOGNIZED || code == DEVICE_REMOVED;
     }
 
-    /** SoftHSM2 opens sessions of a removed token, logs in and lists nothing, but does not read its serial number. */
+    /**
+     * Throws unless the token returns its serial number. Some modules, such as SoftHSM2, keep the session of a removed
+     * token and list nothing, but fail to return the serial number.
+     */
     void requireToken() throws IOException {
         byte[] number = Smartcard.readCardSerialNumberDLL(index);
         if (number == null || number.length == 1) {
             throw new SmartcardException("the token in slot " + index + " does not answer",
-                    codeOf(number, FUNCTION_REJECTED), INSERT);
+                    codeOf(number, FUNCTION_REJECTED), INSERT_OR_REBIND);
         }
     }
 
     /** {@return whether the slot has an initialised token, or one whose flags cannot be read} */
     boolean mayHaveToken() {
-        boolean isPresent = (Smartcard.getSlotInfoDLL(index) & TOKEN_PRESENT) != 0; // first, as in openSession
+        boolean isPresent = (Smartcard.getSlotInfoDLL(index) & TOKEN_PRESENT) != 0; // called first, as in openSession
         long flags = Smartcard.getTokenInfoDLL(index);
         return (flags & TOKEN_INITIALIZED) != 0 || flags == 0 && isPresent;
     }
@@ -97,7 +102,8 @@ record SmartcardSlot(long index) {
                 + text(Smartcard.readCardSerialNumberDLL(index));
     }
 
-    private boolean needsLogin(char[] pin) {
+    /** {@return whether the user is not logged in, and there is a PIN or a PIN pad} */
+    private boolean mayLogIn(char[] pin) {
         return !isUser(Smartcard.getSessionInfoDLL(index)) && (isGiven(pin)
                 || (Smartcard.getTokenInfoDLL(index) & PIN_PAD) != 0);
     }
@@ -109,17 +115,17 @@ record SmartcardSlot(long index) {
                 && !isUser(Smartcard.getSessionInfoDLL(index));
     }
 
-    /** Throws without the login that the token requires, since private objects would be missing from listings. */
+    /** Throws if the token requires a login and the user is not logged in: listings would lack private objects. */
     void requireLogin() throws IOException {
         long flags = Smartcard.getTokenInfoDLL(index);
-        require(flags > 0, "the flags of the token in slot " + index + " cannot be read" + INSERT);
+        require(flags > 0, "the flags of the token in slot " + index + " cannot be read" + INSERT_OR_REBIND);
         if ((flags & LOGIN_REQUIRED) != 0 && !isUser(Smartcard.getSessionInfoDLL(index))) {
             throw new SmartcardException("the token in slot " + index + " requires a login", USER_NOT_LOGGED_IN,
                     "; load the KeyStore with the PIN, or set a callback handler");
         }
     }
 
-    /** Succeeds also without a login or a session. */
+    /** Succeeds even if there is no login or session. */
     void logOut() throws IOException {
         long code = Smartcard.logoutDLL(index);
         check(code == -1 || code == USER_NOT_LOGGED_IN ? 0 : code, "logoutDLL in slot " + index, "");
@@ -130,7 +136,7 @@ record SmartcardSlot(long index) {
     }
 
     private void logIn(char[] pin) throws IOException {
-        if (!needsLogin(pin)) {
+        if (!mayLogIn(pin)) {
             return;
         }
         // In modified UTF-8 these characters differ from UTF-8: the token would count a wrong PIN.
@@ -142,16 +148,16 @@ record SmartcardSlot(long index) {
             boolean isWrong = 0xA0 <= code && code <= 0xA2; // CKR_PIN_INCORRECT, CKR_PIN_INVALID, CKR_PIN_LEN_RANGE
             IOException failure = new SmartcardException("loginDLL in slot " + index, code, isAltered
                     ? "; the PIN was not sent, because it has a NUL or a character above U+FFFF"
-                    : isWrong ? triesLeft() : "");
+                    : isWrong ? describeTries() : "");
             throw isWrong ? (IOException) failure.initCause(new UnrecoverableKeyException("wrong PIN")) : failure;
         }
     }
 
-    private String triesLeft() {
+    private String describeTries() {
         long flags = Smartcard.getTokenInfoDLL(index);
         return (flags & PIN_LOCKED) != 0 ? "; the PIN is locked, and the security officer must set a new one"
                 : (flags & PIN_FINAL_TRY) != 0 ? "; one try is left before the PIN is locked"
-                : (flags & PIN_COUNT_LOW) != 0 ? "; a wrong PIN was entered before" : "";
+                : (flags & PIN_COUNT_LOW) != 0 ? "; the token counts wrong PINs, and then locks the PIN" : "";
     }
 
     /** {@return the ID, label and DER encoding of each X.509 certificate} */
@@ -167,7 +173,7 @@ record SmartcardSlot(long index) {
     private List<byte[][]> rows(String call, LongFunction<byte[][]> list, int width) throws IOException {
         synchronized (Smartcard.class) {
             byte[][] listing = list.apply(index);
-            // A code whose low 8 bits are 0 looks like success, except for the missing values.
+            // A null in a listing is a failure, also with a status of 0: see Smartcard.
             if (listing == null || listing[0][0] != 0 || Arrays.asList(listing).contains(null)) {
                 throw failure(call, listing == null ? null : listing[0], FUNCTION_REJECTED);
             }
@@ -196,7 +202,7 @@ record SmartcardSlot(long index) {
         return signature == null || signature.length != 1 || signature[0] != 0;
     }
 
-    /** Signs with the first private key that has the ID, by CKM_RSA_PKCS. */
+    /** Signs with the first private key that has the ID, and CKM_RSA_PKCS. */
     byte[] sign(byte[] digestInfo, byte[] id) throws IOException {
         synchronized (Smartcard.class) {
             byte[] signature = Smartcard.signWithIDDLL(index, digestInfo, id);
@@ -208,26 +214,26 @@ record SmartcardSlot(long index) {
     }
 
     /**
-     * {@return the failure of a call that returned a status} The session is queried first, since its code has more than
-     * 8 bits.
+     * {@return the failure of a call that returned a status} Queries the session first, because isSessionOpenDLL
+     * returns all bits of a code.
      *
-     * @param zero the code that a status of 0 means
+     * @param codeOfZero the code that a status of 0 means
      */
-    SmartcardException failure(String call, byte[] status, long zero) {
+    SmartcardException failure(String call, byte[] status, long codeOfZero) {
         long code = Smartcard.isSessionOpenDLL(index);
         int[] session = Smartcard.getSessionInfoDLL(index);
-        String insert = "; insert the card if it is out; load the KeyStore again";
-        String advice = insert;
+        String insertAndLoad = "; insert the card if it was removed, and load the KeyStore again";
+        String advice = insertAndLoad;
         if (code == -1) { // no module, or one that was bound later and has no session here
             code = Integer.toUnsignedLong(session[0]);
-            advice = (code == CRYPTOKI_NOT_INITIALIZED ? "; no module is bound" : "; the module was bound again")
+            advice = (code == CRYPTOKI_NOT_INITIALIZED ? "; no module is bound" : "; the module was rebound")
                     + ": load the KeyStore again";
         } else if (code == 0) {
-            code = codeOf(status, zero);
-            advice = code == TOKEN_NOT_PRESENT || code == DEVICE_REMOVED ? insert
+            code = codeOf(status, codeOfZero);
+            advice = code == TOKEN_NOT_PRESENT || code == DEVICE_REMOVED ? insertAndLoad
                     : code == OPERATION_NOT_INITIALIZED
-                    ? "; the module did not start the operation; for a signature,"
-                    + " the key may not be allowed to sign" : "";
+                    ? "; the module did not start the operation; for a signature, check that the key permits signing"
+                    : "";
             if (code == 1 || code == OBJECT_HANDLE_INVALID && !isUser(session)) {
                 code = USER_NOT_LOGGED_IN;
                 advice = isUser(session) ? "; the token refused although the user is logged in;"
@@ -238,8 +244,8 @@ record SmartcardSlot(long index) {
         return new SmartcardException(call + " in slot " + index, code, advice);
     }
 
-    private static long codeOf(byte[] status, long zero) {
-        return status == null ? HOST_MEMORY : status[0] == 0 ? zero : status[0] & 0xFF;
+    private static long codeOf(byte[] status, long codeOfZero) {
+        return status == null ? HOST_MEMORY : status[0] == 0 ? codeOfZero : status[0] & 0xFF;
     }
 
     private static boolean isUser(int[] session) {

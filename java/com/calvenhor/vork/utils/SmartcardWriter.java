@@ -32,7 +32,7 @@ record SmartcardWriter(SmartcardSlot slot) {
         return text.getBytes(StandardCharsets.UTF_8);
     }
 
-    /** {@return the number, big-endian without a sign byte} It leaves no other copy of a secret number in memory. */
+    /** {@return the number, big-endian without a sign byte} Wipes the intermediate copy: the number may be secret. */
     static byte[] unsigned(BigInteger number) {
         byte[] bytes = number.toByteArray();
         if (bytes[0] != 0) {
@@ -43,7 +43,7 @@ record SmartcardWriter(SmartcardSlot slot) {
         return unsigned;
     }
 
-    /** {@return the number as a DER INTEGER} */
+    /** {@return the number as an INTEGER, in DER up to 127 bytes} Serial numbers of certificates have at most 20. */
     static byte[] der(BigInteger number) {
         byte[] value = number.toByteArray();
         byte[] length = value.length < 0x80 ? new byte[] {(byte) value.length}
@@ -78,7 +78,7 @@ record SmartcardWriter(SmartcardSlot slot) {
         }
     }
 
-    /** {@return the modulus} The pair may exist even if this fails. */
+    /** {@return the modulus} */
     BigInteger generateKeyPair(int bits, BigInteger publicExponent, byte[] id) throws IOException {
         byte[] modulus = Smartcard.generateKeyPairDLL(slot.index(), bits, unsigned(publicExponent), id, id);
         if (modulus == null || modulus.length == 1) {
@@ -88,11 +88,11 @@ record SmartcardWriter(SmartcardSlot slot) {
     }
 
     /**
-     * Gives the first private and the first public key with an ID, of any type, another ID and a label.
+     * Sets a new ID and label on the first private key and the first public key, of any type, with the ID.
      *
-     * @return the code for the public key alone
+     * @return the code for the public key only
      */
-    long renameKeyPair(byte[] id, byte[] newId, byte[] label) {
+    long updateKeyPair(byte[] id, byte[] newId, byte[] label) {
         return Smartcard.updateKeyPairIDAndLabelDLL(slot.index(), id, newId, label);
     }
 
@@ -124,7 +124,7 @@ record SmartcardWriter(SmartcardSlot slot) {
         if (!slot.publicKeys(id).isEmpty()) {
             left.add("a public key with the ID " + HexFormat.of().formatHex(id));
         }
-        slot.requireToken(); // some modules list nothing for a removed token
+        slot.requireToken(); // otherwise the listings may be wrong
         return left;
     }
 

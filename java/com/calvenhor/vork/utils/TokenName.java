@@ -2,7 +2,7 @@ package com.calvenhor.vork.utils;
 
 import static com.calvenhor.vork.utils.SmartcardException.CRYPTOKI_ALREADY_INITIALIZED;
 import static com.calvenhor.vork.utils.SmartcardException.CRYPTOKI_NOT_INITIALIZED;
-import static com.calvenhor.vork.utils.SmartcardException.INSERT;
+import static com.calvenhor.vork.utils.SmartcardException.INSERT_OR_REBIND;
 import static com.calvenhor.vork.utils.SmartcardException.SESSION_HANDLE_INVALID;
 import static com.calvenhor.vork.utils.SmartcardException.TOKEN_NOT_PRESENT;
 
@@ -45,13 +45,16 @@ record TokenName(String module, long index, String label, String serialNumber) {
                 isSlot ? Long.parseLong(last) : ANY, null, null);
     }
 
-    /** Refuses each attribute of RFC 7512 that the natives cannot compare, since none must be ignored. */
+    /**
+     * Refuses each attribute that the native methods cannot compare: if it were ignored, another token could match.
+     * Ignores manufacturer and model beside a label or a serial number, which identify the token without them.
+     */
     private static TokenName ofUri(String uri) {
         String[] parts = uri.split("\\?", 2);
         Map<String, String> path = attributes(parts[0], ";");
         Map<String, String> query = attributes(parts.length < 2 ? "" : parts[1], "&");
         TokenName name = new TokenName(query.remove("module-path"), ANY, path.remove("token"), path.remove("serial"));
-        if (name.label != null || name.serialNumber != null) { // identify the token without these two
+        if (name.label != null || name.serialNumber != null) {
             path.keySet().removeAll(Set.of("manufacturer", "model"));
         }
         path.putAll(query);
@@ -71,7 +74,7 @@ record TokenName(String module, long index, String label, String serialNumber) {
                     continue;
                 }
             } catch (ArrayIndexOutOfBoundsException | IllegalArgumentException e) {
-                // Thrown below, as for an attribute that appears twice.
+                // Reported below, like an attribute that appears twice.
             }
             throw new InvalidParameterException("the URI attribute " + nameAndValue[0]
                     + " has no valid value or appears twice; " + SYNTAX);
@@ -89,12 +92,15 @@ record TokenName(String module, long index, String label, String serialNumber) {
             List<SmartcardSlot> tokens = LongStream.range(0, Smartcard.getSlotCountDLL()).mapToObj(SmartcardSlot::new)
                     .filter(SmartcardSlot::mayHaveToken).toList();
             if (tokens.isEmpty()) {
-                throw new SmartcardException("no token in the slots of "
-                        + (module == null ? "the bound module" : module), TOKEN_NOT_PRESENT, INSERT);
+                throw new SmartcardException("no initialised token in the slots of "
+                        + (module == null ? "the bound module" : module), TOKEN_NOT_PRESENT, INSERT_OR_REBIND);
             }
             List<SmartcardSlot> found = tokens.stream().filter(slot -> slot.matches(label, serialNumber)).toList();
             if (found.size() != 1) {
-                throw new IOException((found.isEmpty() ? "no token matches; the tokens are: "
+                throw new IOException((found.isEmpty() ? "no token has"
+                        + (label == null ? "" : " the label \"" + label + '"')
+                        + (label == null || serialNumber == null ? "" : " and")
+                        + (serialNumber == null ? "" : " the serial number " + serialNumber) + "; the tokens are: "
                         : "several tokens match; configure " + (module == null ? "SLOT" : module + "#SLOT")
                         + "; the tokens are: ")
                         + tokens.stream().map(SmartcardSlot::description).collect(Collectors.joining("; ")));
@@ -120,9 +126,9 @@ record TokenName(String module, long index, String label, String serialNumber) {
                     ? "; other code in this process has initialised the module" : "");
             return;
         }
-        // initDLL returns 0x191 for any module, but calls only the bound one. If another one is bound, the last code is
-        // still that of getSessionInfoDLL above.
-        require((Smartcard.readSlotDescriptionDLL(NO_SLOT)[0] & 0xFF) != SESSION_HANDLE_INVALID, "another module than "
+        // initDLL may return 0x191 for the bound module and for any other, but calls only the bound one. If another is
+        // bound, the last code is still the 0xB3 of getSessionInfoDLL above.
+        require((Smartcard.readSlotDescriptionDLL(NO_SLOT)[0] & 0xFF) != SESSION_HANDLE_INVALID, "a module other than "
                 + module + " is bound; call Smartcard.finalizeDLL first, or configure SLOT to use the bound module");
     }
 

@@ -1,5 +1,5 @@
 /**
- * Smart cards and USB tokens: the native methods of {@link com.calvenhor.vork.utils.Smartcard}, and the {@code
- * java.security} provider {@link com.calvenhor.vork.utils.SmartcardProvider} over them.
+ * Smart cards and USB tokens: the native methods of {@link com.calvenhor.vork.utils.Smartcard}, and
+ * {@link com.calvenhor.vork.utils.SmartcardProvider}, a {@code java.security} provider that uses them.
  */
 package com.calvenhor.vork.utils;

@@ -18,18 +18,17 @@ import java.util.stream.IntStream;
 import java.util.stream.LongStream;
 
 /**
- * Tries everything that the library can do with a module. Reports which steps worked, which the module refused, and
- * which results are inconsistent. Reads the token and signs a sentence with each visible key. With {@code --write} it
- * also creates, uses, renames and deletes keys and certificates with random IDs. Other objects stay unchanged.
+ * The command check: see the usage in {@link Main}. The keys and certificates that {@code --write} creates have random
+ * IDs. Other objects stay unchanged.
  */
 final class Check {
     private static final byte[] EXPONENT = {1, 0, 1};
     private static final byte[] SENTENCE = utf8("Signed to check a PKCS#11 module.");
     private static final byte[] LABEL = utf8("Module check");
     private static final byte[] NEW_LABEL = utf8("Module check, renamed");
-    private static final byte[] DIGEST_INFO = HexFormat.of().parseHex("3031300d060960864801650304020105000420");
+    private static final byte[] DIGEST_INFO_PREFIX = HexFormat.of().parseHex("3031300d060960864801650304020105000420");
 
-    private interface Steps {
+    private interface Action {
         void run() throws Exception;
     }
 
@@ -46,8 +45,8 @@ final class Check {
     private List<Token.Entry> certificates;
     private List<Token.Entry> publicKeys;
     private List<Token.Entry> privateKeys;
-    private boolean isUnreliable; // a listing, or the search by ID: a deletion could reach other objects
-    private boolean isEmpty; // the token
+    private boolean isUnreliable; // whether a listing or the search by ID is: a deletion could hit other objects
+    private boolean isTokenEmpty;
 
     private Check(Token token) {
         this.token = token;
@@ -76,7 +75,8 @@ final class Check {
 
     private static long firstToken() throws Token.Failure {
         return LongStream.range(0, Smartcard.getSlotCountDLL()).filter(Token::isInitialised).findFirst()
-                .orElseThrow(() -> new Token.Failure("no slot has an initialised token: insert the card"));
+                .orElseThrow(() -> new Token.Failure(
+                        "no slot has an initialised token: insert a card, or initialise the token"));
     }
 
     private void close() throws Token.Failure {
@@ -91,12 +91,12 @@ final class Check {
         }
     }
 
-    /** {@return whether a step worked, after printing its line} */
-    private boolean runStep(String name, Steps steps) {
+    /** Runs a step and prints its line; {@return whether it worked} */
+    private boolean runStep(String name, Action action) {
         Worker.beginStep(name);
         detail = "";
         try {
-            steps.run();
+            action.run();
             print(name, "worked", detail);
             return true;
         } catch (Token.Refused e) {
@@ -122,7 +122,8 @@ final class Check {
                 Token.require(Smartcard.getSlotInfoDLL(i) != -1, "getSlotInfoDLL returns no flags of slot " + i);
                 tokens += Smartcard.getSlotInfoDLL(i) & 1; // CKF_TOKEN_PRESENT
             }
-            Token.require((Smartcard.getSlotInfoDLL(slot) & 1) != 0, "a session is open, but no token is present");
+            Token.require((Smartcard.getSlotInfoDLL(slot) & 1) != 0,
+                    "a session is open, but getSlotInfoDLL reports no token");
             detail = Smartcard.getSlotCountDLL() + ", " + tokens + " with a token";
         });
         runStep("token", () -> {
@@ -143,12 +144,14 @@ final class Check {
             if (IntStream.of(types).allMatch(type -> type == 0)) {
                 throw new Token.Refused("getSupportedMechanismListDLL returns no list");
             }
-            Token.require(Arrays.equals(types, Smartcard.getSupportedMechanismListDLL(slot)), "two listings differ");
+            Token.require(Arrays.equals(types, Smartcard.getSupportedMechanismListDLL(slot)),
+                    "getSupportedMechanismListDLL returns another list the second time");
             List<String> unknown = IntStream.of(types).filter(type -> mechanism(type) == -1)
                     .mapToObj(type -> "0x" + Integer.toHexString(type)).toList();
-            Token.require(unknown.isEmpty(), types.length + ", no information on " + String.join(" ", unknown));
+            Token.require(unknown.isEmpty(), types.length + " mechanisms, but getMechanismInfoDLL fails for "
+                    + String.join(" ", unknown));
             Token.require(mechanism(1) == -1 || IntStream.of(types).anyMatch(type -> type == 1),
-                    types.length + ", RSA_PKCS is not listed, but has information");
+                    types.length + " mechanisms without RSA_PKCS, but getMechanismInfoDLL returns its flags");
             detail = types.length + "; RSA_PKCS: " + (mechanism(1) == -1 ? "no" : Names.mechanismFlags(mechanism(1)));
         });
         certificates = list("certificates", Token::certificates, Smartcard::readCertificateIDDLL);
@@ -157,10 +160,12 @@ final class Check {
         runStep("objects", () -> {
             long count = Smartcard.getObjectCountInTheTokenDLL(slot);
             int listed = certificates.size() + publicKeys.size() + privateKeys.size();
-            Token.require(count >= Math.min(20, listed), count + " are counted, but " + listed + " are listed");
-            Token.require(Smartcard.isCardEmptyDLL(slot) == Math.min(1, count),
-                    count + " are counted, but isCardEmptyDLL contradicts");
-            isEmpty = count == 0 && listed == 0 && !isUnreliable; // a failed search also counts 0 objects
+            Token.require(count >= Math.min(20, listed),
+                    count + " objects are counted, but " + listed + " are listed");
+            long seen = Smartcard.isCardEmptyDLL(slot);
+            Token.require(seen == Math.min(1, count),
+                    count + " objects are counted, but isCardEmptyDLL returns " + seen);
+            isTokenEmpty = count == 0 && listed == 0 && !isUnreliable; // a failed search also counts 0 objects
             detail = count == 20 ? "20 or more" : String.valueOf(count);
         });
         if (!certificates.isEmpty()) {
@@ -170,7 +175,7 @@ final class Check {
                 }
                 byte[] first = Token.data(Smartcard.readCertificateDLL(slot), "readCertificateDLL");
                 Token.require(Arrays.equals(first, certificates.get(0).values().get(0)),
-                        "readCertificateDLL returns another certificate than the first in the list");
+                        "readCertificateDLL does not return the first certificate of the listing");
             });
         }
         for (Token.Entry key : privateKeys) {
@@ -193,10 +198,10 @@ final class Check {
         boolean listed = runStep(name, () -> {
             found.addAll(listing.of(slot));
             requireSame(found, listing.of(slot));
-            // The listing has RSA keys only, the method reads the first key of any type: the IDs may differ.
+            // The listing has only RSA keys, but firstId reads the first key of any type. The IDs may differ.
             byte[] id = firstId.apply(slot);
             Token.require(found.isEmpty() || id.length != 1 || found.get(0).id().length == 1,
-                    found.size() + " are listed, but reading the first ID returns status " + Token.hex(id));
+                    found.size() + " objects are listed, but the first ID cannot be read: status 0x" + Token.hex(id));
             detail = String.valueOf(found.size());
         });
         isUnreliable |= !listed;
@@ -209,8 +214,8 @@ final class Check {
             if (Arrays.equals(signature, new byte[1])) {
                 // More data than any key accepts: if the key is found, the module refuses it with another code.
                 byte[] refusal = Smartcard.signWithIDDLL(slot, new byte[2000], id);
-                Token.require(!Arrays.equals(refusal, signature), "the key is listed, but is not found by its ID, or"
-                        + " refuses all data (CKR_FUNCTION_REJECTED); --traces FILE has the code");
+                Token.require(!Arrays.equals(refusal, signature), "the listed key is not found by its ID, or the token"
+                        + " refuses all data (CKR_FUNCTION_REJECTED); --traces FILE shows the code");
                 throw new Token.Refused("signWithIDDLL: status 0x00, for example CKR_FUNCTION_REJECTED (0x200)");
             }
             Token.data(signature, "signWithIDDLL");
@@ -223,8 +228,8 @@ final class Check {
 
     private static byte[] digestInfo() throws GeneralSecurityException {
         byte[] digest = MessageDigest.getInstance("SHA-256").digest(SENTENCE);
-        byte[] digestInfo = Arrays.copyOf(DIGEST_INFO, DIGEST_INFO.length + digest.length);
-        System.arraycopy(digest, 0, digestInfo, DIGEST_INFO.length, digest.length);
+        byte[] digestInfo = Arrays.copyOf(DIGEST_INFO_PREFIX, DIGEST_INFO_PREFIX.length + digest.length);
+        System.arraycopy(digest, 0, digestInfo, DIGEST_INFO_PREFIX.length, digest.length);
         return digestInfo;
     }
 
@@ -239,7 +244,7 @@ final class Check {
 
     private void write() throws GeneralSecurityException {
         if (isUnreliable) {
-            print("all write steps", "skipped", "they could change other objects: see the results above");
+            print("all write steps", "skipped", "the results above are unreliable: a deletion could hit other objects");
             return;
         }
         Message.send(Message.Kind.WRITES, "");
@@ -249,8 +254,8 @@ final class Check {
     }
 
     /** {@return the objects that an earlier check left, found by their labels, with the steps that delete each} */
-    private Map<String, Steps> findLeftovers() {
-        Map<String, Steps> found = new LinkedHashMap<>();
+    private Map<String, Action> findLeftovers() {
+        Map<String, Action> found = new LinkedHashMap<>();
         runStep("objects left by a check", () -> {
             for (Token.Entry entry : ownObjects(Token.privateKeys(slot))) {
                 found.put("private key " + entry, () -> Token.check(Smartcard.deletePrivateKeyDLL(slot, entry.id()),
@@ -298,7 +303,7 @@ final class Check {
         });
         if (generated) {
             sign("sign with the generated key", id);
-            rename("change the pair's ID and label", id, otherId);
+            updateKeyPair("change the pair's ID and label", id, otherId);
         }
         runStep("delete the pair", () -> deleteKeyPair(id, otherId));
     }
@@ -322,13 +327,14 @@ final class Check {
         });
         if (imported) {
             sign("sign with the imported key", id);
-            rename("change the imported keys' label", id, id);
+            updateKeyPair("change the imported keys' label", id, id);
         }
-        if (imported && isEmpty) {
+        if (imported && isTokenEmpty) {
             runStep("change the certificate's label", () -> {
                 Token.check(Smartcard.setCertificateLabelDLL(null, slot), "setCertificateLabelDLL");
                 if (!Arrays.equals(Smartcard.readCertificateLabelDLL(slot), Smartcard.readPublicKeyLabelDLL(slot))) {
-                    throw new Token.Refused("setCertificateLabelDLL: --traces FILE has the code");
+                    throw new Token.Refused(
+                            "setCertificateLabelDLL did not change the label; --traces FILE shows the code");
                 }
             });
         }
@@ -336,7 +342,7 @@ final class Check {
             deleteKeyPair(id);
             deleteCertificate(identity);
         });
-        if (!isEmpty) {
+        if (!isTokenEmpty) {
             print("steps that need an empty token", "skipped", "the token is not empty");
             return;
         }
@@ -356,7 +362,7 @@ final class Check {
         });
     }
 
-    private void rename(String name, byte[] id, byte[] newId) {
+    private void updateKeyPair(String name, byte[] id, byte[] newId) {
         runStep(name, () -> {
             Token.check(Smartcard.updateKeyPairIDAndLabelDLL(slot, id, newId, NEW_LABEL), "updateKeyPairIDAndLabelDLL");
             requireAdded(publicKeys, Token.publicKeys(slot), newId, NEW_LABEL);
@@ -396,7 +402,7 @@ final class Check {
     /** Requires the same objects with the same values, in any order. */
     private static void requireSame(List<Token.Entry> some, List<Token.Entry> others) throws Token.Failure {
         Token.require(content(some).equals(content(others)),
-                "two listings differ that should be equal: " + some.size() + " and " + others.size() + " objects");
+                "two listings that should be equal differ (" + some.size() + " and " + others.size() + " objects)");
     }
 
     private static List<String> content(List<Token.Entry> entries) {

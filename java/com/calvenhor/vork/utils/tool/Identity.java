@@ -15,7 +15,7 @@ import java.util.HexFormat;
 import java.util.List;
 import javax.security.auth.x500.X500Principal;
 
-/** An RSA key and its certificate, to be written to a token with this ID. */
+/** An RSA key and its certificate, and the ID under which both are written to a token. */
 record Identity(RSAPrivateCrtKey key, X509Certificate certificate, byte[] id) {
     private static final int SEQUENCE = 0x30;
 
@@ -29,18 +29,18 @@ record Identity(RSAPrivateCrtKey key, X509Certificate certificate, byte[] id) {
                 der(0x17, "491231235959Z".getBytes(StandardCharsets.US_ASCII)));
         byte[] algorithm = HexFormat.of().parseHex("300d06092a864886f70d01010b0500"); // sha256WithRSAEncryption
         BigInteger serialNumber = new BigInteger(1, Arrays.copyOf(id, 8));
-        byte[] content = der(SEQUENCE, der(2, serialNumber.toByteArray()), algorithm, name, validity, name,
+        byte[] tbsCertificate = der(SEQUENCE, der(2, serialNumber.toByteArray()), algorithm, name, validity, name,
                 pair.getPublic().getEncoded());
         Signature signer = Signature.getInstance("SHA256withRSA");
         signer.initSign(pair.getPrivate());
-        signer.update(content);
+        signer.update(tbsCertificate);
         byte[] signature = signer.sign();
-        byte[] certificate = der(SEQUENCE, content, algorithm, der(3, new byte[1], signature));
+        byte[] certificate = der(SEQUENCE, tbsCertificate, algorithm, der(3, new byte[1], signature));
         return new Identity((RSAPrivateCrtKey) pair.getPrivate(),
                 Token.certificate(new Token.Entry(id, id, List.of(certificate))), id);
     }
 
-    /** Writes private key, public key and certificate, and checks that the token lists one key more of each kind. */
+    /** Writes both keys and the certificate. Requires that the token lists one more private and one more public key. */
     void write(long slot, byte[] label) throws GeneralSecurityException, Token.Failure {
         int privateKeys = Token.privateKeys(slot).size();
         int publicKeys = Token.publicKeys(slot).size();
@@ -51,10 +51,10 @@ record Identity(RSAPrivateCrtKey key, X509Certificate certificate, byte[] id) {
                 unsigned(key.getCrtCoefficient()), id, label), "writeCertificateAndPrivateKeyDLL");
         // The method returns the code of the certificate only.
         if (Token.privateKeys(slot).size() != privateKeys + 1) {
-            throw new Token.Refused("the private key is not on the token; --traces FILE has the code");
+            throw new Token.Refused("the private key is not on the token; --traces FILE shows the code");
         }
         if (Token.publicKeys(slot).size() != publicKeys + 1) {
-            throw new Token.Refused("the public key is not on the token; --traces FILE has the code");
+            throw new Token.Refused("the public key is not on the token; --traces FILE shows the code");
         }
     }
 

@@ -19,21 +19,24 @@ public final class Main {
                                 [--traces FILE]
             java -jar JAR --version | --help
 
-            show prints slots, tokens, certificates and keys. check tries everything that the library can do with a
-            module. It prints which steps worked, which the module refused (with the code), and which results contradict
-            another result. Only --write and --remove change the token. check signs a sentence with each key it finds.
-              --module PATH      the PKCS#11 module of the card's vendor; without it show tries all modules that it
+            show prints slots, tokens, certificates and keys. check tests what the library can do with a module: it
+            reads the token, and signs a fixed text with each key that it finds. It prints which steps worked, which the
+            module refused (with the code), and which results are inconsistent. Only --write and --remove change the
+            token.
+              --module PATH      the PKCS#11 module of the card's vendor; if omitted, show uses all modules that it
                                  finds: those in p11-kit's configuration, SoftHSM2 and OpenSC
               --slot N           the slot index, from 0; default: all slots for show, for check the first with a token
               --no-pin           do not log in: only public objects are visible
               --timeout SECONDS  the time limit for one call, 60 by default
-              --write            also generate, import, rename and delete keys and certificates, all labelled "Module
-                                 check"; if the token is empty, also delete all objects
+              --write            also generate, import, rename and delete keys and certificates, with labels that begin
+                                 with "Module check"; if the token was empty, also test the methods that delete all
+                                 certificates and all objects
               --remove           first delete the objects that an earlier --write left on the token
               --traces FILE      write the library's traces to FILE
 
-            The PIN comes from the environment variable SMARTCARD_PIN, which is sent only once, to the first token that
-            needs a PIN. If it is not set, the command prompts at the console. A token with a PIN pad prompts itself.
+            The PIN comes from the environment variable SMARTCARD_PIN. It is sent only once, to the first token that
+            needs a PIN; other tokens are read without a login. If it is not set, the command prompts at the console.
+            The PIN of a token with a PIN pad is entered at the PIN pad.
 
             Exit status: 0 each step worked or was refused with a code; 1 the module did not load, has no slot, or
             refused a session or the PIN; 2 wrong usage; 10 a result is inconsistent; 11 the module crashed;

@@ -14,7 +14,7 @@ import java.util.Set;
 import java.util.TreeMap;
 import java.util.stream.Stream;
 
-/** Finds installed PKCS#11 modules: those in p11-kit's configuration, SoftHSM2 and OpenSC. */
+/** Finds installed PKCS#11 modules, as the usage in {@link Main} lists them. */
 final class Modules {
     private static final List<String> FOLDERS = List.of(
             "/usr/lib/" + System.getProperty("os.arch").replace("amd64", "x86_64") + "-linux-gnu", "/usr/lib64",
@@ -61,7 +61,7 @@ final class Modules {
         return files.values();
     }
 
-    /** {@return the first existing candidate, or the first one if none exists; an absolute name is its own path} */
+    /** {@return the first existing candidate, or else the first one; an absolute name is returned unchanged} */
     private static Path locate(String name, String... subfolders) {
         List<Path> candidates = FOLDERS.stream().flatMap(folder -> Stream.of(subfolders)
                 .map(subfolder -> Path.of(folder, subfolder).resolve(name))).toList();

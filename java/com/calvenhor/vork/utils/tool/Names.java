@@ -4,7 +4,7 @@ import java.util.HashMap;
 import java.util.Map;
 import java.util.StringJoiner;
 
-/** The names of PKCS#11 flags, without their prefix. A flag that is not listed here is shown in hex. */
+/** Names for PKCS#11 flags. A flag without a name here is shown in hexadecimal. */
 final class Names {
     private static final Map<Long, String> SLOT_FLAGS = parseTable("1 TOKEN_PRESENT 2 REMOVABLE_DEVICE 4 HW_SLOT");
     private static final Map<Long, String> TOKEN_FLAGS = parseTable("""

@@ -18,6 +18,7 @@ record Options(String command, Map<String, String> values) {
         Deque<String> left = new ArrayDeque<>(List.of(arguments));
         String command = left.isEmpty() ? "" : left.remove();
         boolean isCheck = command.equals("check");
+        require(!command.isEmpty(), "the command is missing: show or check");
         require(isCheck || command.equals("show"), "the command must be show or check, not \"" + command + '"');
         Map<String, String> values = new LinkedHashMap<>();
         while (!left.isEmpty()) {
@@ -28,8 +29,9 @@ record Options(String command, Map<String, String> values) {
             require(!hasValue || !left.isEmpty(), option + " needs a value");
             values.put(option, hasValue ? left.remove() : "");
         }
-        require(values.getOrDefault("--slot", "0").matches("\\d{1,9}"), "--slot needs a slot index, from 0");
-        require(values.getOrDefault("--timeout", "1").matches("[1-9]\\d{0,5}"), "--timeout needs seconds, from 1");
+        require(values.getOrDefault("--slot", "0").matches("\\d{1,9}"), "--slot needs a slot index from 0");
+        require(values.getOrDefault("--timeout", "1").matches("[1-9]\\d{0,5}"),
+                "--timeout needs a number of seconds from 1 to 999999");
         require(!isCheck || values.containsKey("--module"), "check needs --module PATH");
         return new Options(command, values);
     }

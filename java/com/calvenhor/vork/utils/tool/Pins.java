@@ -4,10 +4,10 @@ import java.io.Console;
 import java.util.HashSet;
 import java.util.Set;
 
-/** Gets PINs. SMARTCARD_PIN is sent only once and a refused PIN never again, because a wrong PIN costs a try. */
+/** Gets PINs. SMARTCARD_PIN is sent only once, and a refused PIN never again: a token counts wrong PINs. */
 final class Pins {
     private static final Set<String> REFUSED = new HashSet<>();
-    private static String last;
+    private static String lastRequest; // the token and the PIN
     private static String receiver; // the token that got SMARTCARD_PIN
 
     private Pins() {
@@ -25,7 +25,7 @@ final class Pins {
         } else if (console == null) {
             return "-SMARTCARD_PIN is not set, and there is no console for a prompt";
         } else {
-            char[] entered = console.readPassword("PIN of %s, or just Enter for no login: ", token);
+            char[] entered = console.readPassword("PIN of %s (Enter: no login): ", token);
             if (entered == null || entered.length == 0) {
                 return "-no PIN was entered";
             }
@@ -36,12 +36,11 @@ final class Pins {
         if (pin.chars().anyMatch(c -> c < ' ' || Character.isSurrogate((char) c) || c == '\uFFFD')) {
             return "-the PIN contains a character that cannot be sent";
         }
-        last = token.replace(Token.FINAL_TRY, "") + '\n' + pin;
-        return REFUSED.contains(last) ? "-this PIN was refused before" : '+' + pin;
+        lastRequest = token.replace(Token.FINAL_TRY, "") + '\n' + pin;
+        return REFUSED.contains(lastRequest) ? "-this PIN was refused before" : '+' + pin;
     }
 
-    /** Records that the token has refused the last PIN. */
     static void recordRefusal() {
-        REFUSED.add(last);
+        REFUSED.add(lastRequest);
     }
 }

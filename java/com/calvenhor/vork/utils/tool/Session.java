@@ -47,7 +47,7 @@ final class Session {
     Session(Options options, boolean isOneOfMany) throws IOException {
         this.options = options;
         this.isOneOfMany = isOneOfMany;
-        // A core dump would contain the PIN. The JVM option covers a crash, the limit an abort() in the module.
+        // A core dump would contain the PIN. The JVM option prevents it after a crash, ulimit after an abort().
         List<String> command = new ArrayList<>(List.of("sh", "-c", "ulimit -c 0; exec \"$@\"", "sh",
                 System.getProperty("java.home") + "/bin/java", "--enable-native-access=ALL-UNNAMED",
                 "-XX:-CreateCoredumpOnCrash"));
@@ -152,7 +152,7 @@ final class Session {
         return fail(Main.CRASHED, "the module crashed in step: " + step + "; " + report);
     }
 
-    /** Makes the crash report unreadable for other users: it shows memory near the registers, perhaps the PIN. */
+    /** Makes the crash report unreadable for other users: it shows memory at addresses in registers, perhaps a PIN. */
     private String describeReport(Path report) {
         report.toFile().setReadable(false, false);
         report.toFile().setReadable(true);
@@ -183,7 +183,7 @@ final class Session {
         process.destroyForcibly();
     }
 
-    /** Runs when the first JVM exits, also at Ctrl-C. */
+    /** Runs when the first JVM exits, including after Ctrl-C. */
     private void shutDown() {
         isEnding = true;
         kill();

@@ -1,7 +1,6 @@
 package com.calvenhor.vork.utils.tool;
 
 import com.calvenhor.vork.utils.Smartcard;
-import com.calvenhor.vork.utils.SmartcardException;
 import java.security.GeneralSecurityException;
 import java.security.PublicKey;
 import java.security.cert.X509Certificate;
@@ -11,8 +10,10 @@ import java.util.stream.LongStream;
 
 /** Prints each slot of a module with its token, certificates and keys, and which keys and certificates match. */
 final class Show {
+    private static final byte NO_TOKEN = (byte) 0xE0; // CKR_TOKEN_NOT_PRESENT
+
     private final Options options;
-    private boolean hasFailed; // for some slot; the others are shown nevertheless
+    private boolean hasFailed; // whether a slot could not be shown; the others still are
 
     private Show(Options options) {
         this.options = options;
@@ -48,7 +49,8 @@ final class Show {
         Worker.print("  flags: " + Names.slotFlags(Smartcard.getSlotInfoDLL(slot)));
         byte[] label = Smartcard.readCardLabelDLL(slot);
         if (label.length == 1) {
-            Worker.print("  no token: " + SmartcardException.nameOf(label[0] & 0xFF));
+            Worker.print(label[0] == NO_TOKEN ? "  no token"
+                    : "  the token cannot be read: " + Token.refusal(label, "readCardLabelDLL").getMessage());
             return;
         }
         Worker.print("  token: \"" + Token.text(label) + "\", serial number "

@@ -19,7 +19,7 @@ import java.util.HexFormat;
 import java.util.List;
 import java.util.stream.LongStream;
 
-/** A session in a slot: login, listings, and the meaning of results. */
+/** The token in a slot, with an open session. Also checks the results of native methods. */
 final class Token {
     /** A step failed; the message is for the user. */
     static class Failure extends Exception {
@@ -47,7 +47,7 @@ final class Token {
         }
     }
 
-    /** Ends the name of a token that allows one more try of the PIN. */
+    /** Appended to a token's name if one try of the PIN is left. */
     static final String FINAL_TRY = " (final try)";
 
     private static final long LOGIN_REQUIRED = 4;
@@ -72,7 +72,7 @@ final class Token {
         Worker.beginStep("load and initialise the module");
         long code = Smartcard.initDLL(module);
         if (code == -1) {
-            throw new Failure(module + " cannot be loaded: " + whyNotLoaded(module));
+            throw new Failure(module + " cannot be loaded: " + explainLoadFailure(module));
         }
         require(code != -2, module + " is not a PKCS#11 module: it has no C_GetFunctionList");
         require(code != -3, module + " has no slot: connect the reader");
@@ -81,10 +81,11 @@ final class Token {
         require(options.slot() <= last, "slot " + options.slot() + " does not exist: the last slot is " + last);
     }
 
-    private static String whyNotLoaded(String module) {
+    private static String explainLoadFailure(String module) {
+        String path = Path.of(module).toAbsolutePath().toString();
         try {
-            System.load(Path.of(module).toAbsolutePath().toString());
-            return "--traces FILE has the reason";
+            System.load(path);
+            return "pass the absolute path, " + path; // a name without a slash is searched in the system's folders
         } catch (UnsatisfiedLinkError e) {
             return e.getMessage();
         }
@@ -169,7 +170,7 @@ final class Token {
         }
         List<Entry> entries = new ArrayList<>();
         for (int i = 1; i < listing.length; i += width) {
-            // The status of a code with low 8 bits 0 looks like success: only missing values show the failure.
+            // A null in a listing is a failure, also with a status of 0: see Smartcard.
             require(listing[i + width - 1] != null, call + " returned a listing with missing values");
             entries.add(new Entry(listing[i], listing[i + 1], List.of(listing).subList(i + 2, i + width)));
         }
@@ -222,7 +223,7 @@ final class Token {
     }
 
     /** A status has only the low 8 bits of a code: the message names all codes that end in them. */
-    private static Refused refusal(byte[] status, String call) {
+    static Refused refusal(byte[] status, String call) {
         List<String> names = LongStream.of(0, 0x100, 0x200).map(high -> high + (status[0] & 0xFF))
                 .mapToObj(Token::describe).filter(name -> name.startsWith("CKR_")).toList();
         return new Refused(String.format("%s: status 0x%02x", call, status[0])

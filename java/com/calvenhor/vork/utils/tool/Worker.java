@@ -9,8 +9,8 @@ import java.util.concurrent.BlockingQueue;
 import java.util.concurrent.LinkedBlockingQueue;
 
 /**
- * The second JVM, which calls the module. The module may crash or hang it. Its standard output has only the library's
- * traces, so all messages go to standard error. It ends when the first JVM ends.
+ * The second JVM, which calls the module. The module may crash or hang this JVM. Standard output is for the library's
+ * traces, so all messages go to standard error. The worker ends when the first JVM ends.
  */
 final class Worker {
     private static final BlockingQueue<String> REPLIES = new LinkedBlockingQueue<>();
