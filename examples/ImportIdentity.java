@@ -4,7 +4,10 @@ import java.nio.file.Path;
 import java.security.GeneralSecurityException;
 import java.util.Arrays;
 
-/** Imports a key and its certificate from a PKCS#12 file into a new token. Signs with it, renames it and deletes it. */
+/**
+ * Imports a key and its certificate from a PKCS#12 file into a new token. Signs with the key, changes the labels of key
+ * and certificate, and deletes both.
+ */
 public final class ImportIdentity {
     private static final byte[] LABEL = "Imported".getBytes();
     private static final byte[] NEW_LABEL = "Contracts".getBytes();
@@ -12,25 +15,25 @@ public final class ImportIdentity {
     private ImportIdentity() {
     }
 
-    /** @param arguments [--keep] MODULE FILE.p12 PASSWORD ALIAS; --keep does not delete the identity */
+    /** @param arguments [--keep] MODULE FILE.p12 PASSWORD ALIAS; with --keep key and certificate stay on the token */
     public static void main(String[] arguments) throws GeneralSecurityException, IOException {
         boolean keep = arguments[0].equals("--keep");
-        String[] a = keep ? Arrays.copyOfRange(arguments, 1, arguments.length) : arguments;
-        Recipes.check("initDLL", Smartcard.initDLL(a[0]));
+        String[] values = keep ? Arrays.copyOfRange(arguments, 1, arguments.length) : arguments;
+        Recipes.check("initDLL", Smartcard.initDLL(values[0]));
         try {
-            long slot = Recipes.newToken(a[0], 0, "12345678", "123456");
+            long slot = Recipes.newToken(values[0], 0, "12345678", "123456");
             Recipes.logIn(slot, "123456");
-            byte[] id = Recipes.importIdentity(slot, Path.of(a[1]), a[2].toCharArray(), a[3], LABEL);
-            Recipes.Entry entry = list(slot, LABEL);
+            byte[] id = Recipes.importIdentity(slot, Path.of(values[1]), values[2].toCharArray(), values[3], LABEL);
+            Recipes.Entry entry = showCertificate(slot, LABEL);
             Recipes.sign(slot, entry, "The key came from a file, and signs on the token.".getBytes());
             System.out.println("\n==> The imported key signs, and the certificate verifies the signature.");
 
             // The key pair keeps its ID, because the method does not change the ID of the certificate.
             Recipes.check("updateKeyPairIDAndLabelDLL", Smartcard.updateKeyPairIDAndLabelDLL(slot, id, id, NEW_LABEL));
-            list(slot, LABEL);
+            showCertificate(slot, LABEL);
             // The certificate gets the label of the public key.
             Recipes.check("setCertificateLabelDLL", Smartcard.setCertificateLabelDLL(null, slot));
-            list(slot, NEW_LABEL);
+            showCertificate(slot, NEW_LABEL);
             if (!keep) {
                 delete(slot, id);
             }
@@ -39,7 +42,7 @@ public final class ImportIdentity {
         }
     }
 
-    private static Recipes.Entry list(long slot, byte[] label) throws GeneralSecurityException, IOException {
+    private static Recipes.Entry showCertificate(long slot, byte[] label) throws GeneralSecurityException, IOException {
         Recipes.Entry entry = Recipes.certificates(slot).get(0);
         System.out.println("\n==> " + new String(entry.label()) + ": " + entry.certificate().getSubjectX500Principal());
         if (!Arrays.equals(entry.label(), label)) {

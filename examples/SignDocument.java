@@ -53,7 +53,7 @@ public final class SignDocument {
                 return slot;
             }
         }
-        throw new IOException("no slot has an initialised token: insert the card");
+        throw new IOException("no slot has an initialised token: insert a card, or initialise the token");
     }
 
     private static Key generate(long slot) throws GeneralSecurityException, IOException {
@@ -64,7 +64,7 @@ public final class SignDocument {
         return new Key(id, publicKey(modulus, EXPONENT));
     }
 
-    /** {@return the first private key whose public key is on the token too, as such or in a certificate} */
+    /** {@return the first private key whose public key is also on the token, as an object or in a certificate} */
     private static Key choose(long slot) throws GeneralSecurityException, IOException {
         byte[][] privateKeys = Smartcard.readAllRSAPrivateKeysDLL(slot);
         byte[][] publicKeys = Smartcard.readAllRSAPublicKeysDLL(slot);
@@ -81,7 +81,8 @@ public final class SignDocument {
                 }
             }
         }
-        throw new IOException("no RSA private key with its public key is visible: set SMARTCARD_PIN");
+        throw new IOException(
+                "no RSA private key with its public key is visible: set SMARTCARD_PIN, or generate a key");
     }
 
     private static PublicKey publicKey(byte[] modulus, byte[] exponent) throws GeneralSecurityException {
@@ -99,6 +100,6 @@ public final class SignDocument {
         if (!verifier.verify(signature)) {
             throw new IOException("the signature does not verify");
         }
-        System.out.println("\n==> The file verifies.");
+        System.out.println("\n==> The signature verifies.");
     }
 }

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# Usage: keystore.sh MODULE JAR. Generates, certifies, uses, renames and deletes a key on a token, with only keytool and
-# jarsigner. The module must have one token, SMARTCARD_PIN its PIN, and JAVA_HOME the path of the JDK.
+# Generates, certifies, imports, uses, renames and deletes keys on a token with the JDK's tools. The module must have
+# exactly one token. SMARTCARD_PIN holds its PIN, JAVA_HOME the path of the JDK.
 set -euo pipefail
-module=$1 jar=$2
+module=${1?usage: keystore.sh MODULE JAR} jar=${2?usage: keystore.sh MODULE JAR}
 folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
 cd "$folder"
@@ -48,7 +48,7 @@ step "Import the identity" keytool -importkeystore -srckeystore identity.p12 -sr
   -destkeypass ignored -destkeystore NONE -deststoretype Smartcard -deststorepass:env SMARTCARD_PIN "${provider[@]}"
 entries
 for alias in contracts identity ca; do
-  step "Delete the entry of $alias" keytool -delete -alias "$alias" "${token[@]}"
+  step "Delete the entry $alias" keytool -delete -alias "$alias" "${token[@]}"
 done
 entries | tee left
 grep -q '^Your keystore contains 0 entries' left

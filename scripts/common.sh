@@ -4,7 +4,8 @@
 # shellcheck disable=SC2034 # used by the commands
 version=$(sed -n 's/^project(.* VERSION \([0-9.]*\) .*/\1/p' "${root:?}/CMakeLists.txt")
 
-usage_error() {
+usage_error() { # problem
+  printf '%s\n\n' "$0: $1" >&2
   usage >&2
   exit 2
 }

@@ -37,7 +37,7 @@ test_signing() { # name of the test, the token's module, command...
   local what=$1 softhsm=$2
   shift 2
   run_and_tail 0 "$@" --fresh "$softhsm" "$root/README.md"
-  expect_output "$what" "The file verifies."
+  expect_output "$what" "The signature verifies."
 }
 
 step "Check the links of README.md"
@@ -104,7 +104,7 @@ chroot "\$1" java -cp /usr/share/java/smartcard.jar:/tmp/examples.jar \\
 TEXT
 run_and_tail 0 as_root mmdebstrap --variant=apt --customize-hook="sh '$tests/in_debian12' \"\$1\"" bookworm /dev/null \
   http://deb.debian.org/debian
-expect_output "Debian 12, java without options" "The file verifies."
+expect_output "Debian 12, java without options" "The signature verifies."
 
 if [ "$own_libc" ]; then
   echo "Skipped without Debian 11: the tests with an older libc, and those in a JVM for aarch64."

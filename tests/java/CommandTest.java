@@ -134,8 +134,8 @@ class CommandTest {
                 "(?s).*Max core file size +0 +0 .*"));
         signal("SEGV", worker);
         assertEnds(11);
-        Matcher report = Pattern.compile("the module crashed in step: (.+); the crash report, which may show the PIN, is "
-                + "in (.+)\n(?s:.*)\"Module check\".* deletes them:\n  java -jar (.+)\n").matcher(err());
+        Matcher report = Pattern.compile("the module crashed in step: (.+); the crash report, which may show the PIN, is"
+                + " in (.+)\n(?s:.*)\"Module check\".* deletes them:\n  java -jar (.+)\n").matcher(err());
         assertTrue(report.matches(), err());
         assertTrue(PosixFilePermissions.toString(Files.getPosixFilePermissions(Path.of(report.group(2))))
                 .matches("rw-(-..){2}"), report.group(2));
@@ -156,7 +156,8 @@ class CommandTest {
         Recipes.newToken(SOFTHSM2, 1, PIN, PIN);
         Smartcard.finalizeDLL();
         environment.put("SMARTCARD_PIN", "wrong");
-        assertContains(run(1, "show", "--module", SOFTHSM2), "CKR_PIN_INCORRECT (0xa0)", "SMARTCARD_PIN is sent only once");
+        assertContains(run(1, "show", "--module", SOFTHSM2), "CKR_PIN_INCORRECT (0xa0)",
+                "SMARTCARD_PIN is sent only once");
         assertEquals(1, run(0, "show", "--module", SOFTHSM2, "--no-pin").split("USER_PIN_COUNT_LOW").length - 1);
         run(1, "check", "--module", SOFTHSM2);
         assertContains(err(), "CKR_PIN_INCORRECT (0xa0)");
@@ -221,14 +222,14 @@ class CommandTest {
         Files.writeString(modules.resolve("b.module"), "module: nowhere.so\n");
         Files.writeString(modules.resolve("c.module"), "module:" + MOCK);
         String shown = run(12, "show", "--no-pin", "--timeout", "5");
-        assertContains(shown, CLIENT + "\n  the module did not return within 5 s", "nowhere.so cannot be loaded", MOCK + "\n\nSlot 0: ",
-                "libsofthsm2.so\n\nSlot 0: ", "\"YENIKART\"");
+        assertContains(shown, CLIENT + "\n  the module did not return within 5 s", "nowhere.so cannot be loaded",
+                MOCK + "\n\nSlot 0: ", "libsofthsm2.so\n\nSlot 0: ", "\"YENIKART\"");
         assertEquals("", err());
     }
 
     /** Uses ssh and an sshd of this user, or a pipe if sshd refuses the login. */
     @Test
-    void cardInAnotherMachine() throws Exception {
+    void cardOnAnotherMachine() throws Exception {
         String remote = "SOFTHSM2_CONF=" + System.getenv("SOFTHSM2_CONF") + " p11-kit remote " + SOFTHSM2;
         int port;
         try (ServerSocket free = new ServerSocket(0, 1, InetAddress.getLoopbackAddress())) {
@@ -242,8 +243,8 @@ class CommandTest {
                 + Files.readString(folder.resolve("host.pub")));
         String ssh = "ssh -q -F /dev/null -o BatchMode=yes -o UserKnownHostsFile=" + folder + "/hosts -i " + folder
                 + "/key -p " + port + " " + System.getProperty("user.name") + "@127.0.0.1";
-        start(List.of("sh", "-c", "exec /usr/sbin/sshd \"$@\"", "sshd"), "-D", "-E", folder + "/log", "-f", "/dev/null", "-h", folder + "/host", "-p",
-                "" + port, "-o", "ListenAddress=127.0.0.1", "-o", "AuthorizedKeysFile=" + folder + "/keys", "-o",
+        start(List.of("sh", "-c", "exec /usr/sbin/sshd \"$@\"", "sshd"), "-D", "-E", folder + "/log", "-f", "/dev/null",
+                "-h", folder + "/host", "-p", "" + port, "-o", "ListenAddress=127.0.0.1", "-o", "AuthorizedKeysFile=" + folder + "/keys", "-o",
                 "StrictModes=no", "-o", "UsePAM=no", "-o", "PidFile=none");
         Process sshd = process;
         Path log = folder.resolve("log");

@@ -154,9 +154,9 @@ class FaultyModuleTest {
         assertSigns();
     }
 
-    /** DocsTest finds the same codes when it moves the token's folder away from the real module. */
+    /** DocsTest finds the same codes when it moves the token's folder away from the genuine module. */
     @Test
-    void removedCardPassesForEmpty() {
+    void removedCardLooksEmpty() {
         module.remove(SLOT, Removal.EMPTY);
         assertEquals(3, Smartcard.getSlotInfoDLL(SLOT));
         assertStatus(5, Smartcard.readCardSerialNumberDLL(SLOT));
@@ -172,7 +172,7 @@ class FaultyModuleTest {
     }
 
     @Test
-    void removedCardIsCached() {
+    void dataOfARemovedCardIsCached() {
         module.remove(SLOT, Removal.CACHED);
         assertEquals(16, Smartcard.readCardSerialNumberDLL(SLOT).length);
         assertEquals(5, Smartcard.readAllRSAPublicKeysDLL(SLOT).length);

@@ -52,7 +52,10 @@ class KeyStoreChangeTest {
     private static Path tokens;
     private static FaultyModule module;
 
-    /** The objects after each change: kind, label, the key or certificate whose SHA-1 is the ID, the certificate. */
+    /**
+     * The objects after each change: kind, label, and the name of the key or certificate from which the ID is computed;
+     * for a certificate also its own name.
+     */
     private static final Map<String, String> RESULTS = Map.of(
             "import", "crt a a a-by-ca|crt b b b-by-other|crt ca ca ca|crt other other other|prv a a|prv b b|pub a a"
                     + "|pub b b",
@@ -108,7 +111,7 @@ class KeyStoreChangeTest {
         return chain;
     }
 
-    /** Replaces a folder by a copy of another. */
+    /** Replaces a folder with a copy of another folder. */
     private static void copy(Path from, Path to) throws IOException {
         if (Files.exists(to)) {
             try (Stream<Path> old = Files.walk(to)) {
@@ -128,7 +131,7 @@ class KeyStoreChangeTest {
         return store;
     }
 
-    /** Restores the token's initial contents. */
+    /** Restores the token's initial contents and loads the KeyStore. */
     private static KeyStore begin() throws Exception {
         Smartcard.finalizeDLL();
         copy(folder.resolve("before"), tokens);
@@ -149,7 +152,7 @@ class KeyStoreChangeTest {
 
     /** The objects on the token, as OpenSC's tool lists them. */
     private static Set<String> toolListing() throws Exception {
-        return new HashSet<>(List.of(tool("--list-objects").split("(?m)^(?=\\S)")));
+        return new HashSet<>(List.of(runTool("--list-objects").split("(?m)^(?=\\S)")));
     }
 
     /** The objects on the token, in the format of {@link #RESULTS}. */
@@ -202,7 +205,7 @@ class KeyStoreChangeTest {
         return sha1(modulus(certificate));
     }
 
-    /** The entries of a KeyStore. */
+    /** The kind of each entry and its certificate's hash code, by alias. */
     private static Map<String, String> entries(KeyStore store) throws Exception {
         Map<String, String> entries = new TreeMap<>();
         for (String alias : Collections.list(store.aliases())) {
@@ -233,7 +236,7 @@ class KeyStoreChangeTest {
             Map<String, String> after = entries(load());
             String contents = contents();
             assertEquals(RESULTS.get(name), contents, name);
-            assertTrue(name.contains("certificate") || calls.contains("C_Sign"), "tries the key: " + name);
+            assertTrue(name.contains("certificate") || calls.contains("C_Sign"), "the change signs with the key: " + name);
             for (int i = 0; i < calls.size(); i++) {
                 String function = calls.get(i);
                 boolean isReading = function.matches("C_(Find|Get).*");
@@ -343,9 +346,12 @@ class KeyStoreChangeTest {
         PrivateKey ofToken = (PrivateKey) store.getKey("a", null);
         PrivateKey ec = KeyPairGenerator.getInstance("EC").generateKeyPair().getPrivate();
         assertFails("CRT", each -> each.setKeyEntry("b", ec, null, chain("b-by-ca")), store);
-        assertFails("does not belong to the key", each -> each.setKeyEntry("b", key("b"), null, chain("a-by-ca", "ca")), store);
-        assertFails("does not belong to the key", each -> each.setKeyEntry("b", ofToken, null, chain("b-by-ca", "ca")), store);
-        assertFails("the entry of another key", each -> each.setKeyEntry("a", key("b"), null, chain("b-by-ca", "ca")), store);
+        assertFails("does not belong to the key",
+                each -> each.setKeyEntry("b", key("b"), null, chain("a-by-ca", "ca")), store);
+        assertFails("does not belong to the key",
+                each -> each.setKeyEntry("b", ofToken, null, chain("b-by-ca", "ca")), store);
+        assertFails("the entry of another key",
+                each -> each.setKeyEntry("a", key("b"), null, chain("b-by-ca", "ca")), store);
         assertFails("the entry of a key", each -> each.setCertificateEntry("a", chain("other")[0]), store);
         assertFails("X.509", each -> each.setCertificateEntry("other", null), store);
         assertFails("encrypted", each -> each.setKeyEntry("b", new byte[9], chain("b-by-ca")), store);
@@ -364,7 +370,7 @@ class KeyStoreChangeTest {
 
     // ---- Objects of other programs ----
 
-    /** Programs differ in the serial number; keys and certificates may share an ID; certificates may be alike. */
+    /** Serial numbers in other encodings, several objects with one ID, and copies of certificates. */
     @Test
     void objectsOfOtherPrograms() throws Exception {
         KeyStore store = begin();
@@ -432,14 +438,14 @@ class KeyStoreChangeTest {
 
         store = begin();
         write((X509Certificate) chain("a-by-ca")[0], new byte[0], new byte[] {7}, "a");
-        tool("--write-object " + folder.resolve("a.key") + " --type privkey --id 07");
+        runTool("--write-object " + folder.resolve("a.key") + " --type privkey --id 07");
         assertFails("under the IDs of several private keys", CHANGES.get("delete key"), store);
         assertFails("the entry of another key", CHANGES.get("renew"), store);
 
         for (String name : List.of("a-by-ca", "b-by-ca")) {
             store = begin();
             before = objects();
-            tool("--keypairgen --key-type EC:prime256v1 --id " + hex(idOf(name)));
+            runTool("--keypairgen --key-type EC:prime256v1 --id " + hex(idOf(name)));
             Map<String, String> pair = objects();
             pair.keySet().removeAll(before.keySet());
             assertNotNull(failure(name.equals("a-by-ca") ? "delete key" : "import", store));
@@ -447,8 +453,8 @@ class KeyStoreChangeTest {
         }
     }
 
-    private static String tool(String request) throws Exception {
-        String[] command = ("pkcs11-tool --module " + MODULE + " --login --pin 1234 " + request).split(" ");
+    private static String runTool(String options) throws Exception {
+        String[] command = ("pkcs11-tool --module " + MODULE + " --login --pin 1234 " + options).split(" ");
         return SoftTokenTest.output(new ProcessBuilder(command).redirectError(ProcessBuilder.Redirect.DISCARD));
     }
 
@@ -524,7 +530,7 @@ class KeyStoreChangeTest {
                 serialNumber, id, label.getBytes()));
     }
 
-    // ---- Logins, names and key pairs ----
+    // ---- Logins, URIs and key pairs ----
 
     @Test
     void logins() throws Exception {
@@ -563,7 +569,7 @@ class KeyStoreChangeTest {
     }
 
     @Test
-    void names() throws Exception {
+    void uris() throws Exception {
         begin();
         String path = "?module-path=" + module.path();
         String serial = new String(Smartcard.readCardSerialNumberDLL(0)).strip();

@@ -158,7 +158,7 @@ class KeyStoreTest {
         assertTrue(message.contains(sentence), message);
     }
 
-    /** Writes the certificate of "a" with each ID and label to the mock, after the key with the ID "mock" and junk. */
+    /** Fills the mock with the objects of MockTest.begin, and then with a's certificate under each ID and label. */
     private static void fillMock(String... idsAndLabels) throws Exception {
         MockTest.begin();
         for (int i = 0; i < idsAndLabels.length; i += 2) {
@@ -202,14 +202,14 @@ class KeyStoreTest {
                 assertNull(store.getKey(alias, null));
                 assertNull(store.getCertificateChain(alias));
             }
-            byte[] hash = MessageDigest.getInstance("SHA-256").digest(certificate.getEncoded());
-            found.add(alias.replace(HexFormat.of().formatHex(hash, 0, 4), "HASH").replaceAll("(one|two)-of", "any-of")
+            byte[] digest = MessageDigest.getInstance("SHA-256").digest(certificate.getEncoded());
+            found.add(alias.replace(HexFormat.of().formatHex(digest, 0, 4), "DIGEST").replaceAll("(one|two)-of", "any-of")
                     + ": " + entry);
         }
         assertEquals(store.size(), found.size());
         Collections.sort(found);
         assertEquals("""
-                /HASH: key, chain of 1, signs
+                /DIGEST: key, chain of 1, signs
                 CA: certificate
                 Köy: key, chain of 3, signs
                 Root: certificate
@@ -218,8 +218,8 @@ class KeyStoreTest {
                 other-algorithm: certificate
                 other-ca: certificate
                 pss: certificate
-                twin/HASH: key, chain of 1, signs
-                twin/HASH: key, chain of 1, signs
+                twin/DIGEST: key, chain of 1, signs
+                twin/DIGEST: key, chain of 1, signs
                 without-id: certificate
                 wrong: key, chain of 1, refuses
                 """, String.join("\n", found) + "\n");
@@ -240,12 +240,12 @@ class KeyStoreTest {
         fillMock("none", "X", "mock", "Y");
         store.load(null, "1".toCharArray());
         Certificate equal = CertificateFactory.getInstance("X.509").generateCertificates(
-                Files.newInputStream(folder.resolve("a.crt"))).iterator().next(); // which does not cache
+                Files.newInputStream(folder.resolve("a.crt"))).iterator().next(); // not a cached object
         assertNotSame(equal, store.getCertificate("Y"));
         assertEquals("Y", store.getCertificateAlias(equal));
     }
 
-    /** Two issuers signed each other, one of them three times. The chain takes the longest valid one and ends. */
+    /** a and b are issuers of each other, with three certificates of b. The chain has the one valid longest, and ends. */
     @Test
     void circleOfIssuers() throws Exception {
         MockTest.begin();
@@ -343,7 +343,7 @@ class KeyStoreTest {
 
     @Test
     @SuppressWarnings("deprecation")
-    void numbersAndParameters() throws Exception {
+    void numberAboveModulusAndParametersAreRefused() throws Exception {
         KeyPairGenerator generator = KeyPairGenerator.getInstance("RSA");
         generator.initialize(2047); // also 256 bytes
         KeyPair keys = generator.generateKeyPair();
@@ -360,7 +360,7 @@ class KeyStoreTest {
         assertThrows(InvalidParameterException.class, () -> signature.setParameter("saltLength", 32));
     }
 
-    /** Without a named provider, the JDK chooses by the key, at any position of this provider. */
+    /** If no provider is named, the JDK chooses it by the key, whatever the position of this provider. */
     @Test
     void choiceOfProvider() throws Exception {
         KeyStore store = load(first, "1234");
@@ -394,7 +394,7 @@ class KeyStoreTest {
         assertEquals(13, builder.getKeyStore().size());
 
         KeyStore store = load(second, "şifre1");
-        String alias = store.aliases().nextElement(); // its label looks like an alias with a hash
+        String alias = store.aliases().nextElement(); // its label looks like an alias with a digest
         assertTrue(alias.matches("x/01234567/[0-9a-f]{8}"), alias);
         assertTrue(signs(store, alias));
 
@@ -474,14 +474,15 @@ class KeyStoreTest {
         for (String argument : List.of(MODULE, MODULE + "#0")) {
             assertTokenIsMissing(argument);
         }
-        assertFails(IOException.class, "the last slot is 0; if a slot was added later", () -> load(MODULE + "#1", "1234"));
+        assertFails(IOException.class, "the last slot is 0; if a slot was added later",
+                () -> load(MODULE + "#1", "1234"));
         Smartcard.finalizeDLL();
         load(MODULE, "1234");
     }
 
     private static void assertTokenIsMissing(String argument) {
-        assertFails(SmartcardException.class, "insert the card; if it is inserted, call Smartcard.finalizeDLL and load again",
-                () -> load(argument, "1234"));
+        assertFails(SmartcardException.class, "insert the card; if it is inserted, call Smartcard.finalizeDLL and load"
+                + " again", () -> load(argument, "1234"));
     }
 
     @Test
@@ -514,17 +515,17 @@ class KeyStoreTest {
             boolean isEmpty = removal == Removal.EMPTY;
             for (String argument : List.of(module.path(), first, "" + slot)) {
                 KeyStore store = load(argument, "1234");
-                for (boolean isTried : new boolean[] {false, true}) {
+                for (boolean loadsWhileRemoved : new boolean[] {false, true}) {
                     assertTrue(signs(store, "Köy"));
                     module.remove(slot, removal);
                     assertCode(isEmpty ? 0x82 : 0x32, isEmpty ? "" : "insert the card if it was removed",
                             () -> sign(store, "Köy"));
-                    if (isTried) {
+                    if (loadsWhileRemoved) {
                         Smartcard.logoutDLL(slot); // so that a load needs the PIN
                         assertTokenIsMissing(argument);
                     }
                     module.insert(slot);
-                    if (isEmpty) { // until a rebind
+                    if (isEmpty) { // the slot stays empty until a rebind
                         assertTokenIsMissing(argument);
                         Smartcard.finalizeDLL();
                         Smartcard.initDLL(module.path());

@@ -16,7 +16,7 @@ class LoaderTest {
     private static final String NOT_ON_LIBRARY_PATH = "-Djava.library.path=/nowhere";
 
     @TempDir
-    private Path jar; // a folder on the class path
+    private Path jar; // a folder on the class path in its place
     @TempDir
     private Path temporary;
 
@@ -133,7 +133,8 @@ class LoaderTest {
     void deniedNativeAccessIsExplained() throws Exception {
         Assumptions.assumeTrue(Runtime.version().feature() >= 24, "older JDKs deny nothing");
         String deny = "--illegal-native-access=deny";
-        String classes = Path.of(Smartcard.class.getProtectionDomain().getCodeSource().getLocation().toURI()).toString();
+        String classes = Path.of(Smartcard.class.getProtectionDomain().getCodeSource().getLocation().toURI())
+                .toString();
         String module = Smartcard.class.getPackageName();
         assertFailed(load(deny), "--enable-native-access=ALL-UNNAMED", "IllegalCallerException");
         assertFailed(load(deny, "-p", classes, "--add-modules", module), "--enable-native-access=" + module, "Illegal");

@@ -56,7 +56,10 @@ class MockTest {
         Smartcard.writeAttributeCertificateDLL(0, NAME);
     }
 
-    /** Arguments that succeed. The first number is the slot index; 1 is the user, a PIN's length or CKM_RSA_PKCS. */
+    /**
+     * Arguments of a successful call. The first number is the slot index 0. The others are 1: the user, the length of a
+     * PIN, or CKM_RSA_PKCS. A modulus has 1024 bits.
+     */
     static Object[] arguments(Method method) {
         List<Class<?>> types = List.of(method.getParameterTypes());
         return IntStream.range(0, types.size()).mapToObj(i -> types.get(i) == byte[].class ? NAME
@@ -74,7 +77,7 @@ class MockTest {
                 : method.getName().matches("get.*|isCardEmptyDLL|decryptDLL") ? (long) result > 0 : (long) result == 0;
     }
 
-    /** Makes random calls, some with bad arguments, some of which fail in the module. */
+    /** Makes random calls. Some have bad arguments, and in some a call of the module fails. */
     private static void callAtRandom(int times, Random random, Set<String> succeeded) throws Exception {
         for (int i = 0; i < times; i++) {
             Method method = NATIVES.get(random.nextInt(NATIVES.size()));
@@ -105,7 +108,7 @@ class MockTest {
         begin();
         Set<String> succeeded = new ConcurrentSkipListSet<>();
         for (ThreadFactory kind : Threads.kinds()) {
-            assertFlat(() -> Threads.run(kind, 4, thread -> callAtRandom(20_000, new Random(thread), succeeded)));
+            assertMemoryIsFlat(() -> Threads.run(kind, 4, thread -> callAtRandom(20_000, new Random(thread), succeeded)));
         }
         assertEquals(NATIVES.stream().map(Method::getName).collect(Collectors.toCollection(TreeSet::new)), succeeded);
 
@@ -116,10 +119,10 @@ class MockTest {
     }
 
     /**
-     * Expects a round that uses no more memory than the one before. A leak grows in every round. The first round warms
-     * up, and the JIT compiler may use memory in any round.
+     * Expects that memory grows by less than 4 MiB in one of up to four rounds after the first, which warms up. A leak
+     * grows in every round; the JIT compiler may use memory in some.
      */
-    private static void assertFlat(Executable step) throws Throwable {
+    private static void assertMemoryIsFlat(Executable step) throws Throwable {
         long grown = Long.MAX_VALUE;
         for (int round = 0; round < 5 && (round < 2 || grown >= 4096); round++) {
             grown = -residentKiB();

@@ -53,10 +53,10 @@ class SunPkcs11Test {
         SoftTokenTest.createToken(module.path(), Files.createDirectory(folder.resolve("tokens")));
         Path identity = folder.resolve("identity.p12");
         SoftTokenTest.output(new ProcessBuilder(System.getProperty("java.home") + "/bin/keytool", "-genkeypair",
-                "-keyalg", "RSA", "-keysize", "2048", "-dname", "CN=Signer", "-alias", "signer", "-storepass", "changeit",
-                "-keystore",
-                identity.toString()).redirectErrorStream(true));
-        Recipes.importIdentity(SoftTokenTest.SLOT, identity, "changeit".toCharArray(), "signer", "Contracts".getBytes());
+                "-keyalg", "RSA", "-keysize", "2048", "-dname", "CN=Signer", "-alias", "signer", "-storepass",
+                "changeit", "-keystore", identity.toString()).redirectErrorStream(true));
+        Recipes.importIdentity(SoftTokenTest.SLOT, identity, "changeit".toCharArray(), "signer",
+                "Contracts".getBytes());
         Smartcard.finalizeDLL();
         logIn();
         sign();
@@ -100,7 +100,7 @@ class SunPkcs11Test {
         logIn();
         try {
             sign();
-        } catch (ProviderException e) { // the last fault was not used up
+        } catch (ProviderException e) { // the last requested failure was still pending
             sign();
         }
     }

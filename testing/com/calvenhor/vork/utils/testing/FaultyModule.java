@@ -15,8 +15,8 @@ import java.util.Locale;
 import java.util.Objects;
 
 /**
- * A PKCS#11 module for tests of applications. It passes every call on to a genuine module, until a test makes it fail,
- * hang, crash, remove the card or lock the PIN.
+ * A PKCS#11 module for tests of applications. It passes every call on to a genuine module, except for the failures that
+ * a test sets: errors, delays, hangs, crashes, removed cards and locked PINs.
  * <pre>{@code
  * try (FaultyModule module = FaultyModule.before("/usr/lib/softhsm/libsofthsm2.so")) {
  *     Smartcard.initDLL(module.path()); // or SmartcardProvider, SunPKCS11, ...
@@ -27,25 +27,23 @@ import java.util.Objects;
  *
  * <h2>Functions</h2>
  * A parameter {@code function} is a name from PKCS#11 2.40, such as {@code "C_Sign"}. Any other name throws an
- * {@link IllegalArgumentException}. A call is counted and recorded when it begins. It then hangs, is delayed, and fails
- * or is passed on, in this order. A failing call does not reach the genuine module, but ends the operation that such a
- * failure ends in PKCS#11. After a failed {@code C_Sign} the next {@code C_SignInit} succeeds.
+ * {@link IllegalArgumentException}. A call is counted and recorded when it begins. The settings then apply in this
+ * order: crash, hang, delay, failure. A failing call does not reach the genuine module. If PKCS#11 ends the operation
+ * on such a failure, this module ends it: after a failed {@code C_Sign} the next {@code C_SignInit} succeeds.
  *
  * <h2>Slots</h2>
  * A parameter {@code slot} is an index, from 0, in the list of {@code C_GetSlotList(false)}. A negative index throws an
- * {@link IllegalArgumentException}; an index that the genuine module does not have has no effect. Settings of a slot
- * may be made before {@code C_Initialize}, and survive {@code C_Finalize}.
- * <ul>
- * <li>{@code C_WaitForSlotEvent} reports events of the genuine module only, not {@link #remove(long) remove} or
- *     {@link #insert insert}.
- * <li>{@link #slots slots} takes effect, and {@link Removal#EMPTY} ends, only at a {@code C_Initialize} that succeeds.
- *     It fails if the process has already initialised the genuine module.
- * </ul>
+ * {@link IllegalArgumentException}; an index beyond the genuine module's list has no effect. Settings of a slot may be
+ * made before {@code C_Initialize}, and survive {@code C_Finalize}.
+ * <p>{@link #slots slots} takes effect, and {@link Removal#EMPTY} ends, only at a {@code C_Initialize} that succeeds.
+ * {@code C_Initialize} fails if the process has already initialised the genuine module.
+ * <p>{@code C_WaitForSlotEvent} reports only events of the genuine module, not {@link #remove(long) remove} or
+ * {@link #insert insert}.
  *
  * <h2>Threads</h2>
  * Any thread may call any method, also during calls of the module. No method waits for a call of the module.
  *
- * <p>The class needs Linux on x86-64 or aarch64. From JDK 24 on the JVM warns unless it runs with
+ * <p>The class needs Linux on x86-64 or aarch64. JDK 24 or later warns unless it runs with
  * {@code --enable-native-access=ALL-UNNAMED}, or {@code --enable-native-access=com.calvenhor.vork.utils.testing} on the
  * module path.
  */
@@ -60,17 +58,18 @@ public final class FaultyModule implements AutoCloseable {
         STANDARD,
         /**
          * Like SoftHSM2, which goes on as if the card were present and empty. The slot keeps CKF_TOKEN_PRESENT, and its
-         * sessions and login stay valid. Searches find nothing. Calls with an object handle return CKR_OBJECT_HANDLE_INVALID
-         * (0x82). {@code C_GetTokenInfo}, logins and writes return CKR_GENERAL_ERROR (5). The next {@code C_Initialize}
-         * ends this state; {@link FaultyModule#insert insert} alone does not.
+         * sessions and login stay valid. Searches find nothing. Calls with an object handle return
+         * CKR_OBJECT_HANDLE_INVALID (0x82). {@code C_GetTokenInfo}, a first login, a PIN change and the creation of an
+         * object return CKR_GENERAL_ERROR (5); a second login returns CKR_USER_ALREADY_LOGGED_IN (0x100). The next
+         * {@code C_Initialize} ends this state; {@link FaultyModule#insert insert} alone does not.
          */
         EMPTY,
         /**
-         * Like OpenSC, which checks the reader in {@code C_GetSlotInfo} only. Until the application calls it for the
-         * slot, token data, sessions, searches and attributes are returned as before. Calls that need the card (login,
-         * signing, writing) return CKR_DEVICE_REMOVED (0x32); a second login returns CKR_USER_ALREADY_LOGGED_IN
-         * (0x100). {@code C_GetSlotInfo} then changes the state to {@link #STANDARD}. The sessions are lost even if a
-         * card was inserted before that call.
+         * Like OpenSC, which checks the reader in {@code C_GetSlotInfo} only. Until the application calls {@code
+         * C_GetSlotInfo} for the slot, token data, sessions, searches and attributes are as before. Calls that need the
+         * card (login, signing, writing) return CKR_DEVICE_REMOVED (0x32); a second login returns
+         * CKR_USER_ALREADY_LOGGED_IN (0x100). {@code C_GetSlotInfo} then changes the state to {@link #STANDARD}. The
+         * sessions are lost even if a card was inserted before that call.
          */
         CACHED
     }
@@ -95,11 +94,12 @@ public final class FaultyModule implements AutoCloseable {
     }
 
     /**
-     * Creates a module in front of a genuine one. Several may be in front of the same one; each has its own settings.
+     * Creates a module in front of a genuine module. Several may be in front of the same genuine module; each has its
+     * own settings.
      *
      * @param genuine the path of the genuine module, or a file name for the system's library search
      * @return a module that passes on all calls
-     * @throws UnsatisfiedLinkError if the genuine module cannot be loaded or is not a PKCS#11 module; the message says why
+     * @throws UnsatisfiedLinkError if the genuine module cannot be loaded or is not a PKCS#11 module
      * @throws UncheckedIOException if no file can be created in {@code java.io.tmpdir}
      */
     public static FaultyModule before(String genuine) {
@@ -194,8 +194,8 @@ public final class FaultyModule implements AutoCloseable {
     }
 
     /**
-     * Removes the card from a slot, which ends its sessions and logins. The slot has CKF_REMOVABLE_DEVICE (2) from now
-     * on, because applications need not expect a removal without this flag.
+     * Removes the card from a slot. The slot has CKF_REMOVABLE_DEVICE (2) from now on, because applications need not
+     * expect a removal without this flag.
      *
      * @param slot the slot's index
      * @param removal how the module behaves afterwards
@@ -205,7 +205,7 @@ public final class FaultyModule implements AutoCloseable {
     }
 
     /**
-     * Inserts the removed card again. Its former sessions and logins stay invalid.
+     * Inserts the removed card again. Sessions and logins that the removal ended stay invalid.
      *
      * @param slot the slot's index
      */
@@ -241,8 +241,8 @@ public final class FaultyModule implements AutoCloseable {
 
     /**
      * Renumbers the slots at the next {@code C_Initialize}, like readers that were plugged in again in another order.
-     * The list keeps its indexes and slot IDs, but each may refer to another slot: {@code slots(1, 0)} swaps the first
-     * two. Settings of a slot move with it.
+     * The list keeps its indexes and slot IDs, but they refer to other slots: {@code slots(1, 0)} swaps the first two.
+     * The settings of a slot move with the slot.
      *
      * @param order indexes in the genuine module's list, without duplicates. The other slots follow in their own order,
      *        so {@code slots()} restores the genuine order. Indexes that the genuine module does not have are ignored.
@@ -253,7 +253,7 @@ public final class FaultyModule implements AutoCloseable {
         slots(state(), order.clone());
     }
 
-    /** {@return the names of the functions called since the last {@code takeCalls} or the creation, in order} */
+    /** {@return the functions called since the last {@code takeCalls}, or since the module was created, in order} */
     public synchronized List<String> takeCalls() {
         String names = takeCalls(state());
         return names.isEmpty() ? List.of() : List.of(names.split(" "));
