@@ -134,8 +134,8 @@ class CommandTest {
                 "(?s).*Max core file size +0 +0 .*"));
         signal("SEGV", worker);
         assertEnds(11);
-        Matcher report = Pattern.compile("the module crashed in step: (.+); the crash report, which may show the PIN, is"
-                + " in (.+)\n(?s:.*)\"Module check\".* deletes them:\n  java -jar (.+)\n").matcher(err());
+        Matcher report = Pattern.compile("the module crashed in step: (.+); the crash report, which may show the PIN,"
+                + " is in (.+)\n(?s:.*)\"Module check\".* deletes them:\n  java -jar (.+)\n").matcher(err());
         assertTrue(report.matches(), err());
         assertTrue(PosixFilePermissions.toString(Files.getPosixFilePermissions(Path.of(report.group(2))))
                 .matches("rw-(-..){2}"), report.group(2));
@@ -244,8 +244,9 @@ class CommandTest {
         String ssh = "ssh -q -F /dev/null -o BatchMode=yes -o UserKnownHostsFile=" + folder + "/hosts -i " + folder
                 + "/key -p " + port + " " + System.getProperty("user.name") + "@127.0.0.1";
         start(List.of("sh", "-c", "exec /usr/sbin/sshd \"$@\"", "sshd"), "-D", "-E", folder + "/log", "-f", "/dev/null",
-                "-h", folder + "/host", "-p", "" + port, "-o", "ListenAddress=127.0.0.1", "-o", "AuthorizedKeysFile=" + folder + "/keys", "-o",
-                "StrictModes=no", "-o", "UsePAM=no", "-o", "PidFile=none");
+                "-h", folder + "/host", "-p", "" + port, "-o", "ListenAddress=127.0.0.1", "-o",
+                "AuthorizedKeysFile=" + folder + "/keys", "-o", "StrictModes=no", "-o", "UsePAM=no", "-o",
+                "PidFile=none");
         Process sshd = process;
         Path log = folder.resolve("log");
         while (sshd.isAlive() && !(Files.exists(log) && Files.readString(log).contains("listening"))) {

@@ -167,7 +167,7 @@ class FaultyModuleTest {
         assertStatus(0, sign());
         SoftTokenTest.assertOk(Smartcard.openSessionDLL(SLOT), Smartcard.logoutDLL(SLOT));
         assertEquals(5, Smartcard.loginDLL(SLOT, PIN, 1));
-        bindAgain(module);
+        rebind(module);
         assertSigns();
     }
 
@@ -190,7 +190,7 @@ class FaultyModuleTest {
     @Test
     void removalDuringACall() throws Exception {
         try (FaultyModule outer = FaultyModule.before(module.path())) {
-            bindAgain(outer);
+            rebind(outer);
             FutureTask<byte[]> signing = startHanging();
             outer.remove(SLOT);
             module.release();
@@ -199,7 +199,7 @@ class FaultyModuleTest {
         }
     }
 
-    private static void bindAgain(FaultyModule module) {
+    private static void rebind(FaultyModule module) {
         SoftTokenTest.assertOk(Smartcard.finalizeDLL(), Smartcard.initDLL(module.path()),
                 Smartcard.openSessionDLL(SLOT), Smartcard.loginDLL(SLOT, PIN, 1));
     }

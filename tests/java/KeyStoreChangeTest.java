@@ -236,7 +236,7 @@ class KeyStoreChangeTest {
             Map<String, String> after = entries(load());
             String contents = contents();
             assertEquals(RESULTS.get(name), contents, name);
-            assertTrue(name.contains("certificate") || calls.contains("C_Sign"), "the change signs with the key: " + name);
+            assertTrue(name.contains("certificate") || calls.contains("C_Sign"), "signs with the key: " + name);
             for (int i = 0; i < calls.size(); i++) {
                 String function = calls.get(i);
                 boolean isReading = function.matches("C_(Find|Get).*");

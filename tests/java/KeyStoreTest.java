@@ -203,8 +203,8 @@ class KeyStoreTest {
                 assertNull(store.getCertificateChain(alias));
             }
             byte[] digest = MessageDigest.getInstance("SHA-256").digest(certificate.getEncoded());
-            found.add(alias.replace(HexFormat.of().formatHex(digest, 0, 4), "DIGEST").replaceAll("(one|two)-of", "any-of")
-                    + ": " + entry);
+            found.add(alias.replace(HexFormat.of().formatHex(digest, 0, 4), "DIGEST")
+                    .replaceAll("(one|two)-of", "any-of") + ": " + entry);
         }
         assertEquals(store.size(), found.size());
         Collections.sort(found);
@@ -245,7 +245,7 @@ class KeyStoreTest {
         assertEquals("Y", store.getCertificateAlias(equal));
     }
 
-    /** a and b are issuers of each other, with three certificates of b. The chain has the one valid longest, and ends. */
+    /** a and b issued each other's certificates; b has three. The chain has the one valid longest, and ends. */
     @Test
     void circleOfIssuers() throws Exception {
         MockTest.begin();

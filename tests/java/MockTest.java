@@ -108,7 +108,8 @@ class MockTest {
         begin();
         Set<String> succeeded = new ConcurrentSkipListSet<>();
         for (ThreadFactory kind : Threads.kinds()) {
-            assertMemoryIsFlat(() -> Threads.run(kind, 4, thread -> callAtRandom(20_000, new Random(thread), succeeded)));
+            assertMemoryIsFlat(
+                    () -> Threads.run(kind, 4, thread -> callAtRandom(20_000, new Random(thread), succeeded)));
         }
         assertEquals(NATIVES.stream().map(Method::getName).collect(Collectors.toCollection(TreeSet::new)), succeeded);
 

@@ -8,7 +8,7 @@ final class Threads {
         void run(int thread) throws Exception;
     }
 
-    /** Platform threads, and virtual threads from JDK 21 up. */
+    /** Platform threads, and virtual threads on JDK 21 or later. */
     static List<ThreadFactory> kinds() throws ReflectiveOperationException {
         if (Runtime.version().feature() < 21) {
             return List.of(Thread::new);
