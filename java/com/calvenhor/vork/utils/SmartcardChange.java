@@ -27,7 +27,7 @@ import java.util.stream.Stream;
  * The caller holds the lock on {@link Smartcard} from the constructor on.
  */
 final class SmartcardChange {
-    private static final String NOT_SET = "the entry was not changed: ";
+    private static final String NOT_SET = "the entry was not set: ";
     private static final String NOT_DELETED = "the entry was not deleted: ";
 
     private final SmartcardSlot slot;

@@ -50,8 +50,8 @@ import javax.security.auth.login.LoginException;
  * sessions. {@code load} with a null or empty PIN logs in as follows:
  * <ul>
  * <li>A token with a PIN pad asks for the PIN itself.
- * <li>For any other token, {@code load} asks the callback handler, if one is set and the user is not logged in.
- * <li>Without a handler, only public objects are listed.
+ * <li>For any other token, {@code load} asks the callback handler if the user is not logged in. Without a handler, it
+ *     lists only public objects.
  * </ul>
  * {@code load} fails if a module other than the configured one is bound, or if another token is in the slot when the
  * handler returns. It throws a {@link SmartcardException} if the failure has a PKCS#11 code. For a wrong PIN the cause
@@ -73,8 +73,8 @@ import javax.security.auth.login.LoginException;
  *
  * <h2>Changes</h2>
  * A change is written to the token at once. {@code store} with null does nothing; with a stream it fails. A change
- * needs the login that the token requires. It lists the token before and after, so the KeyStore shows all objects of
- * that time. It writes new objects before it deletes old ones. If setting an entry fails before the first deletion, the
+ * needs the login that the token requires. It lists the token before and after, so the KeyStore then shows the current
+ * objects. It writes new objects before it deletes old ones. If setting an entry fails before the first deletion, the
  * new objects are deleted; the message of the {@link java.security.KeyStoreException} says what is left or unknown.
  * <ul>
  * <li>{@code setKeyEntry} with an RSA private key that has its CRT values imports the private key, the public key and

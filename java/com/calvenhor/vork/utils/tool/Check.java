@@ -215,7 +215,7 @@ final class Check {
                 // More data than any key accepts: if the key is found, the module refuses it with another code.
                 byte[] refusal = Smartcard.signWithIDDLL(slot, new byte[2000], id);
                 Token.require(!Arrays.equals(refusal, signature), "the listed key is not found by its ID, or the token"
-                        + " refuses all data (CKR_FUNCTION_REJECTED); --traces FILE shows the code");
+                        + " refuses all data (CKR_FUNCTION_REJECTED); --traces FILE has the code");
                 throw new Token.Refused("signWithIDDLL: status 0x00, for example CKR_FUNCTION_REJECTED (0x200)");
             }
             Token.data(signature, "signWithIDDLL");
@@ -334,7 +334,7 @@ final class Check {
                 Token.check(Smartcard.setCertificateLabelDLL(null, slot), "setCertificateLabelDLL");
                 if (!Arrays.equals(Smartcard.readCertificateLabelDLL(slot), Smartcard.readPublicKeyLabelDLL(slot))) {
                     throw new Token.Refused(
-                            "setCertificateLabelDLL did not change the label; --traces FILE shows the code");
+                            "setCertificateLabelDLL did not change the label; --traces FILE has the code");
                 }
             });
         }

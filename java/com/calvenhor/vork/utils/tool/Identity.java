@@ -51,10 +51,10 @@ record Identity(RSAPrivateCrtKey key, X509Certificate certificate, byte[] id) {
                 unsigned(key.getCrtCoefficient()), id, label), "writeCertificateAndPrivateKeyDLL");
         // The method returns the code of the certificate only.
         if (Token.privateKeys(slot).size() != privateKeys + 1) {
-            throw new Token.Refused("the private key is not on the token; --traces FILE shows the code");
+            throw new Token.Refused("the private key is not on the token; --traces FILE has the code");
         }
         if (Token.publicKeys(slot).size() != publicKeys + 1) {
-            throw new Token.Refused("the public key is not on the token; --traces FILE shows the code");
+            throw new Token.Refused("the public key is not on the token; --traces FILE has the code");
         }
     }
 
