@@ -127,5 +127,5 @@ cp "$tests/libraries/${module//.//}/linux-aarch64/libsmartcard.so" "$build/smart
 run_and_tail 4 ctest --test-dir "$build" --parallel "$(nproc)" --output-on-failure
 run_and_tail 14 "${java[@]}" -XX:+UseSerialGC -XX:+AlwaysPreTouch -Xms64m -Xmx64m \
   -cp "$jar:$build/tests/java/java_tests.jar:/usr/share/java/junit-platform-console-standalone.jar" \
-  "-Dmock=$build/tests/libmock_pkcs11.so" "-Dother=$build/tests/libother_pkcs11.so" \
+  "-Dmock=$build/tests/libmock_pkcs11.so" \
   org.junit.platform.console.ConsoleLauncher --disable-banner --disable-ansi-colors --select-class MockTest
