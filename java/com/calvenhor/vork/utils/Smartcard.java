@@ -67,8 +67,9 @@ package com.calvenhor.vork.utils;
  *     the slot since {@link #initDLL}. After a session was closed, the code is CKR_SESSION_HANDLE_INVALID (0xB3).
  * <dt>A <em>status</em>, in place of another {@code byte[]}
  * <dd>One byte, the low 8 bits of a code: {@code status[0] & 0xFF}. CKR_PIN_INCORRECT (0xA0) becomes 0xA0,
- *     CKR_USER_NOT_LOGGED_IN (0x101) becomes 1. Only the length distinguishes a status from data: give objects IDs and
- *     labels of at least two bytes.
+ *     CKR_USER_NOT_LOGGED_IN (0x101) becomes 1. Methods that read one value or sign also return 0, 1 or 2 with
+ *     another meaning. Only the length distinguishes a status from data: give objects IDs and labels of at least two
+ *     bytes.
  * <dt>A <em>listing</em> ({@code byte[][]})
  * <dd>Element 0 is a status; 0 means complete. The values of the first object follow, then those of the second, and so
  *     on. On failure the listing has only element 0, or null for each value that was not read. A code whose low 8 bits
@@ -149,9 +150,9 @@ public final class Smartcard {
     public static synchronized native long getSlotCountDLL();
 
     /**
-     * Ends all sessions and logins and unloads the module.
+     * Ends all sessions and logins and unloads the module, even if C_Finalize fails.
      *
-     * @return 0 or the module's code
+     * @return 0 or the module's code; CKR_CRYPTOKI_NOT_INITIALIZED (0x190) if no module is bound
      */
     public static synchronized native long finalizeDLL();
 
@@ -217,8 +218,8 @@ public final class Smartcard {
 
     /**
      * {@return the types (CKM_ values) of the token's mechanisms, in the module's order; empty if the module cannot
-     * count them, all 0 if it cannot list them} Types are cut to 32 bits, so vendor types (0x80000000 and up) are
-     * negative.
+     * count them, there is no such slot or memory is short; all 0 if the module cannot list them} Types are cut to 32
+     * bits, so vendor types (0x80000000 and up) are negative.
      * @param slotIndex the slot
      */
     public static synchronized native int[] getSupportedMechanismListDLL(long slotIndex);
@@ -315,14 +316,14 @@ public final class Smartcard {
      * Reports whether the session sees any object. 0 means empty.
      *
      * @param slotIndex the slot
-     * @return 0 if it sees none or C_FindObjects failed; 1 if it sees some; -1 if there is no session, or the search
+     * @return 0 if it sees none or C_FindObjects failed; 1 if it sees some; -1 as in a result code, or if the search
      *         could not begin or end
      */
     public static synchronized native long isCardEmptyDLL(long slotIndex);
 
     /**
-     * {@return the number of objects that the session sees, at most 20; 0 if the search fails; -1 if the slot never had
-     * a session}
+     * {@return the number of objects that the session sees, at most 20; 0 if the search fails; -1 as in a result
+     * code}
      * @param slotIndex the slot
      */
     public static synchronized native long getObjectCountInTheTokenDLL(long slotIndex);
@@ -548,7 +549,8 @@ public final class Smartcard {
      * @param id its ID
      * @param label its label
      * @return a result code. 0 does not mean that the certificate was destroyed: there may be none, or the search may
-     *         have failed. CKR_OPERATION_NOT_INITIALIZED (0x91) if the search could not begin.
+     *         have failed. If the search could not begin, the code of ending it, usually
+     *         CKR_OPERATION_NOT_INITIALIZED (0x91).
      */
     public static synchronized native long deleteCertificateDLL(long slotIndex, byte[] subject, byte[] issuer, byte[]
             serialNumber, byte[] id, byte[] label);
@@ -599,7 +601,8 @@ public final class Smartcard {
      * @param data as in {@link #signDLL}
      * @param id the key's ID
      * @return the signature, as long as the modulus; or a status: 0 if there is no such key,
-     *         CKR_OPERATION_NOT_INITIALIZED (0x91) if the token refused the key, otherwise the module's code
+     *         CKR_OPERATION_NOT_INITIALIZED (0x91) if the token refused the key or the search could not begin,
+     *         otherwise the module's code
      */
     public static synchronized native byte[] signWithIDDLL(long slotIndex, byte[] data, byte[] id);
 

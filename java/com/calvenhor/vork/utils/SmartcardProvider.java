@@ -50,35 +50,38 @@ import javax.security.auth.login.LoginException;
  * sessions. {@code load} with a null or empty PIN logs in as follows:
  * <ul>
  * <li>A token with a PIN pad asks for the PIN itself.
- * <li>For any other token, {@code load} asks the callback handler if the user is not logged in. Without a handler, it
- *     lists only public objects.
+ * <li>For any other token that requires a login, {@code load} asks the callback handler, unless the user is logged in.
+ *     Without a handler, or if the handler sets no PIN, it lists only public objects.
  * </ul>
  * {@code load} fails if a module other than the configured one is bound, or if another token is in the slot when the
- * handler returns. It throws a {@link SmartcardException} if the failure has a PKCS#11 code. For a wrong PIN the cause
- * of this exception is an {@link java.security.UnrecoverableKeyException}.
+ * handler returns. It throws a {@link SmartcardException} if the failure has a PKCS#11 code. For a wrong or
+ * unacceptable PIN the cause of this exception is an {@link java.security.UnrecoverableKeyException}.
  *
  * <p>While the user is logged in, {@code load} does not send the PIN, and succeeds even if it is wrong. To check a PIN,
  * call {@link #logout logout} first.
  *
  * <p>After the card was removed and inserted, {@code load} again; keys obtained earlier then work again. Some modules,
- * such as SoftHSM2, find a new or returning token only after a rebind. {@code load} then throws a
- * {@link SmartcardException}: call {@code finalizeDLL} and {@code load} again.
+ * such as SoftHSM2, find a new or returning token only after a rebind. {@code load} then throws an
+ * {@link IOException}, usually a {@link SmartcardException}: call {@code finalizeDLL} and {@code load} again.
  *
  * <h2>Entries</h2>
- * Each X.509 certificate is an entry; copies with one alias are one entry. An entry is a key entry if the certificate's
- * public key is RSA, its ID is not empty, and an RSA private key has the same ID. The chain has the issuers that are on
- * the token. Key passwords are not used.
- * <p>The alias is the label. It gets a suffix, "/" and the first four bytes of the certificate's SHA-256 in
- * hexadecimal, if the label is empty, is shared by different certificates, or already ends in such a suffix.
+ * Each X.509 certificate that Java can parse is an entry; copies with one alias are one entry. An entry is a key entry
+ * if the certificate's public key is RSA, its ID is not empty, and an RSA private key has the same ID. The chain has
+ * the issuers that are on the token. Key passwords are not used.
+ * <p>The alias is the label, without blanks around it and without control characters. It gets a suffix, "/" and the
+ * first four bytes of the certificate's SHA-256 in hexadecimal, if the label is empty, is shared by different
+ * certificates, or already ends in such a suffix.
  *
  * <h2>Changes</h2>
  * A change is written to the token at once. {@code store} with null does nothing; with a stream it fails. A change
  * needs the login that the token requires. It lists the token before and after, so the KeyStore then shows the current
  * objects. It writes new objects before it deletes old ones. If setting an entry fails before the first deletion, the
- * new objects are deleted; the message of the {@link java.security.KeyStoreException} says what is left or unknown.
+ * new objects are deleted. If only the labelling of the keys fails, the entry stays set. The message of the {@link
+ * java.security.KeyStoreException} says what is left or unknown.
  * <ul>
  * <li>{@code setKeyEntry} with an RSA private key that has its CRT values imports the private key, the public key and
- *     the certificate. The ID is the SHA-1 of the modulus. If the token has the key, only the certificate is written.
+ *     the certificate. The ID is the SHA-1 of the modulus. If an RSA private key of the token has this ID, no key is
+ *     written. If the alias is a certificate entry, its previous certificate is then deleted.
  * <li>{@code setKeyEntry} with a key of this token writes the certificate, deletes the previous certificate of the
  *     alias, and labels the key pair with the alias.
  * <li>Further certificates of the chain become certificate entries, unless the token has them.
@@ -86,12 +89,13 @@ import javax.security.auth.login.LoginException;
  *     previous certificate of the alias. It changes nothing if the alias has this certificate.
  * <li>{@code deleteEntry} of a key entry deletes the private key, the public key and the certificate, in this order. It
  *     deletes only the certificate if a certificate of another alias has the same ID. The issuers' certificates stay on
- *     the token. If a call of the module fails in between, repeat {@code deleteEntry}: if the entry is now a
- *     certificate entry, its public key with the same ID and label is deleted too, unless a private key has that ID.
+ *     the token. If a call of the module fails in between, repeat {@code deleteEntry}: {@code deleteEntry} of a
+ *     certificate entry also deletes the certificate's public key with the same ID and label, unless a private key has
+ *     that ID or a certificate of another alias needs the public key.
  * </ul>
- * A change is refused before anything is written if
+ * A change is refused before anything is written, for example if
  * <ul>
- * <li>the alias already belongs to the entry of another key
+ * <li>the alias belongs to the entry of another key ({@code setKeyEntry}) or of any key ({@code setCertificateEntry})
  * <li>the alias would not read back: it is empty, has blanks around it or control characters, ends in a suffix, or is
  *     the label of another certificate
  * <li>several keys have the ID of the key
@@ -103,13 +107,14 @@ import javax.security.auth.login.LoginException;
  *
  * <h2>Key pairs</h2>
  * A configured provider has a KeyPairGenerator "RSA". The token generates the pair, after a login, with 2,048 bits by
- * default. The private key never leaves the token. The pair has no entry until {@code setKeyEntry} gives it a
+ * default. If that fails, a {@link java.security.ProviderException} is thrown and the pair is deleted, or the message
+ * says what is left. The private key never leaves the token. The pair has no entry until {@code setKeyEntry} gives it a
  * certificate. Register the provider last: the first registered provider with a KeyPairGenerator "RSA" generates the
  * pairs of applications that name no provider.
  *
  * <h2>Keys</h2>
  * A key is identified by its slot index and its ID; keys with the same slot index and ID are equal. The provider
- * verifies each signature with the certificate before returning it. {@code sign} throws a
+ * verifies each signature with the public key of the certificate before returning it. {@code sign} throws a
  * {@link java.security.SignatureException} if another key with the same ID, or another card, has signed.
  *
  * <p>Several threads may share a provider, a KeyStore and its keys, and call {@link Smartcard} at the same time. Each
@@ -171,7 +176,8 @@ public final class SmartcardProvider extends AuthProvider {
      *        <li>a PKCS#11 URI (RFC 7512), such as
      *            {@code pkcs11:token=First;serial=0123?module-path=/usr/lib/vendor/pkcs11.so}. {@code token} and {@code
      *            serial} are compared with the label and the serial number of each token. {@code manufacturer} and
-     *            {@code model} are accepted only together with one of these two, and are ignored.
+     *            {@code model} are accepted only together with one of these two, and are ignored. Other attributes are
+     *            refused. Without {@code module-path} the bound module is used.
      *        </ul>
      * @throws NullPointerException if the argument is null
      * @throws java.security.InvalidParameterException if the argument is none of these
@@ -190,7 +196,8 @@ public final class SmartcardProvider extends AuthProvider {
      * {@return the slot index of the token, for the methods of {@link Smartcard}} Binds the module if none is bound.
      * The index is valid until a rebind.
      *
-     * @throws IOException if this provider is not configured, or the token is not found
+     * @throws IOException if this provider is not configured, its module cannot be bound, or not exactly one token
+     *         matches. A configured slot index is returned unchecked.
      */
     public long slotIndex() throws IOException {
         synchronized (Smartcard.class) {
@@ -231,8 +238,8 @@ public final class SmartcardProvider extends AuthProvider {
     }
 
     /**
-     * Logs the user out, for all threads and all other code in this process that uses the token. Does nothing without a
-     * login.
+     * Logs the user out, for all threads and all other code in this process that uses the token. Does nothing if the
+     * user is not logged in. Fails if the session was closed.
      *
      * @throws LoginException if this provider is not configured, or the token cannot be used
      */
@@ -248,7 +255,8 @@ public final class SmartcardProvider extends AuthProvider {
     }
 
     /**
-     * Sets the handler that provides the PIN if {@link #login login} gets no handler, or {@code KeyStore.load} no PIN.
+     * Sets the handler that provides the PIN if {@link #login login} gets no handler or {@code KeyStore.load} no PIN,
+     * and for the KeyPairGenerator.
      *
      * @param handler supports {@link PasswordCallback}; null for none
      */

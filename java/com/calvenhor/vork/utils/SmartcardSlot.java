@@ -125,7 +125,7 @@ record SmartcardSlot(long index) {
         }
     }
 
-    /** Succeeds even if there is no login or session. */
+    /** Succeeds if the user is not logged in, or no session was opened. */
     void logOut() throws IOException {
         long code = Smartcard.logoutDLL(index);
         check(code == -1 || code == USER_NOT_LOGGED_IN ? 0 : code, "logoutDLL in slot " + index, "");
