@@ -1,4 +1,5 @@
 // Rules that hold for every entry point, whatever fails. The cases come from the table of entry points.
+// A failure must change the result, unless the table lists it as swallowed: then the result must not change.
 
 #include <algorithm>
 #include <regex>
