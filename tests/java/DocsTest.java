@@ -325,7 +325,7 @@ class DocsTest {
             KeyStore identity = KeyStore.getInstance(file.toFile(), password);
             SSLContext client = KeyStoreRecipes.clientContext(store, identity);
             HttpsServer server = HttpsServer.create(new InetSocketAddress("localhost", 0), 0);
-            server.setHttpsConfigurator(new HttpsConfigurator(serverContext(identity, password)) {
+            server.setHttpsConfigurator(new HttpsConfigurator(KeyStoreTest.context(identity, password, identity)) {
                 @Override
                 public void configure(HttpsParameters parameters) {
                     SSLParameters needsClient = getSSLContext().getDefaultSSLParameters();
@@ -371,16 +371,6 @@ class DocsTest {
             Security.removeProvider("Smartcard");
             Smartcard.finalizeDLL();
         }
-    }
-
-    private static SSLContext serverContext(KeyStore identity, char[] password) throws Exception {
-        KeyManagerFactory keys = KeyManagerFactory.getInstance("PKIX");
-        keys.init(identity, password);
-        TrustManagerFactory clients = TrustManagerFactory.getInstance("PKIX");
-        clients.init(identity);
-        SSLContext context = SSLContext.getInstance("TLS");
-        context.init(keys.getKeyManagers(), clients.getTrustManagers(), null);
-        return context;
     }
 
     /** While the card is removed, the results are those in a column of the table in using.md. */

@@ -699,7 +699,7 @@ class KeyStoreTest {
                 () -> handshake(clients, servers, "TLSv1.3"));
     }
 
-    private static SSLContext context(KeyStore keys, char[] password, KeyStore trusted) throws Exception {
+    static SSLContext context(KeyStore keys, char[] password, KeyStore trusted) throws Exception {
         KeyManagerFactory keyManagers = KeyManagerFactory.getInstance("PKIX");
         keyManagers.init(keys, password);
         TrustManagerFactory trustManagers = TrustManagerFactory.getInstance("PKIX");
